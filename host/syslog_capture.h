@@ -1,0 +1,29 @@
+// Captures what the process writes to the system log.
+//
+// Linked into a host program, this library's syslog() and vsyslog() (and
+// their fortified forms) take the place of the C library's for every module
+// the program loads: each line is kept with its priority and its exact
+// formatted text, and optionally echoed to a stream.
+#pragma once
+
+#include <cstdio>
+#include <ostream>
+#include <string>
+#include <vector>
+
+namespace syslogcapture {
+
+struct Line {
+  int priority;
+  std::string text;
+  bool operator==(const Line& o) const { return priority == o.priority && text == o.text; }
+};
+std::ostream& operator<<(std::ostream& os, const Line& line);
+
+// The lines logged since the last Take() (at most the latest 10000), which
+// are then forgotten.
+std::vector<Line> Take();
+// Echo each line as it is logged to `stream` (nullptr: no echo).
+void SetEcho(FILE* stream);
+
+}  // namespace syslogcapture

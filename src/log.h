@@ -1,0 +1,13 @@
+// The module's one way of logging: "<source file>:<line> <message>" at error
+// priority. Each statement stays on one line so that its line number is the
+// line of the format.
+#pragma once
+
+#include <syslog.h>
+
+#include "talv/tlibc.h"
+
+#define PELLIX_LOG(fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
+
+// The core library's error state, for formats that end in "[0x%04X %s:%d]".
+#define TLIBC_ERROR_STATE TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine()
