@@ -1,0 +1,24 @@
+#!/usr/bin/env bash
+# Installs the Debian packages the project needs, when any is missing.
+# Idempotent, and silent when everything is already there.
+set -euo pipefail
+
+packages=(
+  cmake ninja-build g++ pkg-config binutils
+  libjsoncpp-dev libcurl4-openssl-dev libssl-dev openssl ca-certificates
+  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
+)
+
+missing=()
+for p in "${packages[@]}"; do
+  status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
+  [[ "$status" == "install ok installed" ]] || missing+=("$p")
+done
+[[ ${#missing[@]} -eq 0 ]] && exit 0
+
+sudo=()
+[[ $(id -u) -eq 0 ]] || sudo=(sudo)
+echo "Installing: ${missing[*]}" >&2
+export DEBIAN_FRONTEND=noninteractive
+"${sudo[@]}" apt-get update -qq >&2
+"${sudo[@]}" apt-get install -y -qq --no-install-recommends "${missing[@]}" >&2

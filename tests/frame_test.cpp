@@ -1,0 +1,158 @@
+// The module as the host sees it: its table, its lookup, the answer frame of
+// every handler, and survival of platform failures.
+#include <dlfcn.h>
+#include <link.h>
+
+#include <cstring>
+
+#include "seam/seam.h"
+#include "support/module_test.h"
+
+namespace pellixtest {
+namespace {
+
+using syslogcapture::Line;
+
+struct Row {
+  const char* api;
+  int version;
+  const char* method;
+  const char* handler;  // symbol name
+};
+
+const Row kRows[] = {
+    {"TALV.Core.PellixCenter", 1, "register", "_Z8RegisterPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "login", "_Z5LoginPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "login_by_key", "_Z10LoginByKeyPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "logout", "_Z6LogoutPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "register", "_Z11Register_v2PN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "query", "_Z5QueryPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "get_iframe_info", "_Z13GetIframeInfoPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "oauth_login", "_Z10OauthLoginPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter", 2, "handle_apikey_error",
+     "_Z17HandleApiKeyErrorPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter.Login", 1, "pkce_login", "_Z9PkceLoginPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter.Login", 1, "pkce_config_get",
+     "_Z13PkceConfigGetPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "_Z10PkceLogoutPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter.Purchase", 1, "list", "_Z12ListPurchasePN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter.Account", 1, "get", "_Z14GetAccountInfoPN4TALV10APIRequestEPNS_11APIResponseE"},
+    {"TALV.Core.PellixCenter.Account", 1, "set", "_Z14SetAccountInfoPN4TALV10APIRequestEPNS_11APIResponseE"},
+};
+
+class FrameTest : public ModuleTest {
+ protected:
+  void SetUp() override {
+    ModuleTest::SetUp();
+    handle_ = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
+    ASSERT_NE(handle_, nullptr) << dlerror();
+  }
+  void TearDown() override {
+    if (handle_) dlclose(handle_);
+    ModuleTest::TearDown();
+  }
+  void* handle_ = nullptr;
+};
+
+TEST_F(FrameTest, TableHoldsFifteenRowsInOrderAndAZeroRow) {
+  const TALV::APITableEntry* table = module().Table();
+  ASSERT_EQ(table, dlsym(handle_, "grgTable"));
+  using GetTable = TALV::APITableEntry* (*)();
+  EXPECT_EQ(reinterpret_cast<GetTable>(dlsym(handle_, "GetAPITable"))(), table) << "same address on every call";
+
+  for (size_t i = 0; i < 15; ++i) {
+    SCOPED_TRACE(kRows[i].method);
+    EXPECT_STREQ(table[i].szAPI, kRows[i].api);
+    EXPECT_EQ(table[i].iVersion, kRows[i].version);
+    EXPECT_EQ(table[i].iReserved, 0) << "upper half of the version slot";
+    EXPECT_STREQ(table[i].szMethod, kRows[i].method);
+    EXPECT_EQ(reinterpret_cast<void*>(table[i].pfnHandler), dlsym(handle_, kRows[i].handler));
+  }
+  static const unsigned char zero[32] = {};
+  EXPECT_EQ(std::memcmp(&table[15], zero, sizeof(zero)), 0);
+
+  // The exported object is exactly 16 rows of 32 bytes.
+  Dl_info info;
+  void* entry = nullptr;
+  ASSERT_NE(dladdr1(table, &info, &entry, RTLD_DL_SYMENT), 0);
+  const ElfW(Sym)* sym = static_cast<const ElfW(Sym)*>(entry);
+  ASSERT_NE(sym, nullptr);
+  EXPECT_STREQ(info.dli_sname, "grgTable");
+  EXPECT_EQ(sym->st_size, 512u);
+}
+
+TEST_F(FrameTest, LookupMatchesNameVersionAndMethodExactly) {
+  struct Probe {
+    const char* api;
+    int version;
+    const char* method;
+    int row;  // -1: none
+  } probes[] = {
+      {"TALV.Core.PellixCenter", 1, "login", -1},  // version 1 serves only register
+      {"TALV.Core.PellixCenter", 1, "register", 0},
+      {"TALV.Core.PellixCenter", 2, "register", 4},
+      {"TALV.Core.PellixCenter", 3, "query", -1},
+      {"TALV.Core.PellixCenter.Login", 1, "login", -1},  // "login" is only the tail of "pkce_login"
+      {"TALV.Core.PellixCenter.Login", 2, "pkce_login", -1},
+      {"TALV.Core.PellixCenter.Account", 1, "get", 13},
+      {"TALV.Core.PellixCenter.Account", 1, "GET", -1},
+      {"TALV.Core.PellixCenter.Accoun", 1, "get", -1},
+      {"", 0, "", -1},
+  };
+  for (const Probe& p : probes) {
+    SCOPED_TRACE(std::string(p.api) + " " + std::to_string(p.version) + " " + p.method);
+    const TALV::APITableEntry* row = module().Find(p.api, p.version, p.method);
+    EXPECT_EQ(row, p.row < 0 ? nullptr : module().Table() + p.row);
+  }
+  webapihost::Answer a = Call("TALV.Core.PellixCenter", 1, "login");
+  EXPECT_FALSE(a.found);
+  EXPECT_EQ(a.code, webapihost::kErrNoSuchMethod);
+  EXPECT_TRUE(talvseam::Journal().empty()) << "no handler ran";
+}
+
+// Methods whose work has not landed answer 3000 with null details, say so in
+// the log, and touch no platform service.
+TEST_F(FrameTest, MethodsOfLaterWorkAnswer3000) {
+  const char* const kPending[][2] = {
+      {"0", "register (version 1)"}, {"1", "login"}, {"2", "login_by_key"}, {"3", "logout"},
+      {"4", "register"}, {"7", "oauth_login"}, {"8", "handle_apikey_error"}, {"9", "pkce_login"},
+      {"10", "pkce_config_get"}, {"11", "pkce_logout"}, {"12", "list"}, {"14", "set"},
+  };
+  for (const auto& pending : kPending) {
+    const Row& row = kRows[std::stoi(pending[0])];
+    SCOPED_TRACE(row.method);
+    webapihost::Answer a = Call(row.api, row.version, row.method, J(R"({"account": "a@b.cd"})"));
+    EXPECT_TRUE(a.found);
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_FALSE(a.success);
+    EXPECT_EQ(a.code, 3000);
+    EXPECT_TRUE(a.data.isNull());
+    EXPECT_EQ(Logged(), std::vector<Line>{LogLine("NotAvailable", "%s is not available in this build", pending[1])});
+  }
+  EXPECT_TRUE(talvseam::Journal().empty());
+}
+
+// The k-th platform call fails, for every k that a handler reaches: every
+// handler still gives exactly one answer and lets nothing escape.
+TEST_F(FrameTest, EveryHandlerSurvivesTheFailureOfEachPlatformCall) {
+  talvpellix::SetBackend(nullptr);  // the offline library, unscripted
+  for (const Row& row : kRows) {
+    talvseam::ClearFaults();
+    Call(row.api, row.version, row.method);
+    const int calls = talvseam::CallCount();
+    for (int k = 0; k <= calls; ++k) {
+      SCOPED_TRACE(std::string(row.method) + ", failing call " + std::to_string(k));
+      for (bool persistent : {false, true}) {
+        talvseam::ClearFaults();
+        talvseam::InjectFault("*", k, persistent, 5);
+        webapihost::Answer a = Call(row.api, row.version, row.method);
+        EXPECT_FALSE(a.threw) << a.exception;
+        EXPECT_EQ(a.answers, 1);
+      }
+    }
+  }
+  Logged();
+}
+
+}  // namespace
+}  // namespace pellixtest

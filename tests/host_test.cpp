@@ -1,0 +1,110 @@
+// The host harness and webapi-host: what the host does around a handler.
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <stdexcept>
+
+#include "support/module_test.h"
+
+namespace pellixtest {
+namespace {
+
+using ::testing::_;
+using ::testing::Throw;
+
+// An exception that leaves a handler is caught at the boundary: the host
+// survives and reports that no answer was given.
+TEST_F(ModuleTest, ExceptionLeavingAHandlerIsCaughtByTheHost) {
+  EXPECT_CALL(backend_, QueryInfo(_, true, true)).WillOnce(Throw(std::runtime_error("library broke")));
+  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "query");
+  EXPECT_TRUE(a.found);
+  EXPECT_TRUE(a.threw);
+  EXPECT_EQ(a.exception, "library broke");
+  EXPECT_EQ(a.answers, 0);
+  EXPECT_FALSE(a.success);
+  EXPECT_EQ(a.code, webapihost::kErrUnknown);
+  EXPECT_EQ(webapihost::Envelope(a),
+            R"({"success":false,"error":{"code":100,"details":{"exception":"library broke"}}})");
+}
+
+TEST_F(ModuleTest, HostRefusesParametersThatAreNotAnObject) {
+  for (const char* params : {"[]", "1", "\"x\"", "null"}) {
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "query", J(params));
+    EXPECT_FALSE(a.found) << params;
+    EXPECT_EQ(a.answers, 0);
+  }
+  EXPECT_TRUE(Logged().empty());
+}
+
+TEST(Harness, ModuleThatCannotBeLoadedIsReported) {
+  std::string error;
+  EXPECT_EQ(webapihost::Module::Load("/nonexistent/pellixcenter.so", &error), nullptr);
+  EXPECT_NE(error.find("/nonexistent/pellixcenter.so"), std::string::npos) << error;
+  // A shared object without a table.
+  EXPECT_EQ(webapihost::Module::Load(SYSLOGCAPTURE_SO, &error), nullptr);
+  EXPECT_NE(error.find("no GetAPITable"), std::string::npos) << error;
+}
+
+struct HostRun {
+  int status;
+  std::string out;
+  std::string err;
+};
+
+HostRun WebapiHost(const std::string& args) {
+  char errPath[] = "/tmp/webapi-host-err-XXXXXX";
+  int fd = mkstemp(errPath);
+  close(fd);
+  HostRun run{-1, "", ""};
+  FILE* pipe = popen((std::string("'" WEBAPI_HOST "' ") + args + " 2>" + errPath).c_str(), "r");
+  char buffer[4096];
+  size_t n;
+  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) run.out.append(buffer, n);
+  int status = pclose(pipe);
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+  FILE* err = fopen(errPath, "r");
+  while ((n = fread(buffer, 1, sizeof(buffer), err)) > 0) run.err.append(buffer, n);
+  fclose(err);
+  unlink(errPath);
+  return run;
+}
+
+TEST(WebapiHost, Commands) {
+  struct Case {
+    const char* args;
+    int status;
+    const char* out;       // exact stdout
+    const char* errHas;    // a part of stderr
+  } cases[] = {
+      {"call TALV.Core.PellixCenter 2 query '{}'", 0, "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n",
+       ""},
+      {"call TALV.Core.PellixCenter 2 query", 0, "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n", ""},
+      {"call TALV.Core.PellixCenter.Account 1 get '{}'", 0,
+       "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n", ""},
+      {"call TALV.Core.PellixCenter 2 get_iframe_info '{}'", 1,
+       "{\"success\":false,\"error\":{\"code\":3002,\"details\":{}}}\n",
+       "<3> pellixcenter.cpp:"},
+      {"call TALV.Core.PellixCenter 1 login '{}'", 2, "{\"success\":false,\"error\":{\"code\":103,\"details\":null}}\n",
+       "no such method"},
+      {"call TALV.Core.PellixCenter 2 query '{\"a\":'", 2, "", "not JSON"},
+      {"call TALV.Core.PellixCenter 2 query '[1,2]'", 2, "", "must be a JSON object"},
+      {"call TALV.Core.PellixCenter two query", 2, "", "VERSION must be an integer"},
+      {"call TALV.Core.PellixCenter 2", 2, "", "usage:"},
+      {"frobnicate", 2, "", "unknown command"},
+      {"--module /nonexistent.so call TALV.Core.PellixCenter 2 query", 3, "", "cannot load module"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.args);
+    HostRun run = WebapiHost(c.args);
+    EXPECT_EQ(run.status, c.status) << run.err;
+    EXPECT_EQ(run.out, c.out);
+    EXPECT_NE(run.err.find(c.errHas), std::string::npos) << run.err;
+  }
+  HostRun list = WebapiHost("list");
+  EXPECT_EQ(list.status, 0);
+  EXPECT_EQ(list.out.substr(0, 34), "TALV.Core.PellixCenter 1 register\n");
+  EXPECT_EQ(std::count(list.out.begin(), list.out.end(), '\n'), 15);
+}
+
+}  // namespace
+}  // namespace pellixtest

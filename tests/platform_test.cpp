@@ -1,0 +1,305 @@
+// The stand-ins: the core library's real containers and files, the seam's
+// fault plan and journal, and the identity, relay and feasibility services.
+#include <gtest/gtest.h>
+#include <openssl/sha.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <string>
+#include <thread>
+
+#include "feasibility/checker.h"
+#include "seam/seam.h"
+#include "talv/cloud.h"
+#include "talv/feasibility.h"
+#include "talv/relay.h"
+#include "talv/sdk.h"
+#include "talv/tlibc.h"
+#include "talv/webapi.h"
+
+namespace {
+
+// A throw-away sysroot with the given files in it.
+class Sysroot {
+ public:
+  Sysroot() {
+    char dir[] = "/tmp/talv-sysroot-XXXXXX";
+    root_ = mkdtemp(dir);
+    talvseam::SetSysroot(root_);
+  }
+  ~Sysroot() {
+    talvseam::SetSysroot("");
+    std::system(("rm -rf '" + root_ + "'").c_str());
+  }
+  void Write(const std::string& path, const std::string& content) {
+    std::system(("mkdir -p \"$(dirname '" + root_ + path + "')\"").c_str());
+    std::ofstream(root_ + path) << content;
+  }
+
+ private:
+  std::string root_;
+};
+
+class PlatformTest : public ::testing::Test {
+ protected:
+  void SetUp() override { talvseam::Reset(); }
+  void TearDown() override { talvseam::Reset(); }
+};
+
+TEST_F(PlatformTest, HashKeepsInsertionOrderAndReplacesValues) {
+  TLIBC_SZHASH* hash = TLIBCSzHashAlloc(1024);
+  ASSERT_NE(hash, nullptr);
+  for (const char* kv : {"action=register", "email=a@b.cd", "passwd=x", "action=login"}) {
+    std::string s(kv);
+    size_t eq = s.find('=');
+    ASSERT_EQ(TLIBCSzHashSetValue(&hash, s.substr(0, eq).c_str(), s.substr(eq + 1).c_str()), 0);
+  }
+  EXPECT_STREQ(TLIBCSzHashGetValue(hash, "action"), "login");
+  EXPECT_EQ(TLIBCSzHashGetValue(hash, "missing"), nullptr);
+
+  // Enumerating into a list too small for the keys moves the list.
+  TLIBC_SZLIST* list = TLIBCSzListAlloc(2);
+  ASSERT_NE(list, nullptr);
+  ASSERT_EQ(TLIBCSzListPush(&list, "first"), 0);
+  ASSERT_EQ(TLIBCSzHashEnumKey(hash, &list), 3);
+  EXPECT_EQ(list->nItem, 4);
+  EXPECT_GE(list->nSize, 4);
+  const char* expected[] = {"first", "action", "email", "passwd"};
+  for (int i = 0; i < 4; ++i) EXPECT_STREQ(TLIBCSzListGet(list, i), expected[i]);
+  EXPECT_EQ(TLIBCSzListGet(list, 4), nullptr);
+  EXPECT_EQ(TLIBCSzListGet(list, -1), nullptr);
+  TLIBCSzListFree(list);
+  TLIBCSzHashFree(hash);
+  TLIBCSzHashFree(nullptr);
+  TLIBCSzListFree(nullptr);
+
+  // The item count is the second 32-bit field of the list header.
+  TLIBC_SZLIST* counted = TLIBCSzListAlloc(8);
+  TLIBCSzListPush(&counted, "one");
+  int header[2];
+  std::memcpy(header, counted, sizeof(header));
+  EXPECT_EQ(header[1], 1);
+  TLIBCSzListFree(counted);
+}
+
+TEST_F(PlatformTest, KeyValueFilesAreReadUnderTheSysroot) {
+  Sysroot root;
+  root.Write("/etc.defaults/VERSION", "# build\nmajorversion=5\nbuildnumber=\"20261\"\n");
+  root.Write("/etc/talvinfo.conf", "[system]\n language = ger \nempty=\nlong=0123456789abcdef\n");
+  struct Case {
+    const char* path;
+    const char* key;
+    int size;
+    int result;
+    const char* value;
+  } cases[] = {
+      {"/etc.defaults/VERSION", "buildnumber", 16, 5, "20261"},
+      {"/etc.defaults/VERSION", "majorversion", 16, 1, "5"},
+      {"/etc/talvinfo.conf", "language", 32, 3, "ger"},
+      {"/etc/talvinfo.conf", "empty", 32, 0, ""},
+      {"/etc/talvinfo.conf", "missing", 32, 0, ""},
+      {"/etc/talvinfo.conf", "long", 8, 7, "0123456"},  // cut at size-1
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.key);
+    char value[64] = "untouched";
+    EXPECT_EQ(TLIBCFileGetKeyValue(c.path, c.key, value, c.size, 0), c.result);
+    EXPECT_STREQ(value, c.value);
+  }
+  char value[16];
+  EXPECT_EQ(TLIBCFileGetKeyValue("/etc.defaults/talvinfo.conf", "upnpmodelname", value, 16, 0), -1);
+  EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_FILE);
+  EXPECT_STREQ(TLIBCErrorGetFile(), "tlibc.cpp");
+  EXPECT_GT(TLIBCErrorGetLine(), 0);
+}
+
+TEST_F(PlatformTest, TrimSpace) {
+  struct Case {
+    const char* in;
+    int mode;
+    const char* out;
+  } cases[] = {
+      {"  good \r\n", 0, "good"}, {"\tgood", 1, "good"}, {"good  ", 2, "good"}, {"  a b  ", 1, "a b  "},
+      {"  a b  ", 2, "  a b"},    {" \t\n ", 0, ""},     {"", 0, ""},
+  };
+  for (const Case& c : cases) {
+    std::string buffer(c.in);
+    EXPECT_STREQ(TLIBCStrTrimSpace(&buffer[0], c.mode), c.out) << '"' << c.in << "\" mode " << c.mode;
+  }
+}
+
+TEST_F(PlatformTest, ErrorStateBelongsToTheThread) {
+  TLIBCErrSetEx(0x0D00, "here.cpp", 12);
+  std::thread([] {
+    EXPECT_EQ(TLIBCErrGet(), 0);
+    TLIBCErrSetEx(0x8100, "there.cpp", 34);
+  }).join();
+  EXPECT_EQ(TLIBCErrGet(), 0x0D00);
+  EXPECT_STREQ(TLIBCErrorGetFile(), "here.cpp");
+  EXPECT_EQ(TLIBCErrorGetLine(), 12);
+}
+
+// The fault plan's three knobs: which operation, after how many calls, once
+// or from then on.
+TEST_F(PlatformTest, FaultPlan) {
+  struct Case {
+    const char* op;
+    int after;
+    bool persistent;
+    const char* pattern;  // five TLIBCSzListAlloc calls: o ok, x failed
+  } cases[] = {
+      {"TLIBCSzListAlloc", 0, false, "xoooo"}, {"TLIBCSzListAlloc", 2, false, "ooxoo"},
+      {"TLIBCSzListAlloc", 2, true, "ooxxx"},  {"TLIBCSzHashAlloc", 0, true, "ooooo"},
+      {"*", 3, false, "oooxo"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.op) + " after " + std::to_string(c.after));
+    talvseam::ClearFaults();
+    talvseam::InjectFault(c.op, c.after, c.persistent, 1);
+    std::string pattern;
+    for (int i = 0; i < 5; ++i) {
+      TLIBC_SZLIST* list = TLIBCSzListAlloc(4);
+      pattern += list ? 'o' : 'x';
+      if (!list) {
+        EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_OUT_OF_MEMORY);
+      }
+      TLIBCSzListFree(list);
+    }
+    EXPECT_EQ(pattern, c.pattern);
+  }
+  EXPECT_EQ(talvseam::CallCount(), 5);
+}
+
+TEST_F(PlatformTest, JournalRecordsCallsWithArguments) {
+  char value[8];
+  TLIBCFileGetKeyValue("/etc/talvinfo.conf", "language", value, 8, 0);
+  TLIBCSzHashFree(TLIBCSzHashAlloc(1024));
+  ASSERT_EQ(talvseam::Journal().size(), 2u);
+  talvseam::Call first = talvseam::Journal()[0];
+  EXPECT_EQ(first.service, "tlibc");
+  EXPECT_EQ(first.op, "TLIBCFileGetKeyValue");
+  EXPECT_EQ(first.args, (std::vector<std::string>{"/etc/talvinfo.conf", "language", "8"}));
+  EXPECT_EQ(talvseam::JournalOf("TLIBCSzHashAlloc")[0].args, std::vector<std::string>{"1024"});
+}
+
+TEST_F(PlatformTest, DeviceIdentityAndTokens) {
+  Sysroot root;
+  char serial[36], token[33];
+  EXPECT_LT(TLIBGetSerialNumber(serial, sizeof(serial)), 0) << "no serial configured";
+
+  root.Write("/etc.defaults/talvinfo.conf", "serial=Q21CA00042\nupnpmodelname=TS-464\n");
+  root.Write("/etc/talvinfo.conf", "timezone=Taipei\n");
+  ASSERT_EQ(TLIBGetSerialNumber(serial, sizeof(serial)), 0);
+  EXPECT_STREQ(serial, "Q21CA00042");
+
+  // The token is recomputable: SHA-256 over the serial and the device secret.
+  ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken("Q21CA00042", token, sizeof(token)), 0);
+  unsigned char digest[SHA256_DIGEST_LENGTH];
+  std::string input = "Q21CA00042:talv-device-secret";
+  SHA256(reinterpret_cast<const unsigned char*>(input.data()), input.size(), digest);
+  char hex[33];
+  for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+  EXPECT_STREQ(token, hex);
+
+  char ownSerial[256], ownToken[33];
+  ASSERT_EQ(TALVCloudServiceQbtokenGetToken(ownSerial, sizeof(ownSerial), ownToken, sizeof(ownToken)), 0);
+  EXPECT_STREQ(ownSerial, "Q21CA00042");
+  EXPECT_STREQ(ownToken, hex);
+
+  char zone[256];
+  int needed = -1;
+  ASSERT_EQ(TALVZoneGet(zone, sizeof(zone), &needed), 0);
+  EXPECT_STREQ(zone, "Taipei");
+  EXPECT_LT(TALVZoneGet(zone, 3, &needed), 0);
+  EXPECT_EQ(needed, 7);
+  TLIBC_SZHASH* info = TLIBCSzHashAlloc(1024);
+  EXPECT_GT(TALVZoneGetInfo("Taipei", &info), 0);
+  EXPECT_STREQ(TLIBCSzHashGetValue(info, "nameInTZDB"), "Asia/Taipei");
+  EXPECT_LE(TALVZoneGetInfo("Atlantis", &info), 0);
+  TLIBCSzHashFree(info);
+}
+
+TEST_F(PlatformTest, RelayConfigurationHost) {
+  Sysroot root;
+  const char* path = "/usr/talv/etc/talvrelayd/talvrelayd.conf";
+  EXPECT_EQ(TALV::Relay::RelaydConf(path).GetPellixConf().GetHost(), "") << "no file";
+  root.Write(path, "[relay]\nhost = relay.example\n[pellix]\n# account service\nhost = \"acct.example\"\n");
+  EXPECT_EQ(TALV::Relay::RelaydConf(path).GetPellixConf().GetHost(), "acct.example");
+  talvseam::InjectFault("RelaydConf::RelaydConf", 0, false, 1);
+  EXPECT_EQ(TALV::Relay::RelaydConf(path).GetPellixConf().GetHost(), "") << "unreadable";
+}
+
+TEST_F(PlatformTest, FeasibilityCheckAppendsReasonsAndMayMoveTheList) {
+  struct Scripted : talvfeasibility::Checker {
+    int Check(int item, int type, std::vector<std::string>* reasons) override {
+      EXPECT_EQ(item, FEASIBILITY_ITEM_ACCOUNT_LOGOUT);
+      *reasons = {"backup running", "sync running", "share linked"};
+      return type == FEASIBILITY_CHECK_HARD ? 0 : 1;
+    }
+  } scripted;
+  talvfeasibility::SetChecker(&scripted);
+  TLIBC_SZLIST* list = TLIBCSzListAlloc(1);
+  EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &list, nullptr), 0);
+  ASSERT_EQ(list->nItem, 3);
+  EXPECT_STREQ(TLIBCSzListGet(list, 2), "share linked");
+  EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_SOFT, &list, nullptr), 1);
+  EXPECT_EQ(list->nItem, 6);
+  talvseam::InjectFault("TALVFeasibilityCheck", 0, false, 1);
+  EXPECT_LT(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &list, nullptr), 0);
+  EXPECT_NE(TLIBCErrGet(), 0);
+  TLIBCSzListFree(list);
+  talvfeasibility::SetChecker(nullptr);
+
+  TLIBC_SZLIST* fresh = TLIBCSzListAlloc(1024);
+  EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &fresh, nullptr), 0) << "default: feasible";
+  EXPECT_EQ(fresh->nItem, 0);
+  TLIBCSzListFree(fresh);
+}
+
+TEST(HostClasses, EmailValidator) {
+  for (const char* good : {"a@b.cd", "Ada.Lovelace+nas@mail.example.com", "x_y-z@sub.domain.org"})
+    EXPECT_TRUE(TALV::APIValidator::IsEMail(good)) << good;
+  for (const char* bad : {"", "plain", "@b.cd", "a@", "a@b", "a@@b.cd", "a b@c.de", "a@b..cd", "a@.b.cd",
+                          "a@b.cd.", "a@b.c\"d", "a,b@c.de"})
+    EXPECT_FALSE(TALV::APIValidator::IsEMail(bad)) << bad;
+}
+
+TEST(HostClasses, RequestParameters) {
+  Json::Value params(Json::objectValue);
+  params["s"] = "text";
+  params["n"] = 5;
+  params["nul"] = Json::Value();
+  params["mail"] = "a@b.cd";
+  TALV::APIRequest request(params, "ger");
+  EXPECT_TRUE(request.HasParam("nul"));
+  EXPECT_FALSE(request.HasParam("absent"));
+  EXPECT_EQ(request.GetParam("absent", Json::Value(false)), Json::Value(false));
+  EXPECT_EQ(request.GetParam("n", Json::Value()), Json::Value(5));
+  EXPECT_EQ(request.GetUILanguage(), "ger");
+
+  struct Case {
+    const char* name;
+    TALV::APIRequest::PARAM_NECESSITY necessity;
+    bool validate;
+    bool invalid;
+    const char* value;
+  } cases[] = {
+      {"s", TALV::APIRequest::PARAM_REQUIRED, false, false, "text"},
+      {"s", TALV::APIRequest::PARAM_REQUIRED, true, true, "text"},  // not an e-mail address; text kept
+      {"mail", TALV::APIRequest::PARAM_REQUIRED, true, false, "a@b.cd"},
+      {"absent", TALV::APIRequest::PARAM_REQUIRED, false, true, ""},
+      {"absent", TALV::APIRequest::PARAM_OPTIONAL, false, false, ""},
+      {"n", TALV::APIRequest::PARAM_REQUIRED, false, true, ""},
+      {"nul", TALV::APIRequest::PARAM_OPTIONAL, false, true, ""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    TALV::APIParameter<std::string> p =
+        request.GetAndCheckString(c.name, c.necessity, c.validate ? TALV::APIValidator::IsEMail : nullptr);
+    EXPECT_EQ(p.IsInvalid(), c.invalid);
+    EXPECT_EQ(p.Get(), c.value);
+  }
+}
+
+}  // namespace

@@ -1,0 +1,98 @@
+#include "module_test.h"
+
+#include <cstdarg>
+#include <fstream>
+
+#include <json/reader.h>
+
+#include "feasibility/checker.h"
+#include "sdk/device.h"
+#include "seam/seam.h"
+#include "webapi/runner.h"
+
+namespace pellixtest {
+
+using ::testing::_;
+using ::testing::Invoke;
+
+MockBackend::MockBackend() {
+  talvpellix::Backend* offline = talvpellix::OfflineBackend();
+  ON_CALL(*this, QueryInfo).WillByDefault(Invoke(offline, &talvpellix::Backend::QueryInfo));
+  ON_CALL(*this, Login).WillByDefault(Invoke(offline, &talvpellix::Backend::Login));
+  ON_CALL(*this, LoginByKey).WillByDefault(Invoke(offline, &talvpellix::Backend::LoginByKey));
+  ON_CALL(*this, OauthLogin).WillByDefault(Invoke(offline, &talvpellix::Backend::OauthLogin));
+  ON_CALL(*this, HandleApiKeyError).WillByDefault(Invoke(offline, &talvpellix::Backend::HandleApiKeyError));
+  ON_CALL(*this, GetIframeInfo).WillByDefault(Invoke(offline, &talvpellix::Backend::GetIframeInfo));
+  ON_CALL(*this, Logout).WillByDefault(Invoke(offline, &talvpellix::Backend::Logout));
+  ON_CALL(*this, Register).WillByDefault(Invoke(offline, &talvpellix::Backend::Register));
+  ON_CALL(*this, SetInfo).WillByDefault(Invoke(offline, &talvpellix::Backend::SetInfo));
+  ON_CALL(*this, PurchaseList).WillByDefault(Invoke(offline, &talvpellix::Backend::PurchaseList));
+  ON_CALL(*this, PkceOpen).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceOpen));
+  ON_CALL(*this, PkceRegisterConfig).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceRegisterConfig));
+  ON_CALL(*this, PkceLoginConfig).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceLoginConfig));
+  ON_CALL(*this, PkceLogin).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceLogin));
+  ON_CALL(*this, PkceLogout).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceLogout));
+}
+
+Json::Value J(const std::string& text) {
+  Json::Value value;
+  Json::CharReaderBuilder builder;
+  std::string errors;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &value, &errors)) << text << ": " << errors;
+  return value;
+}
+
+syslogcapture::Line LogLine(const std::string& function, const char* format, ...) {
+  std::ifstream source(PELLIXCENTER_SOURCE);
+  std::string text;
+  int number = 0, found = 0;
+  bool inFunction = false;
+  const std::string quoted = std::string("\"") + format + "\"";
+  while (!found && std::getline(source, text)) {
+    ++number;
+    // A definition starts in column 0 with its name after the return type.
+    if (!text.empty() && text[0] != ' ' && text[0] != '}' && text.find(" " + function + "(") != std::string::npos &&
+        text.find(';') == std::string::npos)
+      inFunction = true;
+    if (inFunction && text.find(quoted) != std::string::npos) found = number;
+  }
+  EXPECT_NE(found, 0) << "no statement logging \"" << format << "\" in " << function << "()";
+  va_list args;
+  va_start(args, format);
+  char message[1024];
+  std::vsnprintf(message, sizeof(message), format, args);
+  va_end(args);
+  return syslogcapture::Line{3, "pellixcenter.cpp:" + std::to_string(found) + " " + message};
+}
+
+webapihost::Module* ModuleTest::module_ = nullptr;
+
+void ModuleTest::SetUpTestSuite() {
+  if (module_) return;
+  std::string error;
+  module_ = webapihost::Module::Load(PELLIXCENTER_SO, &error).release();  // kept for the whole program
+  ASSERT_NE(module_, nullptr) << error;
+}
+
+void ModuleTest::SetUp() {
+  ASSERT_NE(module_, nullptr);
+  talvseam::Reset();
+  talvpellix::SetBackend(&backend_);
+  talvwebapi::SetRunner(nullptr);
+  talvsdk::SetDevice(nullptr);
+  talvfeasibility::SetChecker(nullptr);
+  syslogcapture::Take();
+}
+
+void ModuleTest::TearDown() {
+  talvpellix::SetBackend(nullptr);
+  talvseam::Reset();
+}
+
+webapihost::Answer ModuleTest::Call(const std::string& api, int version, const std::string& method,
+                                    const Json::Value& params) {
+  return module_->Call(api, version, method, params);
+}
+
+}  // namespace pellixtest

@@ -1,0 +1,44 @@
+// Test fixture: pellixcenter.so loaded as the host loads it, over a fresh
+// platform for every test, with the system log captured.
+#pragma once
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "harness.h"
+#include "mock_backend.h"
+#include "syslog_capture.h"
+
+namespace pellixtest {
+
+// Parses a JSON text; fails the test on a syntax error.
+Json::Value J(const std::string& text);
+
+// The log line a statement of pellixcenter.cpp writes: the statement is the
+// first one after the start of `function` whose format is `format`; the line
+// is "pellixcenter.cpp:<its line> " and the message formatted from `format`.
+syslogcapture::Line LogLine(const std::string& function, const char* format, ...)
+    __attribute__((format(printf, 2, 3)));
+
+class ModuleTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite();
+  void SetUp() override;
+  void TearDown() override;
+
+  webapihost::Answer Call(const std::string& api, int version, const std::string& method,
+                          const Json::Value& params = Json::Value(Json::objectValue));
+  static const webapihost::Module& module() { return *module_; }
+  // Lines logged since the test started (or the last call).
+  std::vector<syslogcapture::Line> Logged() { return syslogcapture::Take(); }
+
+  ::testing::NiceMock<MockBackend> backend_;
+
+ private:
+  static webapihost::Module* module_;
+};
+
+}  // namespace pellixtest
