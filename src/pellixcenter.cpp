@@ -26,6 +26,29 @@ int AccountErrorToApiError(uint32_t accountError) {
   return kErrGeneric;
 }
 
+// The three ways a handler reads a parameter. None of them trims, shortens
+// or length-checks; a handler that finds a parameter missing or invalid logs
+// its own line and answers 3001. Conversions are the JSON library's: what it
+// refuses to convert passes to the host as an exception.
+
+// A string without checks: false when absent.
+[[maybe_unused]] bool ReadString(TALV::APIRequest* request, const char* name, std::string* value) {
+  if (!request->HasParam(name)) return false;
+  *value = request->GetParam(name, Json::Value()).asString();
+  return true;
+}
+
+// A string with the host's checks (necessity 0), and a validator or none.
+[[maybe_unused]] TALV::APIParameter<std::string> ReadCheckedString(TALV::APIRequest* request, const char* name,
+                                                                   TALV::APIRequest::StringValidator validator) {
+  return request->GetAndCheckString(name, static_cast<TALV::APIRequest::PARAM_NECESSITY>(0), validator);
+}
+
+// A flag: absent is false.
+[[maybe_unused]] bool ReadFlag(TALV::APIRequest* request, const char* name) {
+  return request->GetParam(name, Json::Value(false)).asBool();
+}
+
 // Methods whose implementation has not landed in this build yet.
 void NotAvailable(const char* method, TALV::APIResponse* response) {
   PELLIX_LOG("%s is not available in this build", method);

@@ -1,10 +1,9 @@
 // The host harness and webapi-host: what the host does around a handler.
-#include <sys/wait.h>
-
-#include <cstdio>
+#include <algorithm>
 #include <stdexcept>
 
 #include "support/module_test.h"
+#include "support/process.h"
 
 namespace pellixtest {
 namespace {
@@ -52,20 +51,8 @@ struct HostRun {
 };
 
 HostRun WebapiHost(const std::string& args) {
-  char errPath[] = "/tmp/webapi-host-err-XXXXXX";
-  int fd = mkstemp(errPath);
-  close(fd);
   HostRun run{-1, "", ""};
-  FILE* pipe = popen((std::string("'" WEBAPI_HOST "' ") + args + " 2>" + errPath).c_str(), "r");
-  char buffer[4096];
-  size_t n;
-  while ((n = fread(buffer, 1, sizeof(buffer), pipe)) > 0) run.out.append(buffer, n);
-  int status = pclose(pipe);
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-  FILE* err = fopen(errPath, "r");
-  while ((n = fread(buffer, 1, sizeof(buffer), err)) > 0) run.err.append(buffer, n);
-  fclose(err);
-  unlink(errPath);
+  run.status = RunCommand(std::string("'" WEBAPI_HOST "' ") + args, &run.out, &run.err);
   return run;
 }
 

@@ -1,5 +1,4 @@
 // The platform's feasibility check.
-#include <atomic>
 
 #include "checker.h"
 #include "seam/seam.h"
@@ -15,8 +14,6 @@ class AlwaysFeasible : public Checker {
   int Check(int, int, std::vector<std::string>*) override { return 0; }
 };
 
-std::atomic<Checker*> gChecker{nullptr};
-
 }  // namespace
 
 Checker::~Checker() = default;
@@ -24,11 +21,12 @@ Checker* DefaultChecker() {
   static AlwaysFeasible checker;
   return &checker;
 }
-void SetChecker(Checker* checker) { gChecker.store(checker); }
-Checker* CurrentChecker() {
-  Checker* c = gChecker.load();
-  return c ? c : DefaultChecker();
-}
+namespace {
+talvseam::Installed<Checker> gChecker(DefaultChecker);
+}  // namespace
+
+void SetChecker(Checker* value) { gChecker.Set(value); }
+Checker* CurrentChecker() { return gChecker.Get(); }
 
 }  // namespace talvfeasibility
 

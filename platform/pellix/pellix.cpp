@@ -1,5 +1,4 @@
 // The account-client library: journals, fault plan, then the backend.
-#include <atomic>
 
 #include "backend.h"
 #include "seam/seam.h"
@@ -44,7 +43,6 @@ class Offline : public Backend {
   }
 };
 
-std::atomic<Backend*> gBackend{nullptr};
 thread_local uint32_t tError = 0;
 
 // Journals the call, then either fails it as the fault plan says or runs it.
@@ -71,11 +69,12 @@ Backend* OfflineBackend() {
   static Offline backend;
   return &backend;
 }
-void SetBackend(Backend* backend) { gBackend.store(backend); }
-Backend* CurrentBackend() {
-  Backend* b = gBackend.load();
-  return b ? b : OfflineBackend();
-}
+namespace {
+talvseam::Installed<Backend> gBackend(OfflineBackend);
+}  // namespace
+
+void SetBackend(Backend* value) { gBackend.Set(value); }
+Backend* CurrentBackend() { return gBackend.Get(); }
 
 PellixException::PellixException(int code, const std::string& message) : code_(code), message_(message) {}
 PellixException::PellixException(const PellixException& other) = default;

@@ -1,5 +1,4 @@
 // The SDK's identity and time-zone calls.
-#include <atomic>
 #include <cstdio>
 #include <cstring>
 
@@ -40,8 +39,6 @@ class ConfiguredDevice : public Device {
   }
 };
 
-std::atomic<Device*> gDevice{nullptr};
-
 }  // namespace
 
 Device::~Device() = default;
@@ -49,11 +46,12 @@ Device* DefaultDevice() {
   static ConfiguredDevice device;
   return &device;
 }
-void SetDevice(Device* device) { gDevice.store(device); }
-Device* CurrentDevice() {
-  Device* d = gDevice.load();
-  return d ? d : DefaultDevice();
-}
+namespace {
+talvseam::Installed<Device> gDevice(DefaultDevice);
+}  // namespace
+
+void SetDevice(Device* value) { gDevice.Set(value); }
+Device* CurrentDevice() { return gDevice.Get(); }
 
 }  // namespace talvsdk
 

@@ -9,6 +9,7 @@
 
 #include <json/value.h>
 
+#include <atomic>
 #include <string>
 #include <vector>
 
@@ -48,6 +49,22 @@ std::string ResolvePath(const std::string& absolute);
 std::string Arg(const char* text);
 std::string Arg(int value);
 std::string Arg(const Json::Value& value);
+
+// The object a seam forwards to: the installed one, or the default.
+template <typename T>
+class Installed {
+ public:
+  constexpr explicit Installed(T* (*fallback)()) : fallback_(fallback) {}
+  void Set(T* value) { value_.store(value); }  // nullptr restores the default
+  T* Get() const {
+    T* value = value_.load();
+    return value ? value : fallback_();
+  }
+
+ private:
+  std::atomic<T*> value_{nullptr};
+  T* (*fallback_)();
+};
 
 // Clears journal, faults and sysroot override: a fresh process, as far as the
 // seam is concerned.

@@ -1,7 +1,6 @@
 // The web API host's request, response, runner and validator classes.
 #include "talv/webapi.h"
 
-#include <atomic>
 #include <cstring>
 
 #include "runner.h"
@@ -23,8 +22,6 @@ class NoApiRunner : public Runner {
   }
 };
 
-std::atomic<Runner*> gRunner{nullptr};
-
 }  // namespace
 
 Runner::~Runner() = default;
@@ -34,12 +31,12 @@ Runner* DefaultRunner() {
   return &runner;
 }
 
-void SetRunner(Runner* runner) { gRunner.store(runner); }
+namespace {
+talvseam::Installed<Runner> gRunner(DefaultRunner);
+}  // namespace
 
-Runner* CurrentRunner() {
-  Runner* r = gRunner.load();
-  return r ? r : DefaultRunner();
-}
+void SetRunner(Runner* runner) { gRunner.Set(runner); }
+Runner* CurrentRunner() { return gRunner.Get(); }
 
 }  // namespace talvwebapi
 
