@@ -33,25 +33,34 @@ struct StatusCase {
 
 std::ostream& operator<<(std::ostream& os, const StatusCase& c) { return os << c.name; }
 
-void ExpectAnswer(const webapihost::Answer& a, const StatusCase& c) {
-  EXPECT_TRUE(a.found);
-  EXPECT_FALSE(a.threw) << a.exception;
-  EXPECT_EQ(a.answers, 1);
-  EXPECT_EQ(a.success, c.success);
-  EXPECT_EQ(a.code, c.success ? 0 : c.code);
-  EXPECT_EQ(a.data, J(c.data)) << a.data.toStyledString();
-}
+// One case of a status handler: the library's scripted call has been set
+// up; run the method and check answer and log against the case.
+class StatusTest : public ModuleTest, public ::testing::WithParamInterface<StatusCase> {
+ protected:
+  auto Script() {
+    const StatusCase& c = GetParam();
+    return DoAll(SetArgReferee<0>(J(c.filled)), Return(Outcome{c.result, c.error}));
+  }
+  void Check(const char* api, int version, const char* method, const char* function, const char* format) {
+    const StatusCase& c = GetParam();
+    webapihost::Answer a = Call(api, version, method);
+    EXPECT_TRUE(a.found);
+    EXPECT_FALSE(a.threw) << a.exception;
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_EQ(a.success, c.success);
+    EXPECT_EQ(a.code, c.success ? 0 : c.code);
+    EXPECT_EQ(a.data, J(c.data)) << a.data.toStyledString();
+    std::vector<Line> expected;
+    if (c.loggedCode >= 0) expected.push_back(LogLine(function, format, unsigned(c.loggedCode)));
+    EXPECT_EQ(Logged(), expected);
+  }
+};
 
-class QueryTest : public ModuleTest, public ::testing::WithParamInterface<StatusCase> {};
+class QueryTest : public StatusTest {};
 
 TEST_P(QueryTest, AnswersAndLogs) {
-  const StatusCase& c = GetParam();
-  EXPECT_CALL(backend_, QueryInfo(_, true, true))
-      .WillOnce(DoAll(SetArgReferee<0>(J(c.filled)), Return(Outcome{c.result, c.error})));
-  ExpectAnswer(Call("TALV.Core.PellixCenter", 2, "query"), c);
-  std::vector<Line> expected;
-  if (c.loggedCode >= 0) expected.push_back(LogLine("Query", "Pellix query failed, code=%u", unsigned(c.loggedCode)));
-  EXPECT_EQ(Logged(), expected);
+  EXPECT_CALL(backend_, QueryInfo(_, true, true)).WillOnce(Script());
+  Check("TALV.Core.PellixCenter", 2, "query", "Query", "Pellix query failed, code=%u");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -85,17 +94,11 @@ TEST_F(ModuleTest, QueryLogsTheUntranslatedNumber) {
   EXPECT_EQ(Logged(), std::vector<Line>{LogLine("Query", "Pellix query failed, code=%u", kAllBits)});
 }
 
-class AccountGetTest : public ModuleTest, public ::testing::WithParamInterface<StatusCase> {};
+class AccountGetTest : public StatusTest {};
 
 TEST_P(AccountGetTest, AnswersAndLogs) {
-  const StatusCase& c = GetParam();
-  EXPECT_CALL(backend_, QueryInfo(_, true, true))
-      .WillOnce(DoAll(SetArgReferee<0>(J(c.filled)), Return(Outcome{c.result, c.error})));
-  ExpectAnswer(Call("TALV.Core.PellixCenter.Account", 1, "get"), c);
-  std::vector<Line> expected;
-  if (c.loggedCode >= 0)
-    expected.push_back(LogLine("GetAccountInfo", "Pellix query failed, code=%u", unsigned(c.loggedCode)));
-  EXPECT_EQ(Logged(), expected);
+  EXPECT_CALL(backend_, QueryInfo(_, true, true)).WillOnce(Script());
+  Check("TALV.Core.PellixCenter.Account", 1, "get", "GetAccountInfo", "Pellix query failed, code=%u");
 }
 
 INSTANTIATE_TEST_SUITE_P(
@@ -118,17 +121,11 @@ INSTANTIATE_TEST_SUITE_P(
         StatusCase{"SucceededWithErrorNumber25", 3, 25, kSignedIn, false, 3013, "{}", 25}),
     [](const ::testing::TestParamInfo<StatusCase>& info) { return std::string(info.param.name); });
 
-class IframeTest : public ModuleTest, public ::testing::WithParamInterface<StatusCase> {};
+class IframeTest : public StatusTest {};
 
 TEST_P(IframeTest, AnswersAndLogs) {
-  const StatusCase& c = GetParam();
-  EXPECT_CALL(backend_, GetIframeInfo(_))
-      .WillOnce(DoAll(SetArgReferee<0>(J(c.filled)), Return(Outcome{c.result, c.error})));
-  ExpectAnswer(Call("TALV.Core.PellixCenter", 2, "get_iframe_info"), c);
-  std::vector<Line> expected;
-  if (c.loggedCode >= 0)
-    expected.push_back(LogLine("GetIframeInfo", "Pellix get iframe info failed, code=%u", unsigned(c.loggedCode)));
-  EXPECT_EQ(Logged(), expected);
+  EXPECT_CALL(backend_, GetIframeInfo(_)).WillOnce(Script());
+  Check("TALV.Core.PellixCenter", 2, "get_iframe_info", "GetIframeInfo", "Pellix get iframe info failed, code=%u");
 }
 
 // Failures log the translated web API code, not the account error number:
