@@ -9,6 +9,7 @@
 #include <string>
 #include <thread>
 
+#include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "seam/seam.h"
 #include "talv/cloud.h"
@@ -175,7 +176,7 @@ TEST_F(PlatformTest, JournalRecordsCallsWithArguments) {
   char value[8];
   TLIBCFileGetKeyValue("/etc/talvinfo.conf", "language", value, 8, 0);
   TLIBCSzHashFree(TLIBCSzHashAlloc(1024));
-  ASSERT_EQ(talvseam::Journal().size(), 2u);
+  ASSERT_EQ(talvseam::Journal().size(), 3u) << "the free too";
   talvseam::Call first = talvseam::Journal()[0];
   EXPECT_EQ(first.service, "tlibc");
   EXPECT_EQ(first.op, "TLIBCFileGetKeyValue");
@@ -230,23 +231,29 @@ TEST_F(PlatformTest, RelayConfigurationHost) {
   EXPECT_EQ(TALV::Relay::RelaydConf(path).GetPellixConf().GetHost(), "") << "unreadable";
 }
 
-TEST_F(PlatformTest, FeasibilityCheckAppendsReasonsAndMayMoveTheList) {
-  struct Scripted : talvfeasibility::Checker {
-    int Check(int item, int type, std::vector<std::string>* reasons) override {
-      EXPECT_EQ(item, FEASIBILITY_ITEM_ACCOUNT_LOGOUT);
-      *reasons = {"backup running", "sync running", "share linked"};
-      return type == FEASIBILITY_CHECK_HARD ? 0 : 1;
-    }
-  } scripted;
+TEST_F(PlatformTest, FeasibilityCheckAppendsReasonsAndMayReplaceTheList) {
+  talvfeasibility::ScriptedChecker scripted;
+  scripted.Set(FEASIBILITY_CHECK_HARD, {0, {"backup running", "sync running", "share linked"}})
+      .Set(FEASIBILITY_CHECK_SOFT, {1, {"app open"}, true});
   talvfeasibility::SetChecker(&scripted);
   TLIBC_SZLIST* list = TLIBCSzListAlloc(1);
   EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &list, nullptr), 0);
   ASSERT_EQ(list->nItem, 3);
   EXPECT_STREQ(TLIBCSzListGet(list, 2), "share linked");
+  TLIBC_SZLIST* before = list;
   EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_SOFT, &list, nullptr), 1);
-  EXPECT_EQ(list->nItem, 6);
+  EXPECT_NE(list, before) << "replaced through the address";
+  ASSERT_EQ(list->nItem, 4);
+  EXPECT_STREQ(TLIBCSzListGet(list, 0), "backup running");
+  EXPECT_STREQ(TLIBCSzListGet(list, 3), "app open");
+  EXPECT_EQ(talvcore::LiveLists(), 1) << "the old list was freed";
+
+  scripted.Set(FEASIBILITY_CHECK_HARD, {-1, {"never seen"}, false, 0x0123});
+  EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &list, nullptr), -1);
+  EXPECT_EQ(TLIBCErrGet(), 0x0123);
+  EXPECT_EQ(list->nItem, 4);
   talvseam::InjectFault("TALVFeasibilityCheck", 0, false, 1);
-  EXPECT_LT(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &list, nullptr), 0);
+  EXPECT_LT(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_SOFT, &list, nullptr), 0);
   EXPECT_NE(TLIBCErrGet(), 0);
   TLIBCSzListFree(list);
   talvfeasibility::SetChecker(nullptr);
@@ -255,6 +262,37 @@ TEST_F(PlatformTest, FeasibilityCheckAppendsReasonsAndMayMoveTheList) {
   EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &fresh, nullptr), 0) << "default: feasible";
   EXPECT_EQ(fresh->nItem, 0);
   TLIBCSzListFree(fresh);
+  EXPECT_EQ(talvcore::LiveLists(), 0);
+}
+
+// The registry proves a caller's frees: every live object is counted, and a
+// free of a pointer the library does not hold is refused and reported.
+TEST_F(PlatformTest, CoreAccountsForWhatItHandsOut) {
+  talvcore::ClearBadFrees();
+  TLIBC_SZHASH* hash = TLIBCSzHashAlloc(1024);
+  TLIBC_SZLIST* list = TLIBCSzListAlloc(1);
+  EXPECT_EQ(talvcore::LiveHashes(), 1);
+  EXPECT_EQ(talvcore::LiveLists(), 1);
+  TLIBC_SZLIST* old = list;
+  for (const char* text : {"a", "b", "c", "d", "e"}) ASSERT_EQ(TLIBCSzListPush(&list, text), 0);
+  ASSERT_NE(list, old) << "a list that grows moves";
+  EXPECT_EQ(talvcore::LiveLists(), 1);
+  TLIBCSzListFree(old);
+  TLIBCSzListFree(list);
+  TLIBCSzListFree(list);
+  TLIBCSzHashFree(hash);
+  TLIBCSzHashFree(hash);
+  int local = 0;
+  TLIBCSzHashFree(reinterpret_cast<TLIBC_SZHASH*>(&local));
+  EXPECT_EQ(talvcore::LiveHashes(), 0);
+  EXPECT_EQ(talvcore::LiveLists(), 0);
+  std::vector<std::string> bad = talvcore::BadFrees();
+  ASSERT_EQ(bad.size(), 4u);
+  EXPECT_EQ(bad[0].rfind("TLIBCSzListFree 0x", 0), 0u) << bad[0];
+  EXPECT_EQ(bad[3].rfind("TLIBCSzHashFree 0x", 0), 0u) << bad[3];
+  EXPECT_EQ(talvseam::JournalOf("TLIBCSzListFree").size(), 3u) << "frees are journaled";
+  EXPECT_EQ(talvseam::CallCount(), 2) << "but cannot fail, so they are not counted";
+  talvcore::ClearBadFrees();
 }
 
 TEST(HostClasses, EmailValidator) {

@@ -2,14 +2,18 @@
 #include "talv/tlibc.h"
 
 #include <cctype>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
+#include <mutex>
 #include <string>
 #include <unordered_map>
+#include <unordered_set>
 #include <utility>
 #include <vector>
 
+#include "accounting.h"
 #include "seam/seam.h"
 
 using talvseam::Arg;
@@ -32,7 +36,61 @@ thread_local ErrorState tError;
 
 size_t ListBytes(int slots) { return offsetof(TLIBC_SZLIST, pszItem) + sizeof(char*) * (slots > 0 ? slots : 1); }
 
+std::string Address(const void* p) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "%p", p);
+  return text;
+}
+
+// The registry of live hashes and lists.
+struct Registry {
+  std::mutex mu;
+  std::unordered_set<const void*> hashes;
+  std::unordered_set<const void*> lists;
+  std::vector<std::string> badFrees;
+};
+
+Registry& R() {
+  static Registry* registry = new Registry();  // never destroyed: frees may run during exit
+  return *registry;
+}
+
+void Register(std::unordered_set<const void*> Registry::*set, const void* p) {
+  std::lock_guard<std::mutex> lock(R().mu);
+  (R().*set).insert(p);
+}
+
+// True when `p` was live (and now is not); otherwise records the refused free.
+bool Unregister(std::unordered_set<const void*> Registry::*set, const char* op, const void* p) {
+  talvseam::Note("tlibc", op, {Address(p)});
+  std::lock_guard<std::mutex> lock(R().mu);
+  if ((R().*set).erase(p)) return true;
+  R().badFrees.push_back(std::string(op) + " " + Address(p));
+  return false;
+}
+
 }  // namespace
+
+namespace talvcore {
+
+int LiveHashes() {
+  std::lock_guard<std::mutex> lock(R().mu);
+  return static_cast<int>(R().hashes.size());
+}
+int LiveLists() {
+  std::lock_guard<std::mutex> lock(R().mu);
+  return static_cast<int>(R().lists.size());
+}
+std::vector<std::string> BadFrees() {
+  std::lock_guard<std::mutex> lock(R().mu);
+  return R().badFrees;
+}
+void ClearBadFrees() {
+  std::lock_guard<std::mutex> lock(R().mu);
+  R().badFrees.clear();
+}
+
+}  // namespace talvcore
 
 extern "C" {
 
@@ -52,6 +110,7 @@ TLIBC_SZHASH* TLIBCSzHashAlloc(int size) {
   }
   TLIBC_SZHASH* hash = new TLIBC_SZHASH();
   hash->entries.reserve(size < 64 ? size : 64);
+  Register(&Registry::hashes, hash);
   return hash;
 }
 
@@ -96,7 +155,9 @@ int TLIBCSzHashEnumKey(const TLIBC_SZHASH* pHash, TLIBC_SZLIST** ppList) {
   return static_cast<int>(pHash->entries.size());
 }
 
-void TLIBCSzHashFree(TLIBC_SZHASH* pHash) { delete pHash; }
+void TLIBCSzHashFree(TLIBC_SZHASH* pHash) {
+  if (pHash && Unregister(&Registry::hashes, "TLIBCSzHashFree", pHash)) delete pHash;
+}
 
 TLIBC_SZLIST* TLIBCSzListAlloc(int size) {
   if (talvseam::Enter("tlibc", "TLIBCSzListAlloc", {Arg(size)}) || size <= 0) {
@@ -109,6 +170,7 @@ TLIBC_SZLIST* TLIBCSzListAlloc(int size) {
     return nullptr;
   }
   list->nSize = size;
+  Register(&Registry::lists, list);
   return list;
 }
 
@@ -121,7 +183,12 @@ int TLIBCSzListPush(TLIBC_SZLIST** ppList, const char* text) {
   if (list->nItem == list->nSize) {
     // Full: the list moves, which is why callers hand over its address.
     int grown = list->nSize * 2;
+    {
+      std::lock_guard<std::mutex> lock(R().mu);
+      R().lists.erase(list);
+    }
     auto* moved = static_cast<TLIBC_SZLIST*>(std::realloc(list, ListBytes(grown)));
+    Register(&Registry::lists, moved ? moved : list);
     if (!moved) {
       TLIBC_FAIL(TLIBC_ERR_OUT_OF_MEMORY);
       return -1;
@@ -144,7 +211,7 @@ const char* TLIBCSzListGet(const TLIBC_SZLIST* pList, int index) {
 }
 
 void TLIBCSzListFree(TLIBC_SZLIST* pList) {
-  if (!pList) return;
+  if (!pList || !Unregister(&Registry::lists, "TLIBCSzListFree", pList)) return;
   for (int i = 0; i < pList->nItem; ++i) std::free(pList->pszItem[i]);
   std::free(pList);
 }

@@ -1,17 +1,44 @@
-// Seam of the feasibility-check stand-in: the verdict and reasons for one
-// check. The default finds every operation feasible, with no reasons.
+// Seam of the feasibility-check stand-in: the verdict of one check. The
+// default finds every operation feasible, with no reasons.
 #pragma once
 
+#include <map>
 #include <string>
 #include <vector>
 
+#include "talv/tlibc.h"
+
 namespace talvfeasibility {
+
+struct Verdict {
+  int result = 0;                    // 0 feasible, greater than 0 refused, negative: the check fails
+  std::vector<std::string> reasons;  // appended to the caller's list, in this order (not when failing)
+  // Hand the caller a new list through the address it gave (its items, then
+  // the reasons) and free the one it passed, as the platform may do.
+  bool replaceList = false;
+  int error = TLIBC_ERR_NOT_FOUND;  // the core library's error state when failing
+};
 
 class Checker {
  public:
   virtual ~Checker();
-  // 0 feasible, greater than 0 not feasible, negative: the check failed.
-  virtual int Check(int item, int type, std::vector<std::string>* reasons) = 0;
+  virtual Verdict Check(int item, int type) = 0;
+};
+
+// One verdict per check type (grade); a grade not scripted is feasible.
+class ScriptedChecker : public Checker {
+ public:
+  ScriptedChecker& Set(int type, Verdict verdict) {
+    verdicts_[type] = std::move(verdict);
+    return *this;
+  }
+  Verdict Check(int, int type) override {
+    auto it = verdicts_.find(type);
+    return it == verdicts_.end() ? Verdict{} : it->second;
+  }
+
+ private:
+  std::map<int, Verdict> verdicts_;
 };
 
 Checker* DefaultChecker();

@@ -11,7 +11,7 @@ namespace {
 
 class AlwaysFeasible : public Checker {
  public:
-  int Check(int, int, std::vector<std::string>*) override { return 0; }
+  Verdict Check(int, int) override { return Verdict{}; }
 };
 
 }  // namespace
@@ -23,6 +23,25 @@ Checker* DefaultChecker() {
 }
 namespace {
 talvseam::Installed<Checker> gChecker(DefaultChecker);
+
+#define FEASIBILITY_FAIL(code) TLIBCErrSetEx((code), "feasibility.cpp", __LINE__)
+
+// Moves the caller's items into a new list, frees the old one and hands the
+// new one back through the address.
+bool Replace(TLIBC_SZLIST** ppList) {
+  TLIBC_SZLIST* old = *ppList;
+  TLIBC_SZLIST* fresh = TLIBCSzListAlloc(old->nSize > 0 ? old->nSize : 1);
+  if (!fresh) return false;
+  for (int i = 0; i < old->nItem; ++i)
+    if (TLIBCSzListPush(&fresh, TLIBCSzListGet(old, i)) < 0) {
+      TLIBCSzListFree(fresh);
+      return false;
+    }
+  TLIBCSzListFree(old);
+  *ppList = fresh;
+  return true;
+}
+
 }  // namespace
 
 void SetChecker(Checker* value) { gChecker.Set(value); }
@@ -33,16 +52,16 @@ Checker* CurrentChecker() { return gChecker.Get(); }
 extern "C" int TALVFeasibilityCheck(int item, int type, TLIBC_SZLIST** ppReasons, void* reserved) {
   if (talvseam::Enter("feasibility", "TALVFeasibilityCheck", {Arg(item), Arg(type)}) || !ppReasons || !*ppReasons ||
       reserved) {
-    TLIBCErrSetEx(TLIBC_ERR_BAD_PARAMETERS, "feasibility.cpp", __LINE__);
+    FEASIBILITY_FAIL(TLIBC_ERR_BAD_PARAMETERS);
     return -1;
   }
-  std::vector<std::string> reasons;
-  int verdict = talvfeasibility::CurrentChecker()->Check(item, type, &reasons);
-  if (verdict < 0) {
-    TLIBCErrSetEx(TLIBC_ERR_NOT_FOUND, "feasibility.cpp", __LINE__);
-    return verdict;
+  talvfeasibility::Verdict verdict = talvfeasibility::CurrentChecker()->Check(item, type);
+  if (verdict.result < 0) {
+    FEASIBILITY_FAIL(verdict.error);
+    return verdict.result;
   }
-  for (const std::string& r : reasons)
+  if (verdict.replaceList && !talvfeasibility::Replace(ppReasons)) return -1;
+  for (const std::string& r : verdict.reasons)
     if (TLIBCSzListPush(ppReasons, r.c_str()) < 0) return -1;
-  return verdict;
+  return verdict.result;
 }

@@ -33,13 +33,23 @@ State& S() {
   return *state;
 }
 
+void Record(State& s, const char* service, const char* op, std::vector<std::string> args) {
+  s.journal.push_back(Call{service, op, std::move(args)});
+  if (s.journal.size() > kJournalLimit) s.journal.pop_front();
+}
+
 }  // namespace
+
+void Note(const char* service, const char* op, std::vector<std::string> args) {
+  State& s = S();
+  std::lock_guard<std::mutex> lock(s.mu);
+  Record(s, service, op, std::move(args));
+}
 
 bool Enter(const char* service, const char* op, std::vector<std::string> args, int* code) {
   State& s = S();
   std::lock_guard<std::mutex> lock(s.mu);
-  s.journal.push_back(Call{service, op, std::move(args)});
-  if (s.journal.size() > kJournalLimit) s.journal.pop_front();
+  Record(s, service, op, std::move(args));
   ++s.calls;
   bool fail = false;
   for (Fault& f : s.faults) {

@@ -24,6 +24,9 @@ struct Call {
 // Records the call and returns true when the fault plan makes it fail; the
 // fault's code is then in *code (when code is not null).
 bool Enter(const char* service, const char* op, std::vector<std::string> args, int* code = nullptr);
+// Records a call that cannot fail (a free, a read of a request parameter): no
+// fault applies to it and it does not count in CallCount().
+void Note(const char* service, const char* op, std::vector<std::string> args);
 
 // The journal keeps the most recent 4096 calls.
 std::vector<Call> Journal();
@@ -35,7 +38,7 @@ void ClearJournal();
 // and, when `persistent`, on every call after that too.
 void InjectFault(const std::string& op, int after, bool persistent, int code);
 void ClearFaults();
-// Number of platform calls made since the last ClearFaults() or ClearJournal().
+// Number of platform calls that can fail made since the last ClearFaults() or ClearJournal().
 int CallCount();
 
 // TALV_SYSROOT from the environment unless SetSysroot() was called; "" means

@@ -71,14 +71,22 @@ APIRequest::APIRequest(const Json::Value& params, const std::string& uiLanguage)
     : impl_(new Impl{params.isObject() ? params : Json::Value(Json::objectValue), uiLanguage}) {}
 APIRequest::~APIRequest() { delete impl_; }
 
-bool APIRequest::HasParam(const std::string& name) const { return impl_->params.isMember(name); }
+// Reads of the request are journaled (never failed), so that a test can tell
+// which parameters a handler looked at.
+bool APIRequest::HasParam(const std::string& name) const {
+  talvseam::Note("webapi", "APIRequest::HasParam", {name});
+  return impl_->params.isMember(name);
+}
 
 Json::Value APIRequest::GetParam(const std::string& name, const Json::Value& defaultValue) const {
+  talvseam::Note("webapi", "APIRequest::GetParam", {name, Arg(defaultValue)});
   return impl_->params.isMember(name) ? impl_->params[name] : defaultValue;
 }
 
 APIParameter<std::string> APIRequest::GetAndCheckString(const std::string& name, PARAM_NECESSITY necessity,
                                                         StringValidator validator) const {
+  talvseam::Note("webapi", "APIRequest::GetAndCheckString",
+                 {name, Arg(static_cast<int>(necessity)), validator ? "validator" : "(null)"});
   if (!impl_->params.isMember(name)) return APIParameter<std::string>("", necessity == PARAM_REQUIRED);
   const Json::Value& v = impl_->params[name];
   if (!v.isString()) return APIParameter<std::string>("", true);
@@ -87,7 +95,10 @@ APIParameter<std::string> APIRequest::GetAndCheckString(const std::string& name,
   return APIParameter<std::string>(text, invalid);
 }
 
-std::string APIRequest::GetUILanguage() const { return impl_->language; }
+std::string APIRequest::GetUILanguage() const {
+  talvseam::Note("webapi", "APIRequest::GetUILanguage", {});
+  return impl_->language;
+}
 
 struct APIResponse::Impl {
   bool success = false;

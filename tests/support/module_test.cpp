@@ -5,6 +5,7 @@
 
 #include <json/reader.h>
 
+#include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "sdk/device.h"
 #include "seam/seam.h"
@@ -82,10 +83,16 @@ void ModuleTest::SetUp() {
   talvwebapi::SetRunner(nullptr);
   talvsdk::SetDevice(nullptr);
   talvfeasibility::SetChecker(nullptr);
+  talvcore::ClearBadFrees();
   syslogcapture::Take();
 }
 
+// Whatever a test ran, the module must have given back every hash and list
+// it was handed, exactly once.
 void ModuleTest::TearDown() {
+  EXPECT_EQ(talvcore::LiveHashes(), 0) << "hashes leaked";
+  EXPECT_EQ(talvcore::LiveLists(), 0) << "lists leaked";
+  EXPECT_EQ(talvcore::BadFrees(), std::vector<std::string>{}) << "frees of pointers not held";
   talvpellix::SetBackend(nullptr);
   talvseam::Reset();
 }
