@@ -1,0 +1,235 @@
+// PellixAccountRegister: the registration form on the wire, the caller's copy
+// of the answer, and every way the form request fails.
+#include <functional>
+
+#include "sdk/device.h"
+#include "seam/seam.h"
+#include "support/local_service.h"
+
+namespace pellixtest {
+namespace {
+
+using syslogcapture::Line;
+
+const std::string kFields =
+    "&action=register&email=ada%40example.com&passwd=secret%201&full_name=Ada%20Lovelace&notify_lang=";
+const char kTimeZone[] = "&timezone=Europe%2FAmsterdam";
+
+AccountRegisterInfo Info(const char* host, const char* serial = nullptr) {
+  return AccountRegisterInfo{0, host, "ada@example.com", "secret 1", "Ada Lovelace", serial};
+}
+
+// A device whose time zone the test chooses.
+class ZoneDevice : public talvsdk::Device {
+ public:
+  ZoneDevice(std::string zone, std::map<std::string, std::string> info)
+      : zone_(std::move(zone)), info_(std::move(info)) {}
+  bool SerialNumber(std::string* serial) override { return talvsdk::DefaultDevice()->SerialNumber(serial); }
+  bool TimeZone(std::string* zone) override {
+    *zone = zone_;
+    return true;
+  }
+  bool ZoneInfo(const std::string&, std::map<std::string, std::string>* info) override {
+    *info = info_;
+    return true;
+  }
+
+ private:
+  std::string zone_;
+  std::map<std::string, std::string> info_;
+};
+
+struct FormCase {
+  const char* name;
+  const char* serial;
+  const char* deviceSettings;  // /etc/talvinfo.conf
+  Reply reply;
+  bool withResult;
+  std::string form;
+  std::string outcome;  // the caller's record afterwards
+};
+
+std::ostream& operator<<(std::ostream& os, const FormCase& c) { return os << c.name; }
+
+class RegisterFormTest : public TrustedServiceTest, public ::testing::WithParamInterface<FormCase> {};
+
+TEST_P(RegisterFormTest, PostsTheFormAndCopiesTheAnswer) {
+  const FormCase& c = GetParam();
+  sysroot().Write("/etc/talvinfo.conf", c.deviceSettings);
+  server().Script(c.reply);
+  const std::string host = server().Address();
+  AccountRegisterInfo info = Info(host.c_str(), c.serial);
+  HttpsResponse result{0, nullptr};
+  EXPECT_EQ(PellixAccountRegister(&info, c.withResult ? &result : nullptr), 0);
+  std::vector<Received> received = server().Requests();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].method, "POST");
+  EXPECT_EQ(received[0].path, "/account.php");
+  EXPECT_EQ(received[0].Header("Host"), std::vector<std::string>{host});
+  EXPECT_EQ(received[0].body, c.form);
+  EXPECT_EQ(std::to_string(result.httpStatus) + " " + (result.body ? result.body : "(no body)"), c.outcome);
+  EXPECT_EQ(Logged(), std::vector<Line>{});
+  HttpsResponseFree(&result);
+}
+
+const std::string kDevice = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken;
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RegisterFormTest,
+    ::testing::Values(
+        FormCase{"DevicesOwnSerial", nullptr, "language=ger\ntimezone=Amsterdam\n", {200, " good\n"}, true,
+                 kDevice + kFields + "ger" + kTimeZone, "200 good"},
+        FormCase{"CallersSerial", "X1", "language=ger\ntimezone=Amsterdam\n", {200, "account_inused"}, true,
+                 std::string("serial=X1&token=") + kTokenX1 + kFields + "ger&serial=X1" + kTimeZone,
+                 "200 account_inused"},
+        FormCase{"LanguageUnreadable", nullptr, "timezone=Amsterdam\n", {200, "good"}, true,
+                 kDevice + kFields + "enu" + kTimeZone, "200 good"},
+        FormCase{"EmptyAnswer", nullptr, "language=ger\ntimezone=Amsterdam\n", {200, ""}, true,
+                 kDevice + kFields + "ger" + kTimeZone, "200 (no body)"},
+        FormCase{"RefusedAnswer", nullptr, "language=ger\ntimezone=Amsterdam\n", {503, "busy"}, true,
+                 kDevice + kFields + "ger" + kTimeZone, "503 badsys"},
+        FormCase{"NoResultRecord", nullptr, "language=ger\ntimezone=Amsterdam\n", {200, "good"}, false,
+                 kDevice + kFields + "ger" + kTimeZone, "0 (no body)"}),
+    [](const ::testing::TestParamInfo<FormCase>& info) { return std::string(info.param.name); });
+
+TEST_F(LocalServiceTest, UnreachableServiceIsAnAnswer) {
+  SilentPort closed(false);
+  const std::string host = closed.Address();
+  AccountRegisterInfo info = Info(host.c_str());
+  HttpsResponse result{0, nullptr};
+  EXPECT_EQ(PellixAccountRegister(&info, &result), 0);
+  EXPECT_EQ(result.httpStatus, 0);
+  EXPECT_STREQ(result.body, "badnetwork");
+  EXPECT_EQ(Logged(), std::vector<Line>{});
+  HttpsResponseFree(&result);
+}
+
+TEST_F(LocalServiceTest, MissingRegistrationDataIsRefusedSilently) {
+  const AccountRegisterInfo full = Info("127.0.0.1");
+  AccountRegisterInfo noEmail = full, noPasswd = full, noFullName = full;
+  noEmail.email = nullptr;
+  noPasswd.passwd = nullptr;
+  noFullName.fullName = nullptr;
+  const AccountRegisterInfo* infos[] = {nullptr, &noEmail, &noPasswd, &noFullName};
+  for (const AccountRegisterInfo* info : infos) {
+    TLIBCErrSetEx(TLIBC_ERR_NONE, "", 0);
+    HttpsResponse result{7, nullptr};
+    EXPECT_EQ(PellixAccountRegister(info, &result), -1);
+    EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_BAD_PARAMETERS);
+    EXPECT_STREQ(TLIBCErrorGetFile(), "account_register.cpp");
+    EXPECT_EQ(result.httpStatus, 7);
+    EXPECT_EQ(result.body, nullptr);
+  }
+  EXPECT_EQ(Logged(), std::vector<Line>{});
+  EXPECT_TRUE(talvseam::Journal().empty()) << "no platform call";
+}
+
+struct FailureCase {
+  const char* name;
+  std::function<void(Sysroot&)> arrange;
+  bool defaultHost;
+  int code;  // the error state afterwards
+  // The lines logged, given the host and the error state.
+  std::function<std::vector<Line>(const std::string&, const ErrorState&)> logged;
+};
+
+std::ostream& operator<<(std::ostream& os, const FailureCase& c) { return os << c.name; }
+
+class RegisterFailureTest : public TrustedServiceTest, public ::testing::WithParamInterface<FailureCase> {
+ protected:
+  void TearDown() override {
+    talvsdk::SetDevice(nullptr);
+    TrustedServiceTest::TearDown();
+  }
+};
+
+TEST_P(RegisterFailureTest, FailsWithItsLineAndSendsNothing) {
+  const FailureCase& c = GetParam();
+  c.arrange(sysroot());
+  const std::string host = server().Address();
+  AccountRegisterInfo info = Info(c.defaultHost ? nullptr : host.c_str());
+  HttpsResponse result{7, nullptr};
+  EXPECT_EQ(PellixAccountRegister(&info, &result), -1);
+  const ErrorState state;
+  EXPECT_EQ(state.code, c.code);
+  EXPECT_EQ(result.httpStatus, 7);
+  EXPECT_EQ(result.body, nullptr);
+  EXPECT_TRUE(server().Requests().empty());
+  EXPECT_EQ(Logged(), c.logged(host, state));
+}
+
+void Fault(const char* op, int after = 0) { talvseam::InjectFault(op, after, false, 0); }
+
+// The line of `format` in PellixAccountRegister, ending in the error state.
+Line Failed(const char* format, const ErrorState& s) {
+  return LogLine("PellixAccountRegister", format, s.code, s.file.c_str(), s.line);
+}
+
+const char kSendFailed[] = "failed to send https request to [%s], err=[0x%04X %s:%d]";
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RegisterFailureTest,
+    ::testing::Values(
+        FailureCase{"FormHashUnavailable", [](Sysroot&) { Fault("TLIBCSzHashAlloc"); }, false,
+                    TLIBC_ERR_OUT_OF_MEMORY,
+                    [](const std::string&, const ErrorState& s) {
+                      return std::vector<Line>{Failed("failed to alloc https request, err=[0x%04X %s:%d]", s)};
+                    }},
+        FailureCase{"TimeZoneUnavailable", [](Sysroot&) { Fault("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND,
+                    [](const std::string&, const ErrorState& s) {
+                      return std::vector<Line>{
+                          LogLine("PellixAccountRegister",
+                                  "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", -1, s.code,
+                                  s.file.c_str(), s.line)};
+                    }},
+        FailureCase{"TimeZoneNameTooLong",
+                    [](Sysroot&) {
+                      static ZoneDevice device(std::string(300, 'z'), {});
+                      talvsdk::SetDevice(&device);
+                    },
+                    false, TLIBC_ERR_BAD_PARAMETERS,
+                    [](const std::string&, const ErrorState& s) {
+                      return std::vector<Line>{
+                          LogLine("PellixAccountRegister",
+                                  "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", 301, s.code,
+                                  s.file.c_str(), s.line)};
+                    }},
+        FailureCase{"ZoneHashUnavailable", [](Sysroot&) { Fault("TLIBCSzHashAlloc", 1); }, false,
+                    TLIBC_ERR_OUT_OF_MEMORY,
+                    [](const std::string&, const ErrorState& s) {
+                      return std::vector<Line>{Failed("Failed to alloc pTZInfo, err=[0x%04X %s:%d]", s)};
+                    }},
+        FailureCase{"ZoneUnknown", [](Sysroot& root) { root.Write("/etc/talvinfo.conf", "timezone=Atlantis\n"); },
+                    false, TLIBC_ERR_NOT_FOUND,
+                    [](const std::string&, const ErrorState& s) {
+                      return std::vector<Line>{Failed("failed to get timezone info[0x%04X %s:%d]", s)};
+                    }},
+        FailureCase{"ZoneWithoutTzdbName",
+                    [](Sysroot&) {
+                      static ZoneDevice device("Amsterdam", {{"name", "Amsterdam"}});
+                      talvsdk::SetDevice(&device);
+                    },
+                    false, TLIBC_ERR_NONE,
+                    [](const std::string&, const ErrorState& s) {
+                      return std::vector<Line>{Failed("failed to get tmz[0x%04X %s:%d]", s)};
+                    }},
+        FailureCase{"SendFails", [](Sysroot&) { Fault("TLIBCSzListAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
+                    [](const std::string& host, const ErrorState& s) {
+                      return std::vector<Line>{
+                          LogLine("HttpsRequestSend", "out of memory, ERR=[0x%04X %s:%d]", s.code, s.file.c_str(),
+                                  s.line),
+                          LogLine("PellixAccountRegister", kSendFailed, host.c_str(), s.code, s.file.c_str(),
+                                  s.line)};
+                    }},
+        // Without a host the form goes to the service's own; the line names
+        // it, and the device's missing build number keeps it from leaving.
+        FailureCase{"DefaultHost", [](Sysroot& root) { root.Write("/etc.defaults/VERSION", "majorversion=5\n"); },
+                    true, TLIBC_ERR_NONE,
+                    [](const std::string&, const ErrorState& s) {
+                      return std::vector<Line>{LogLine("PellixAccountRegister", kSendFailed, "account.pellix.example",
+                                                       s.code, s.file.c_str(), s.line)};
+                    }}),
+    [](const ::testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
+
+}  // namespace
+}  // namespace pellixtest
