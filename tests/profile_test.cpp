@@ -57,26 +57,6 @@ TEST_F(ModuleTest, SetAccountInfoPassesOnlyWhatTheRequestCarries) {
   }
 }
 
-// A negative result is always logged with the untranslated number, also when
-// it translates to success; both answers carry null.
-TEST_F(ModuleTest, SetAccountInfoFailure) {
-  struct Case {
-    uint32_t error;
-    int code;  // 0: success
-  } cases[] = {{0, 0}, {4, 3002}, {16, 3005}, {30, 3000}};
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.error);
-    EXPECT_CALL(backend_, SetInfo).WillOnce(::testing::Return(Outcome{-1, c.error}));
-    webapihost::Answer a = Call("TALV.Core.PellixCenter.Account", 1, "set", J(R"({"email": "a@b.cd"})"));
-    EXPECT_EQ(a.answers, 1);
-    EXPECT_EQ(a.success, c.code == 0);
-    EXPECT_EQ(a.code, c.code);
-    EXPECT_TRUE(a.data.isNull());
-    EXPECT_EQ(Logged(),
-              std::vector<Line>{LogLine("SetAccountInfo", "Pellix update failed, code=%u", unsigned(c.error))});
-  }
-}
-
 // What TALVPELLIXAccountPurchaseList receives, as the JSON array
 // [language, date_from, date_to, apps, serials, prices, paypals].
 TEST_F(ModuleTest, ListPurchasePassesItsValuesThrough) {
@@ -119,27 +99,42 @@ TEST_F(ModuleTest, ListPurchasePassesItsValuesThrough) {
 }
 
 // A negative result is logged with the untranslated number, also when it
-// translates to success; the library's result object is the answer either way.
-TEST_F(ModuleTest, ListPurchaseFailure) {
+// translates to success. The profile update answers null either way; the
+// purchase list answers the library's result object either way.
+TEST_F(ModuleTest, OneCallBridgesLogEveryNegativeResult) {
   struct Case {
     uint32_t error;
     int code;  // 0: success
-  } cases[] = {{0, 0}, {3, 3000}, {14, 3004}, {40, 3000}};
+  } cases[] = {{0, 0}, {3, 3000}, {4, 3002}, {14, 3004}, {16, 3005}, {30, 3000}, {40, 3000}};
   for (const Case& c : cases) {
     SCOPED_TRACE(c.error);
+    EXPECT_CALL(backend_, SetInfo).WillOnce(::testing::Return(Outcome{-1, c.error}));
     EXPECT_CALL(backend_, PurchaseList(_, _, _, _, _, _, _, _))
         .WillOnce(Invoke([&](const char*, const char*, const char*, Json::Value&, Json::Value&, Json::Value&,
                              Json::Value&, Json::Value& result) {
           result["partial"] = true;
           return Outcome{-1, c.error};
         }));
-    webapihost::Answer a = Call("TALV.Core.PellixCenter.Purchase", 1, "list");
-    EXPECT_EQ(a.answers, 1);
-    EXPECT_EQ(a.success, c.code == 0);
-    EXPECT_EQ(a.code, c.code);
-    EXPECT_EQ(a.data, J(R"({"partial": true})"));
-    EXPECT_EQ(Logged(), std::vector<Line>{LogLine("ListPurchase", "Pellix query purchase history failed, code=%u",
-                                                  unsigned(c.error))});
+    const struct {
+      webapihost::Answer answer;
+      const char* data;
+      Line logged;
+    } runs[] = {
+        {Call("TALV.Core.PellixCenter.Account", 1, "set", J(R"({"email": "a@b.cd"})")), "null",
+         LogLine("SetAccountInfo", "Pellix update failed, code=%u", c.error)},
+        {Call("TALV.Core.PellixCenter.Purchase", 1, "list"), R"({"partial": true})",
+         LogLine("ListPurchase", "Pellix query purchase history failed, code=%u", c.error)},
+    };
+    std::vector<Line> logged = Logged();
+    ASSERT_EQ(logged.size(), 2u);
+    for (size_t i = 0; i < 2; ++i) {
+      const webapihost::Answer& a = runs[i].answer;
+      EXPECT_EQ(a.answers, 1);
+      EXPECT_EQ(a.success, c.code == 0);
+      EXPECT_EQ(a.code, c.code);
+      EXPECT_EQ(a.data, J(runs[i].data));
+      EXPECT_EQ(logged[i], runs[i].logged);
+    }
   }
 }
 
