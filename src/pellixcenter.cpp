@@ -1,17 +1,30 @@
 // The API table and the handlers of the Pellix account web APIs.
 #include "pellixcenter.h"
 
+#include <json/writer.h>
+#include <sys/types.h>
+#include <unistd.h>
+
+#include <cerrno>
 #include <cstdint>
 #include <stdexcept>
 
 #include "log.h"
+#include "talv/feasibility.h"
 #include "talv/pellix.h"
 
 namespace {
 
 // The web API codes the handlers answer with themselves.
 constexpr int kErrGeneric = 3000;
+constexpr int kErrBadParam = 3001;
+constexpr int kErrSystem = 3003;
 constexpr int kCodeGood = 3007;  // success, never passed to SetError
+constexpr int kErrSignedIn = 3010;
+constexpr int kErrNotFeasible = 3014;
+
+// Not given, for the library's BOOL fields.
+constexpr BOOL kNotGiven = -1;
 
 constexpr uint32_t kAccountNotSignedIn = 3;
 
@@ -31,22 +44,134 @@ int AccountErrorToApiError(uint32_t accountError) {
 // its own line and answers 3001. Conversions are the JSON library's: what it
 // refuses to convert passes to the host as an exception.
 
+// A string without checks, once its presence has been tested.
+std::string Text(TALV::APIRequest* request, const char* name) {
+  return request->GetParam(name, Json::Value()).asString();
+}
+
 // A string without checks: false when absent.
-[[maybe_unused]] bool ReadString(TALV::APIRequest* request, const char* name, std::string* value) {
+bool ReadString(TALV::APIRequest* request, const char* name, std::string* value) {
   if (!request->HasParam(name)) return false;
-  *value = request->GetParam(name, Json::Value()).asString();
+  *value = Text(request, name);
   return true;
 }
 
 // A string with the host's checks (necessity 0), and a validator or none.
-[[maybe_unused]] TALV::APIParameter<std::string> ReadCheckedString(TALV::APIRequest* request, const char* name,
-                                                                   TALV::APIRequest::StringValidator validator) {
+TALV::APIParameter<std::string> ReadCheckedString(TALV::APIRequest* request, const char* name,
+                                                  TALV::APIRequest::StringValidator validator) {
   return request->GetAndCheckString(name, static_cast<TALV::APIRequest::PARAM_NECESSITY>(0), validator);
 }
 
 // A flag: absent is false.
-[[maybe_unused]] bool ReadFlag(TALV::APIRequest* request, const char* name) {
+bool ReadFlag(TALV::APIRequest* request, const char* name) {
   return request->GetParam(name, Json::Value(false)).asBool();
+}
+
+// The profile and purchase methods pass what the request leaves out on as
+// "not given" rather than refusing it. A text points into `held`, which must
+// outlive the library call that reads it.
+const char* OptionalText(TALV::APIRequest* request, const char* name, Json::Value* held) {
+  if (!request->HasParam(name)) return nullptr;
+  *held = request->GetParam(name, Json::Value());
+  return held->asCString();
+}
+BOOL OptionalBool(TALV::APIRequest* request, const char* name) {
+  if (!request->HasParam(name)) return kNotGiven;
+  return request->GetParam(name, Json::Value()).asBool() ? 1 : 0;
+}
+void OptionalValue(TALV::APIRequest* request, const char* name, Json::Value* value) {
+  if (request->HasParam(name)) *value = request->GetParam(name, Json::Value());
+}
+
+// One line of JSON text, for log lines.
+std::string toString(const Json::Value& value) {
+  Json::StreamWriterBuilder builder;
+  builder["indentation"] = "";
+  return Json::writeString(builder, value);
+}
+
+// Where an account operation decides by its translated error number, 3007
+// stands for success and never reaches SetError.
+void AnswerCode(TALV::APIResponse* response, int code, const Json::Value& data) {
+  if (code == kCodeGood) {
+    response->SetSuccess(data);
+  } else {
+    response->SetError(code, data);
+  }
+}
+
+// No second sign-in or registration over a signed-in account: only a query
+// result of exactly 0 means one is signed in. Then this logs, answers 3010
+// with that account and returns true. Sign-in by password and registration
+// hand the key back as text (`keyAsText`); the others copy it as it is.
+bool RefuseWhileSignedIn(Json::Value& info, Json::Value& answer, TALV::APIResponse* response, const char* aborted,
+                         bool keyAsText) {
+  if (TALVPELLIXAccountQueryInfo(info, true, true) != 0) return false;
+  PELLIX_LOG("Already logged in a Pellix account: %s. %s aborted.", info["email"].asCString(), aborted);
+  answer["account"] = info["email"];
+  if (keyAsText) {
+    answer["auth_key"] = info["auth_key"].asCString();
+  } else {
+    answer["auth_key"] = info["auth_key"];
+  }
+  answer["activated"] = info["activated"];
+  response->SetError(kErrSignedIn, answer);
+  return true;
+}
+
+// The answer of an accepted sign-in.
+void AnswerSignedIn(TALV::APIResponse* response, Json::Value& answer, const Json::Value& account,
+                    const Json::Value& key, const Json::Value& activated) {
+  answer["account"] = account;
+  answer["auth_key"] = key;
+  answer["activated"] = activated;
+  response->SetSuccess(answer);
+}
+
+// One grade of the platform's sign-out check. Appends the platform's reasons
+// (also when it finds the sign-out feasible); a check that cannot run counts
+// as a refusal without reasons.
+bool IsLogoutFeasible(int type, Json::Value& reasons) {
+  TLIBC_SZLIST* list = TLIBCSzListAlloc(1024);
+  if (!list) {
+    PELLIX_LOG("Failed to alloc list [0x%04X %s:%d]", TLIBC_ERROR_STATE);
+    return false;
+  }
+  // The platform may hand back another list through the address: read and
+  // free whatever the variable holds afterwards.
+  int result = TALVFeasibilityCheck(FEASIBILITY_ITEM_ACCOUNT_LOGOUT, type, &list, nullptr);
+  if (result < 0) {
+    PELLIX_LOG("Feasibility check (type=0x%02x) failed [0x%04X %s:%d]", type, TLIBC_ERROR_STATE);
+  } else if (list) {
+    for (int i = 0; i < list->nItem; ++i) {
+      const char* reason = TLIBCSzListGet(list, i);
+      reasons.append(reason ? reason : "");
+    }
+  }
+  TLIBCSzListFree(list);
+  return result == 0;
+}
+
+// Both sign-out methods: the hard check, then, unless the request forces the
+// sign-out, the soft one. `force` is read only once the hard check passed. A
+// refusal is answered here, 3014 with the grade and the reasons gathered so
+// far (the hard grade's first), and returns false.
+bool LogoutFeasible(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value details(Json::objectValue);
+  Json::Value reasons;
+  const char* refusedBy = nullptr;
+  if (!IsLogoutFeasible(FEASIBILITY_CHECK_HARD, reasons)) {
+    PELLIX_LOG("Logout is hardly not feasible, reasons: %s", toString(reasons).c_str());
+    refusedBy = "hard";
+  } else if (!ReadFlag(request, "force") && !IsLogoutFeasible(FEASIBILITY_CHECK_SOFT, reasons)) {
+    PELLIX_LOG("Logout is softly not feasible, reasons: %s", toString(reasons).c_str());
+    refusedBy = "soft";
+  }
+  if (!refusedBy) return true;
+  details["check_type"] = refusedBy;
+  details["reasons"] = reasons;
+  response->SetError(kErrNotFeasible, details);
+  return false;
 }
 
 // Methods whose implementation has not landed in this build yet.
@@ -54,6 +179,72 @@ void NotAvailable(const char* method, TALV::APIResponse* response) {
   PELLIX_LOG("%s is not available in this build", method);
   response->SetError(kErrGeneric, Json::Value());
 }
+
+// The identity the PKCE service and the verifier API need is root's. The
+// effective ids belong to the whole process, so they are raised only for the
+// guarded stretch and put back on every way out of it; real and saved ids are
+// never touched (-1 keeps them).
+struct Identity {
+  uid_t uid;
+  gid_t gid;
+};
+constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
+constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
+
+// Raises the group before the user: once the user is no longer root the
+// group could not be changed. A failure is logged and the caller carries on.
+Identity ENTERCriticalSection() {
+  const Identity saved{geteuid(), getegid()};
+  bool raised = (saved.gid == 0 || setresgid(kKeepGid, 0, kKeepGid) == 0) &&
+                (saved.uid == 0 || setresuid(kKeepUid, 0, kKeepUid) == 0);
+  if (raised) {
+    errno = 0;
+    return saved;
+  }
+  PELLIX_LOG_AT(LOG_AUTH | LOG_ERR, "ERROR: ENTERCriticalSection");
+  errno = EPERM;  // after the log line, which may itself touch errno
+  return saved;
+}
+
+// Puts back the ids recorded at entry: the group while the user is still
+// root, the user last.
+void LEAVECriticalSection(const Identity& saved) {
+  const uid_t uid = geteuid();
+  const gid_t gid = getegid();
+  bool restored;
+  if (uid == saved.uid) {
+    restored = gid == saved.gid || setresgid(kKeepGid, saved.gid, kKeepGid) == 0;
+  } else {
+    restored = setresuid(kKeepUid, 0, kKeepUid) == 0 &&
+               (gid == saved.gid || setresgid(kKeepGid, saved.gid, kKeepGid) == 0) &&
+               setresuid(kKeepUid, saved.uid, kKeepUid) == 0;
+  }
+  if (restored) {
+    errno = 0;
+    return;
+  }
+  PELLIX_LOG_AT(LOG_AUTH | LOG_ERR, "ERROR: LEAVECriticalSection");
+  errno = EPERM;
+}
+
+// Root for the length of a scope, whichever way the scope ends.
+class CriticalSectionGuard {
+ public:
+  CriticalSectionGuard() : saved_(ENTERCriticalSection()) {}
+  ~CriticalSectionGuard() { Leave(); }
+  CriticalSectionGuard(const CriticalSectionGuard&) = delete;
+  CriticalSectionGuard& operator=(const CriticalSectionGuard&) = delete;
+  // Leaves early; the end of the scope then does nothing.
+  void Leave() {
+    if (!held_) return;
+    held_ = false;
+    LEAVECriticalSection(saved_);
+  }
+
+ private:
+  const Identity saved_;
+  bool held_ = true;
+};
 
 }  // namespace
 
@@ -120,12 +311,7 @@ void Query(TALV::APIRequest*, TALV::APIResponse* response) {
     response->SetSuccess(answer);
     return;
   }
-  int code = AccountErrorToApiError(TALVPELLIXErrGet());
-  if (code == kCodeGood) {
-    response->SetSuccess(answer);
-  } else {
-    response->SetError(code, answer);
-  }
+  AnswerCode(response, AccountErrorToApiError(TALVPELLIXErrGet()), answer);
 }
 
 void GetAccountInfo(TALV::APIRequest*, TALV::APIResponse* response) {
@@ -158,29 +344,259 @@ void GetIframeInfo(TALV::APIRequest*, TALV::APIResponse* response) {
   }
   int code = AccountErrorToApiError(TALVPELLIXErrGet());
   PELLIX_LOG("Pellix get iframe info failed, code=%u", code);
-  if (code == kCodeGood) {
-    response->SetSuccess(answer);
-  } else {
-    response->SetError(code, answer);
+  AnswerCode(response, code, answer);
+}
+
+void Login(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value info(Json::objectValue);
+  Json::Value answer(Json::objectValue);
+
+  if (!request->HasParam("account") || !request->HasParam("password")) {
+    PELLIX_LOG("Invalid parameter");
+    response->SetError(kErrBadParam, answer);
+    return;
   }
+  const std::string account = Text(request, "account");
+  const std::string password = Text(request, "password");
+  if (RefuseWhileSignedIn(info, answer, response, "Login", true)) return;
+
+  if (TALVPELLIXAccountLogin(account.c_str(), password.c_str(), info, false) < 0)
+    PELLIX_LOG("TALVPELLIXAccountLogin failed, email=%s", account.c_str());
+  int code = AccountErrorToApiError(TALVPELLIXErrGet());
+  if (code == kCodeGood) {
+    // The address as the user typed it, not as the library stores it.
+    AnswerSignedIn(response, answer, Json::Value(account), info["auth_key"], info["activated"]);
+    return;
+  }
+  PELLIX_LOG("Pellix login failed, email=%s, code=%u", account.c_str(), TALVPELLIXErrGet());
+  response->SetError(code, answer);
+}
+
+void LoginByKey(TALV::APIRequest* request, TALV::APIResponse* response) {
+  const TALV::APIParameter<std::string> serial = ReadCheckedString(request, "serial", nullptr);
+  const TALV::APIParameter<std::string> key = ReadCheckedString(request, "auth_key", nullptr);
+  // Null, not an empty object: an early refusal carries null details.
+  Json::Value answer;
+  Json::Value info;
+
+  if (serial.IsInvalid() || key.IsInvalid()) {
+    PELLIX_LOG("Invalid parameter %s %s", serial.Get().c_str(), key.Get().c_str());
+    response->SetError(kErrBadParam, answer);
+    return;
+  }
+  if (RefuseWhileSignedIn(info, answer, response, "Login", false)) return;
+
+  if (TALVPELLIXAccountLoginByKey(serial.Get().c_str(), key.Get().c_str(), info) < 0)
+    PELLIX_LOG("TALVPELLIXAccountLoginByKey failed, serial=%s", serial.Get().c_str());
+  int code = AccountErrorToApiError(TALVPELLIXErrGet());
+  if (code == kCodeGood) {
+    AnswerSignedIn(response, answer, info["email"], Json::Value(key.Get()), info["activated"]);
+    return;
+  }
+  PELLIX_LOG("Pellix login by key failed, serial=%s, code=%u", serial.Get().c_str(), TALVPELLIXErrGet());
+  response->SetError(code, answer);
+}
+
+void OauthLogin(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value info(Json::objectValue);
+  Json::Value answer(Json::objectValue);
+
+  std::string token;
+  if (!ReadString(request, "access_token", &token)) {
+    PELLIX_LOG("Invalid parameter");
+    response->SetError(kErrBadParam, answer);
+    return;
+  }
+  if (RefuseWhileSignedIn(info, answer, response, "Login", false)) return;
+
+  if (TALVPELLIXAccountOauthLogin(info, token.c_str()) < 0)
+    PELLIX_LOG("TALVPELLIXAccountOauthLogin failed, random_token=%s", token.c_str());
+  int code = AccountErrorToApiError(TALVPELLIXErrGet());
+  if (code == kCodeGood) {
+    AnswerSignedIn(response, answer, info["email"], info["auth_key"], info["activated"]);
+    return;
+  }
+  PELLIX_LOG("Pellix login failed, random_token=%s, code=%u", token.c_str(), TALVPELLIXErrGet());
+  response->SetError(code, answer);
+}
+
+// No signed-in guard: the library is told of the error whatever the state.
+void HandleApiKeyError(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value answer(Json::objectValue);
+
+  std::string error;
+  if (!ReadString(request, "apikey_error", &error)) {
+    PELLIX_LOG("Invalid parameter");
+    response->SetError(kErrBadParam, answer);
+    return;
+  }
+  if (TALVPELLIXHandleApiKeyError(answer, error.c_str()) >= 0) {
+    response->SetSuccess(answer);
+    return;
+  }
+  int code = AccountErrorToApiError(TALVPELLIXErrGet());
+  PELLIX_LOG("Pellix handle apikey failed, code=%u", code);
+  AnswerCode(response, code, answer);
+}
+
+void Logout(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value details(Json::objectValue);
+  if (!LogoutFeasible(request, response)) return;
+
+  if (TALVPELLIXAccountLogout(true) < 0) PELLIX_LOG("TALVPELLIXAccountLogout failed");
+  // Nobody was signed in: the device is signed out, which is what was asked.
+  if (TALVPELLIXErrGet() == kAccountNotSignedIn) {
+    response->SetSuccess(Json::Value());
+    return;
+  }
+  int code = AccountErrorToApiError(TALVPELLIXErrGet());
+  if (code == kCodeGood) {
+    response->SetSuccess(Json::Value());
+    return;
+  }
+  PELLIX_LOG("Pellix query failed, code=%u", TALVPELLIXErrGet());
+  response->SetError(code, details);
+}
+
+// A one-call bridge: every field the request leaves out is passed as not
+// given, so any subset of the profile can change. Both answers carry null.
+void SetAccountInfo(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value held[8];
+  const char* fullName = OptionalText(request, "full_name", &held[0]);
+  const char* email = OptionalText(request, "email", &held[1]);
+  const char* currentPassword = OptionalText(request, "current_password", &held[2]);
+  const char* newPassword = OptionalText(request, "new_password", &held[3]);
+  const char* country = OptionalText(request, "country", &held[4]);
+  const char* notifyLanguage = OptionalText(request, "notify_language", &held[5]);
+  const char* timezone = OptionalText(request, "timezone", &held[6]);
+  const BOOL enews = OptionalBool(request, "enews");
+  const BOOL criticalRelease = OptionalBool(request, "critical_release");
+  const BOOL enewsLocalPromotion = OptionalBool(request, "enews_local_promotion");
+  const char* criticalVersionList = OptionalText(request, "critical_version_list", &held[7]);
+
+  if (TALVPELLIXAccountSetInfo(fullName, email, currentPassword, newPassword, country, notifyLanguage, timezone,
+                               enews, criticalRelease, enewsLocalPromotion, criticalVersionList) >= 0) {
+    response->SetSuccess(Json::Value());
+    return;
+  }
+  PELLIX_LOG("Pellix update failed, code=%u", TALVPELLIXErrGet());
+  AnswerCode(response, AccountErrorToApiError(TALVPELLIXErrGet()), Json::Value());
+}
+
+// A one-call bridge: the history is the library's object, passed through.
+void ListPurchase(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value apps, serials, prices, paypals;
+  Json::Value result(Json::objectValue);
+  std::string dateFrom, dateTo;
+
+  OptionalValue(request, "apps", &apps);
+  OptionalValue(request, "serials", &serials);
+  OptionalValue(request, "prices", &prices);
+  OptionalValue(request, "paypals", &paypals);
+  if (request->HasParam("date_from")) dateFrom = Text(request, "date_from");
+  if (request->HasParam("date_to")) dateTo = Text(request, "date_to");
+  const std::string language = request->GetUILanguage();
+
+  // An empty date is an open bound; the language is always passed as text.
+  if (TALVPELLIXAccountPurchaseList(language.c_str(), dateFrom.empty() ? nullptr : dateFrom.c_str(),
+                                    dateTo.empty() ? nullptr : dateTo.c_str(), apps, serials, prices, paypals,
+                                    result) >= 0) {
+    response->SetSuccess(result);
+    return;
+  }
+  PELLIX_LOG("Pellix query purchase history failed, code=%u", TALVPELLIXErrGet());
+  AnswerCode(response, AccountErrorToApiError(TALVPELLIXErrGet()), result);
 }
 
 void Register(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("register (version 1)", response); }
-void Login(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("login", response); }
-void LoginByKey(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("login_by_key", response); }
-void Logout(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("logout", response); }
 void Register_v2(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("register", response); }
-void OauthLogin(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("oauth_login", response); }
-void HandleApiKeyError(TALV::APIRequest*, TALV::APIResponse* response) {
-  NotAvailable("handle_apikey_error", response);
+// The settings of both PKCE flows, passed through unread. No answer is given
+// when the service throws: that is for the host to report.
+void PkceConfigGet(TALV::APIRequest*, TALV::APIResponse* response) {
+  CriticalSectionGuard guard;
+  Json::Value answer(Json::objectValue);
+  talvpellix::AccountPkceService service;
+  answer["register"] = service.GetRegisterPkceConfig();
+  answer["login"] = service.GetLoginPkceConfig();
+  response->SetSuccess(answer);
+  guard.Leave();
 }
-void PkceLogin(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("pkce_login", response); }
-void PkceConfigGet(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("pkce_config_get", response); }
-void PkceLogout(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("pkce_logout", response); }
-void ListPurchase(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("list", response); }
-void SetAccountInfo(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("set", response); }
 
+// The last step of a PKCE sign-in: the verifier of the caller's challenge and
+// the caller's grant code go to the account service. There is no signed-in
+// guard here; the service decides what a second sign-in means.
+void PkceLogin(TALV::APIRequest* request, TALV::APIResponse* response) {
+  for (const char* name : {"code_challenge", "grant_code", "client_id", "token_endpoint", "redirect_uri"}) {
+    if (!request->HasParam(name)) {
+      response->SetError(kErrBadParam, Json::Value());
+      return;
+    }
+  }
+  const std::string challenge = Text(request, "code_challenge");
+  const std::string grantCode = Text(request, "grant_code");
+  const std::string clientId = Text(request, "client_id");
+  Text(request, "token_endpoint");  // must be there and be text, but nobody needs its value
+  const std::string redirectUri = Text(request, "redirect_uri");
+
+  Json::Value result;
+  int failure = 0;  // the web API code of a failed guarded stretch; never 0 for a failure
+  std::string reason;
+  try {
+    // Declared inside the try: the ids are back before the failure is logged.
+    CriticalSectionGuard guard;
+    const std::string verifier = getCodeVerifier(challenge);
+    talvpellix::AccountPkceService service;
+    talvpellix::ParamPkceLogin param;
+    param.client_id = clientId;
+    param.grant_code = grantCode;
+    param.code_verifier = verifier;
+    param.redirect_uri = redirectUri;
+    result = service.Login(param);
+  } catch (const talvpellix::PellixException& e) {
+    failure = AccountErrorToApiError(static_cast<uint32_t>(e.GetCode()));
+    reason = e.what();
+  } catch (const std::exception& e) {
+    failure = kErrSystem;  // no verifier for the challenge, or the library failed otherwise
+    reason = e.what();
+  }
+  if (failure) {
+    PELLIX_LOG("Failed on PkceLogin: %s", reason.c_str());
+    response->SetError(failure, Json::Value());
+    return;
+  }
+
+  Json::Value answer(Json::objectValue);
+  answer["account"] = result["email"];
+  answer["auth_key"] = result["auth_key"];
+  answer["activated"] = result["activated"];
+  response->SetSuccess(answer);
+}
+
+// Signs out through the PKCE service, behind the same checks as logout. The
+// service reports failure by exception, so there is no error number to read
+// and no "nobody was signed in" case; the translated code is answered as it
+// is, 3007 included.
+void PkceLogout(TALV::APIRequest* request, TALV::APIResponse* response) {
+  if (!LogoutFeasible(request, response)) return;
+  try {
+    talvpellix::AccountPkceService service;
+    service.Logout();
+  } catch (const talvpellix::PellixException& e) {
+    PELLIX_LOG("Failed to pkce logout: %s", e.what());
+    response->SetError(AccountErrorToApiError(static_cast<uint32_t>(e.GetCode())), Json::Value());
+    return;
+  }
+  response->SetSuccess(Json::Value());
+}
+
+// The credential-verifier API keeps the verifiers and gives one out only
+// against its challenge; it runs as root, inside the caller's guard.
 std::string getCodeVerifier(std::string challenge) {
-  (void)challenge;
-  throw std::runtime_error("Failed to get verifier, challenge might be wrong");
+  Json::Value params(Json::objectValue);
+  params["challenge"] = challenge;
+  Json::Value result(Json::objectValue);
+  TALV::APIRunner::Exec(result, "TALV.Remote.Credential.Verifier", 1, "get", params, "root");
+  if (result["success"].isNull() || !result["success"].asBool())
+    throw std::runtime_error("Failed to get verifier, challenge might be wrong");
+  return result["data"]["verifier"].asString();
 }

@@ -116,6 +116,7 @@ void ModuleTest::TearDown() {
   EXPECT_EQ(talvcore::LiveLists(), 0) << "lists leaked";
   EXPECT_EQ(talvcore::BadFrees(), std::vector<std::string>{}) << "frees of pointers not held";
   talvpellix::SetBackend(nullptr);
+  talvfeasibility::SetChecker(nullptr);
   talvseam::Reset();
 }
 

@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
+#include <json/writer.h>  // streams Json::Value into failure messages
 
 #include <string>
 #include <vector>

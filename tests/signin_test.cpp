@@ -1,0 +1,236 @@
+// Login, LoginByKey and OauthLogin against a scripted account library: one
+// set of scenarios, run for each of the three sign-in methods.
+#include <algorithm>
+
+#include "seam/seam.h"
+#include "support/module_test.h"
+
+namespace pellixtest {
+namespace {
+
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::Invoke;
+using ::testing::Return;
+using ::testing::SetArgReferee;
+using syslogcapture::Line;
+using talvpellix::Outcome;
+
+// What the library fills in on a sign-in, and the account already bound when
+// the guard refuses. The bound key holds a NUL: passed through a C string it
+// ends there.
+const char kFilled[] = R"({"email": "stored@example.com", "auth_key": "lib-key", "activated": true})";
+const char kBound[] = R"({"email": "bound@example.com", "auth_key": "bound\u0000tail", "activated": false})";
+
+struct SignIn {
+  const char* method;  // of TALV.Core.PellixCenter version 2
+  const char* function;
+  const char* params;  // a complete request
+  const char* op;      // the library operation that signs in
+  std::vector<std::string> args;  // as the library must receive them
+  const char* answer;             // on success
+  bool nullDetails;               // the answer starts as null, not {}
+  bool keyAsText;                 // the 3010 answer's key went through a C string
+  // The two failure lines and the text they name.
+  const char* failedFormat;
+  const char* codeFormat;
+  const char* subject;
+};
+
+std::ostream& operator<<(std::ostream& os, const SignIn& s) { return os << s.method; }
+
+const SignIn kSignIns[] = {
+    {"login", "Login", R"({"account": "Ada@Example.COM", "password": "pw 1"})", "TALVPELLIXAccountLogin",
+     {"Ada@Example.COM", "pw 1", "false"},
+     R"({"account": "Ada@Example.COM", "auth_key": "lib-key", "activated": true})", false, true,
+     "TALVPELLIXAccountLogin failed, email=%s", "Pellix login failed, email=%s, code=%u", "Ada@Example.COM"},
+    {"login_by_key", "LoginByKey", R"({"serial": "SN-1", "auth_key": "req-key"})", "TALVPELLIXAccountLoginByKey",
+     {"SN-1", "req-key"}, R"({"account": "stored@example.com", "auth_key": "req-key", "activated": true})", true,
+     false, "TALVPELLIXAccountLoginByKey failed, serial=%s", "Pellix login by key failed, serial=%s, code=%u",
+     "SN-1"},
+    {"oauth_login", "OauthLogin", R"({"access_token": "tok-9"})", "TALVPELLIXAccountOauthLogin", {"tok-9"},
+     R"({"account": "stored@example.com", "auth_key": "lib-key", "activated": true})", false, false,
+     "TALVPELLIXAccountOauthLogin failed, random_token=%s", "Pellix login failed, random_token=%s, code=%u",
+     "tok-9"},
+};
+
+class SignInTest : public ModuleTest, public ::testing::WithParamInterface<SignIn> {
+ protected:
+  // The query answers `result` after filling `info`; the sign-in fills
+  // kFilled and leaves `outcome`.
+  void Script(int queryResult, const char* info, Outcome outcome) {
+    ON_CALL(backend_, QueryInfo(_, true, true))
+        .WillByDefault(DoAll(SetArgReferee<0>(J(info)), Return(Outcome{queryResult, 3})));
+    ON_CALL(backend_, Login).WillByDefault(DoAll(SetArgReferee<2>(J(kFilled)), Return(outcome)));
+    ON_CALL(backend_, LoginByKey).WillByDefault(DoAll(SetArgReferee<2>(J(kFilled)), Return(outcome)));
+    ON_CALL(backend_, OauthLogin).WillByDefault(DoAll(SetArgReferee<0>(J(kFilled)), Return(outcome)));
+  }
+  webapihost::Answer Run() { return Call("TALV.Core.PellixCenter", 2, GetParam().method, J(GetParam().params)); }
+  std::vector<talvseam::Call> SignInCalls() { return talvseam::JournalOf(GetParam().op); }
+  Json::Value Empty() const { return GetParam().nullDetails ? Json::Value() : Json::Value(Json::objectValue); }
+  Line Failed() const { return LogLine(GetParam().function, GetParam().failedFormat, GetParam().subject); }
+  Line CodeLine(unsigned error) const {
+    return LogLine(GetParam().function, GetParam().codeFormat, GetParam().subject, error);
+  }
+};
+
+TEST_P(SignInTest, SucceedsWithTheKeysOfItsMethod) {
+  Script(-1, "{}", {0, 0});
+  webapihost::Answer a = Run();
+  EXPECT_TRUE(a.success);
+  EXPECT_EQ(a.data, J(GetParam().answer)) << a.data;
+  ASSERT_EQ(SignInCalls().size(), 1u);
+  EXPECT_EQ(SignInCalls()[0].args, GetParam().args);
+  EXPECT_EQ(Logged(), std::vector<Line>{});
+}
+
+// Only a query result of exactly 0 means signed in; then the bound account is
+// answered, whatever the request carried, and no sign-in is tried.
+TEST_P(SignInTest, RefusesWhileAnAccountIsSignedIn) {
+  Script(0, kBound, {0, 0});
+  webapihost::Answer a = Run();
+  EXPECT_EQ(a.answers, 1);
+  EXPECT_EQ(a.code, 3010);
+  Json::Value expected = J(R"({"account": "bound@example.com", "activated": false})");
+  expected["auth_key"] = GetParam().keyAsText ? std::string("bound") : std::string("bound\0tail", 10);
+  EXPECT_EQ(a.data, expected) << a.data;
+  EXPECT_TRUE(SignInCalls().empty());
+  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("RefuseWhileSignedIn",
+                                                "Already logged in a Pellix account: %s. %s aborted.",
+                                                "bound@example.com", "Login")});
+}
+
+TEST_P(SignInTest, PositiveQueryResultIsNotSignedIn) {
+  Script(1, kBound, {0, 0});
+  EXPECT_TRUE(Run().success);
+  EXPECT_EQ(SignInCalls().size(), 1u);
+}
+
+// The answer follows the error number, not the sign-in's result.
+TEST_P(SignInTest, NegativeResultWithErrorZeroIsASuccess) {
+  Script(-1, "{}", {-1, 0});
+  webapihost::Answer a = Run();
+  EXPECT_TRUE(a.success);
+  EXPECT_EQ(a.data, J(GetParam().answer));
+  EXPECT_EQ(Logged(), std::vector<Line>{Failed()});
+}
+
+TEST_P(SignInTest, ZeroResultWithError14Answers3004) {
+  Script(-1, "{}", {0, 14});
+  webapihost::Answer a = Run();
+  EXPECT_EQ(a.code, 3004);
+  EXPECT_EQ(a.data, Empty());
+  EXPECT_EQ(Logged(), std::vector<Line>{CodeLine(14)});
+}
+
+TEST_P(SignInTest, FailureLogsBothLinesWithTheUntranslatedNumber) {
+  Script(-1, "{}", {-1, 99});
+  webapihost::Answer a = Run();
+  EXPECT_EQ(a.code, 3000);
+  EXPECT_EQ(a.data, Empty());
+  EXPECT_EQ(Logged(), (std::vector<Line>{Failed(), CodeLine(99)}));
+}
+
+// The query, then the sign-in: failing either, once or for good, still gives
+// exactly one answer, and the code of the failed call when it was the sign-in.
+TEST_P(SignInTest, SurvivesAFaultInEachPlatformCall) {
+  Script(-1, "{}", {0, 0});
+  for (bool persistent : {false, true}) {
+    for (int k = 0; k < 2; ++k) {
+      SCOPED_TRACE("fault in call " + std::to_string(k) + (persistent ? ", persistent" : ", once"));
+      talvseam::ClearJournal();
+      talvseam::ClearFaults();
+      talvseam::InjectFault("*", k, persistent, 5);
+      webapihost::Answer a = Run();
+      EXPECT_EQ(a.answers, 1);
+      EXPECT_FALSE(a.threw);
+      bool signInFailed = k == 1 || persistent;
+      EXPECT_EQ(a.success, !signInFailed);
+      EXPECT_EQ(a.code, signInFailed ? 3003 : 0);
+      EXPECT_EQ(SignInCalls().size(), 1u);
+      std::vector<Line> expected;
+      if (signInFailed) expected = {Failed(), CodeLine(5)};
+      EXPECT_EQ(Logged(), expected);
+    }
+  }
+}
+
+INSTANTIATE_TEST_SUITE_P(Methods, SignInTest, ::testing::ValuesIn(kSignIns),
+                         [](const ::testing::TestParamInfo<SignIn>& info) { return info.param.function; });
+
+// A missing or (for LoginByKey) invalid parameter is refused before the
+// library is asked anything.
+TEST_F(ModuleTest, SignInParametersMissing) {
+  struct Case {
+    const char* method;
+    const char* params;
+    const char* details;
+    Line logged;
+  } cases[] = {
+      {"login", "{}", "{}", LogLine("Login", "Invalid parameter")},
+      {"login", R"({"account": "a@b.cd"})", "{}", LogLine("Login", "Invalid parameter")},
+      {"login", R"({"password": "secret"})", "{}", LogLine("Login", "Invalid parameter")},
+      // Presence is all that is tested: an account that is no text is not read.
+      {"login", R"({"account": {"not": "text"}})", "{}", LogLine("Login", "Invalid parameter")},
+      {"oauth_login", R"({"token": "t"})", "{}", LogLine("OauthLogin", "Invalid parameter")},
+      {"handle_apikey_error", "{}", "{}", LogLine("HandleApiKeyError", "Invalid parameter")},
+      {"login_by_key", "{}", "null", LogLine("LoginByKey", "Invalid parameter %s %s", "", "")},
+      {"login_by_key", R"({"serial": "SN-1"})", "null", LogLine("LoginByKey", "Invalid parameter %s %s", "SN-1", "")},
+      {"login_by_key", R"({"auth_key": "k"})", "null", LogLine("LoginByKey", "Invalid parameter %s %s", "", "k")},
+      {"login_by_key", R"({"serial": 7, "auth_key": "k"})", "null",
+       LogLine("LoginByKey", "Invalid parameter %s %s", "", "k")},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " " + c.params);
+    talvseam::ClearJournal();
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, c.method, J(c.params));
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_EQ(a.code, 3001);
+    EXPECT_EQ(a.data, J(c.details));
+    EXPECT_EQ(Logged(), std::vector<Line>{c.logged});
+    for (const talvseam::Call& call : talvseam::Journal()) EXPECT_NE(call.service, "pellix") << call.op;
+  }
+}
+
+// HandleApiKeyError runs no query and reads the error number only after a
+// negative result; its failure line names the translated code.
+TEST_F(ModuleTest, HandleApiKeyError) {
+  struct Case {
+    const char* name;
+    Outcome outcome;
+    bool success;
+    int code;
+    int loggedCode;  // -1: nothing
+  } cases[] = {
+      {"ZeroIgnoresTheErrorNumber", {0, 14}, true, 0, -1},
+      {"PositiveIgnoresTheErrorNumber", {2, 99}, true, 0, -1},
+      {"NegativeWithErrorZero", {-1, 0}, true, 0, 3007},
+      {"NegativeWithError14", {-1, 14}, false, 3004, 3004},
+      {"NegativeWithError40", {-1, 40}, false, 3000, 3000},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    talvseam::ClearJournal();
+    EXPECT_CALL(backend_, HandleApiKeyError(_, _))
+        .WillOnce(Invoke([&](Json::Value& answer, const char* text) {
+          EXPECT_STREQ(text, "");
+          answer["relogin"] = true;
+          return c.outcome;
+        }));
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "handle_apikey_error", J(R"({"apikey_error": ""})"));
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_EQ(a.success, c.success);
+    EXPECT_EQ(a.code, c.code);
+    EXPECT_EQ(a.data, J(R"({"relogin": true})"));
+    std::vector<Line> expected;
+    if (c.loggedCode >= 0)
+      expected.push_back(LogLine("HandleApiKeyError", "Pellix handle apikey failed, code=%u", unsigned(c.loggedCode)));
+    EXPECT_EQ(Logged(), expected);
+    std::vector<talvseam::Call> calls = talvseam::Journal();
+    EXPECT_EQ(std::count_if(calls.begin(), calls.end(), [](const talvseam::Call& x) { return x.service == "pellix"; }),
+              1);
+  }
+}
+
+}  // namespace
+}  // namespace pellixtest
