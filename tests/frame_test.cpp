@@ -84,27 +84,6 @@ TEST_F(FrameTest, LookupMatchesNameVersionAndMethodExactly) {
   EXPECT_TRUE(talvseam::Journal().empty()) << "no handler ran";
 }
 
-// Methods whose work has not landed answer 3000 with null details, say so in
-// the log, and touch no platform service.
-TEST_F(FrameTest, MethodsOfLaterWorkAnswer3000) {
-  const char* const kPending[][2] = {
-      {"0", "register (version 1)"},
-      {"4", "register"},
-  };
-  for (const auto& pending : kPending) {
-    const Row& row = kRows[std::stoi(pending[0])];
-    SCOPED_TRACE(row.method);
-    webapihost::Answer a = Call(row.api, row.version, row.method, J(R"({"account": "a@b.cd"})"));
-    EXPECT_TRUE(a.found);
-    EXPECT_EQ(a.answers, 1);
-    EXPECT_FALSE(a.success);
-    EXPECT_EQ(a.code, 3000);
-    EXPECT_TRUE(a.data.isNull());
-    EXPECT_EQ(Logged(), std::vector<Line>{LogLine("NotAvailable", "%s is not available in this build", pending[1])});
-  }
-  EXPECT_TRUE(talvseam::Journal().empty());
-}
-
 // The k-th platform call fails, for every k that a handler reaches: every
 // handler still gives exactly one answer, except that the PKCE settings let
 // the service's exception pass to the host, which catches it.

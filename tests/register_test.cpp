@@ -1,0 +1,335 @@
+// Register (version 1) end to end against the local account service, and
+// Register_v2 against a scripted account library.
+#include <functional>
+
+#include "seam/seam.h"
+#include "support/local_service.h"
+
+namespace pellixtest {
+namespace {
+
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::Return;
+using ::testing::SetArgReferee;
+using syslogcapture::Line;
+using talvpellix::Outcome;
+
+const char kRelaydConf[] = "/usr/talv/etc/talvrelayd/talvrelayd.conf";
+const char kRequest[] = R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace"})";
+const std::string kForm = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken +
+                          "&action=register&email=ada%40example.com&passwd=secret%201&full_name=Ada%20Lovelace"
+                          "&notify_lang=ger&serial=" + kDeviceSerial + "&timezone=Europe%2FAmsterdam";
+const char kSignedIn[] = R"({"email": "bound@example.com", "auth_key": "k-1", "activated": true})";
+
+// `n` characters of four bytes each.
+std::string Clefs(size_t n) {
+  std::string text;
+  for (size_t i = 0; i < n; ++i) text += "\xF0\x9D\x84\x9E";
+  return text;
+}
+
+Line InvalidParameter(const char* function) { return LogLine(function, "Invalid parameter"); }
+Line RegisterError(long status, const char* response) {
+  return LogLine("Register", "pellix register error, http-status: %ld response: %s", status, response);
+}
+
+class RegisterTest : public TrustedServiceTest {
+ protected:
+  webapihost::Answer Register(const Json::Value& params) { return Call("TALV.Core.PellixCenter", 1, "register", params); }
+  void ExpectAnswer(const webapihost::Answer& a, int code) {
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_FALSE(a.threw) << a.exception;
+    EXPECT_EQ(a.success, code == 0);
+    EXPECT_EQ(a.code, code);
+    EXPECT_TRUE(a.data.isNull()) << a.data;
+  }
+};
+
+// --- What the service's answer becomes ---
+
+struct AnswerCase {
+  const char* name;
+  Reply reply;
+  int code;              // 0: success
+  const char* response;  // in the "register error" line; nullptr: nothing logged
+  long status;           // in that line
+};
+
+std::ostream& operator<<(std::ostream& os, const AnswerCase& c) { return os << c.name; }
+
+class RegisterAnswerTest : public RegisterTest, public ::testing::WithParamInterface<AnswerCase> {};
+
+TEST_P(RegisterAnswerTest, KeywordDecides) {
+  const AnswerCase& c = GetParam();
+  server().Script(c.reply);
+  ExpectAnswer(Register(J(kRequest)), c.code);
+  std::vector<Received> received = server().Requests();
+  ASSERT_EQ(received.size(), 1u);
+  EXPECT_EQ(received[0].body, kForm);
+  std::vector<Line> expected;
+  if (c.response) expected.push_back(RegisterError(c.status, c.response));
+  EXPECT_EQ(Logged(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RegisterAnswerTest,
+    ::testing::Values(AnswerCase{"Good", {200, "good"}, 0, nullptr, 0},
+                      AnswerCase{"AccountUserid", {200, "account_userid:1234"}, 0, nullptr, 0},
+                      AnswerCase{"BeginningOfGood", {200, "g"}, 0, nullptr, 0},
+                      AnswerCase{"BeginningOfBadparam", {200, "bad"}, 3001, "bad", 200},
+                      AnswerCase{"BeginningOfAccountInused", {200, "account_"}, 3005, "account_", 200},
+                      AnswerCase{"Badauth", {200, "badauth"}, 3004, "badauth", 200},
+                      AnswerCase{"SerialExceeded", {200, "serial_exceed_max_account_register"}, 3006,
+                                 "serial_exceed_max_account_register", 200},
+                      AnswerCase{"CaseMatters", {200, "GOOD"}, 3000, "GOOD", 200},
+                      AnswerCase{"RunsPastTheKey", {200, "goodness"}, 3000, "goodness", 200},
+                      AnswerCase{"LoggedUpToTheKeyword", {200, "badparam:email"}, 3001, "badparam", 200},
+                      AnswerCase{"LeadingColons", {200, "::badparam:x"}, 3001, "::badparam", 200},
+                      AnswerCase{"TrimmedFirst", {200, "\n good \n"}, 0, nullptr, 0},
+                      AnswerCase{"EmptyAnswer", {200, ""}, 3000, "", 200},
+                      AnswerCase{"OnlyColons", {200, ":::"}, 3000, "", 200},
+                      AnswerCase{"ServerError", {500, "good"}, 3003, "badsys", 500}),
+    [](const ::testing::TestParamInfo<AnswerCase>& info) { return std::string(info.param.name); });
+
+TEST_F(RegisterTest, UnreachableServiceIsBadnetwork) {
+  SilentPort closed(false);
+  ConfigureHost(closed.Address());
+  ExpectAnswer(Register(J(kRequest)), 3002);
+  EXPECT_EQ(Logged(), std::vector<Line>{RegisterError(0, "badnetwork")});
+}
+
+// Version 1 posts its form whether or not an account is signed in.
+TEST_F(RegisterTest, SignedInAccountIsNotLookedAt) {
+  EXPECT_CALL(backend_, QueryInfo).Times(0);
+  ExpectAnswer(Register(J(kRequest)), 0);
+  EXPECT_EQ(server().Requests().size(), 1u);
+}
+
+// --- The checks before the form, in their order ---
+
+struct CheckCase {
+  const char* name;
+  const char* params;
+  std::function<void(Sysroot&)> arrange;
+  int code;
+  std::function<std::vector<Line>()> logged;
+};
+
+std::ostream& operator<<(std::ostream& os, const CheckCase& c) { return os << c.name; }
+
+class RegisterCheckTest : public RegisterTest, public ::testing::WithParamInterface<CheckCase> {};
+
+TEST_P(RegisterCheckTest, RefusesBeforeSending) {
+  const CheckCase& c = GetParam();
+  if (c.arrange) c.arrange(sysroot());
+  ExpectAnswer(Register(J(c.params)), c.code);
+  EXPECT_TRUE(server().Requests().empty());
+  EXPECT_EQ(Logged(), c.logged());
+}
+
+const char kShortPassword[] = R"({"account": "ada@example.com", "password": "12345", "fullname": "Ada"})";
+void NoHost(Sysroot& root) { root.Write(kRelaydConf, "[relay]\nenabled = 1\n[pellix]\n"); }
+std::vector<Line> PasswordLine() {
+  return {LogLine("RegisterLengthsValid", "pellix passowrd length is invaild: %zd", ssize_t{5})};
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RegisterCheckTest,
+    ::testing::Values(
+        CheckCase{"NoAccount", R"({"password": "secret 1", "fullname": "Ada"})", nullptr, 3001,
+                  [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+        CheckCase{"AccountNotAnAddress", R"({"account": "ada", "password": "secret 1", "fullname": "Ada"})", nullptr,
+                  3001, [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+        CheckCase{"NoPassword", R"({"account": "ada@example.com", "fullname": "Ada"})", nullptr, 3001,
+                  [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+        CheckCase{"NoFullname", R"({"account": "ada@example.com", "password": "secret 1"})", nullptr, 3001,
+                  [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+        CheckCase{"NoHost", kRequest, NoHost, 3001,
+                  [] { return std::vector<Line>{LogLine("Register", "pellix host doesnot set")}; }},
+        CheckCase{"LengthsBeforeHost", kShortPassword, NoHost, 3001, PasswordLine},
+        CheckCase{"SerialBeforeLengths", kShortPassword,
+                  [](Sysroot&) { talvseam::InjectFault("TLIBGetSerialNumber", 0, false, 0); }, 3000,
+                  [] { return std::vector<Line>{}; }},
+        CheckCase{"FormRequestFails", kRequest,
+                  [](Sysroot&) { talvseam::InjectFault("TALVZoneGet", 0, false, 0); }, 3003,
+                  [] {
+                    const ErrorState s;
+                    return std::vector<Line>{
+                        LogLine("PellixAccountRegister", "failed to get time zone, size need: %d, err=[0x%04X %s:%d]",
+                                -1, s.code, s.file.c_str(), s.line),
+                        LogLine("Register", "cannot register account")};
+                  }}),
+    [](const ::testing::TestParamInfo<CheckCase>& info) { return std::string(info.param.name); });
+
+// --- Lengths, in bytes, for both versions ---
+
+enum class Refused { kNo, kPassword, kFullName };
+
+struct LengthCase {
+  const char* name;
+  std::string password;
+  std::string fullName;
+  Refused refused;
+};
+
+std::ostream& operator<<(std::ostream& os, const LengthCase& c) { return os << c.name; }
+
+class RegisterLengthTest : public RegisterTest, public ::testing::WithParamInterface<LengthCase> {
+ protected:
+  Json::Value Params(bool v2) const {
+    Json::Value params = J(R"({"account": "ada@example.com", "critical_release": false})");
+    params["password"] = GetParam().password;
+    params["fullname"] = GetParam().fullName;
+    if (!v2) params.removeMember("critical_release");
+    return params;
+  }
+  std::vector<Line> Expected() const {
+    const LengthCase& c = GetParam();
+    if (c.refused == Refused::kPassword)
+      return {LogLine("RegisterLengthsValid", "pellix passowrd length is invaild: %zd", ssize_t(c.password.size()))};
+    if (c.refused == Refused::kFullName)
+      return {LogLine("RegisterLengthsValid", "pellix fullname length is invaild: %s %zd", c.fullName.c_str(),
+                      ssize_t(c.fullName.size()))};
+    return {};
+  }
+};
+
+TEST_P(RegisterLengthTest, Version1) {
+  const bool refused = GetParam().refused != Refused::kNo;
+  ExpectAnswer(Register(Params(false)), refused ? 3001 : 0);
+  EXPECT_EQ(server().Requests().size(), refused ? 0u : 1u);
+  EXPECT_EQ(Logged(), Expected());
+}
+
+TEST_P(RegisterLengthTest, Version2) {
+  const bool refused = GetParam().refused != Refused::kNo;
+  ON_CALL(backend_, Register).WillByDefault(Return(Outcome{0, 0}));
+  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", Params(true));
+  EXPECT_EQ(a.code, refused ? 3001 : 0);
+  EXPECT_EQ(talvseam::JournalOf("TALVPELLIXAccountRegister").size(), refused ? 0u : 1u);
+  EXPECT_EQ(Logged(), Expected());
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RegisterLengthTest,
+    ::testing::Values(LengthCase{"Password5", "12345", "Ada", Refused::kPassword},
+                      LengthCase{"Password6", "123456", "Ada", Refused::kNo},
+                      LengthCase{"Password128", std::string(128, 'p'), "Ada", Refused::kNo},
+                      LengthCase{"Password129", std::string(129, 'p'), "Ada", Refused::kPassword},
+                      LengthCase{"PasswordTwoWideCharacters", Clefs(2), "Ada", Refused::kNo},
+                      LengthCase{"Password32WideCharacters", Clefs(32), "Ada", Refused::kNo},
+                      LengthCase{"Password33WideCharacters", Clefs(33), "Ada", Refused::kPassword},
+                      LengthCase{"FullName1", "secret 1", "A", Refused::kFullName},
+                      LengthCase{"FullName2", "secret 1", "Al", Refused::kNo},
+                      LengthCase{"FullName256", "secret 1", std::string(256, 'n'), Refused::kNo},
+                      LengthCase{"FullName257", "secret 1", std::string(257, 'n'), Refused::kFullName},
+                      LengthCase{"FullNameOneWideCharacter", "secret 1", Clefs(1), Refused::kNo},
+                      LengthCase{"FullName64WideCharacters", "secret 1", Clefs(64), Refused::kNo},
+                      LengthCase{"FullName129WideCharacters", "secret 1", Clefs(129), Refused::kFullName},
+                      LengthCase{"PasswordBeforeFullName", "12345", "A", Refused::kPassword}),
+    [](const ::testing::TestParamInfo<LengthCase>& info) { return std::string(info.param.name); });
+
+// --- Version 2 ---
+
+const char kV2Request[] =
+    R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace", "critical_release": true})";
+
+struct V2Case {
+  const char* name;
+  const char* params;
+  Outcome registered;              // left by the library's registration
+  std::vector<std::string> flags;  // critical_release, enews, enews_local_promotion, country as passed
+  int code;                        // 0: success
+  bool failedLine;
+};
+
+std::ostream& operator<<(std::ostream& os, const V2Case& c) { return os << c.name; }
+
+class RegisterV2Test : public ModuleTest, public ::testing::WithParamInterface<V2Case> {};
+
+TEST_P(RegisterV2Test, RegistersThroughTheLibrary) {
+  const V2Case& c = GetParam();
+  ON_CALL(backend_, Register).WillByDefault(Return(c.registered));
+  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(c.params));
+  EXPECT_EQ(a.answers, 1);
+  EXPECT_EQ(a.success, c.code == 0);
+  EXPECT_EQ(a.code, c.code);
+  EXPECT_EQ(a.data, Json::Value(Json::objectValue)) << a.data;
+  std::vector<talvseam::Call> calls = talvseam::JournalOf("TALVPELLIXAccountRegister");
+  ASSERT_EQ(calls.size(), 1u);
+  std::vector<std::string> args = {"ada@example.com", "secret 1", "Ada Lovelace"};
+  args.insert(args.end(), c.flags.begin(), c.flags.end());
+  EXPECT_EQ(calls[0].args, args);
+  std::vector<Line> expected;
+  if (c.failedLine)
+    expected.push_back(LogLine("Register_v2", "TALVPELLIXAccountRegister failed, email=%s, full_name=%s",
+                               "ada@example.com", "Ada Lovelace"));
+  EXPECT_EQ(Logged(), expected);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, RegisterV2Test,
+    ::testing::Values(
+        V2Case{"CriticalRelease", kV2Request, {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
+        V2Case{"EnewsSecond",
+               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+                   "critical_release": false, "enews": true})",
+               {0, 0}, {"false", "true", "false", "(null)"}, 0, false},
+        V2Case{"LocalPromotionThird",
+               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+                   "critical_release": false, "enews_local_promotion": true})",
+               {0, 0}, {"false", "false", "true", "(null)"}, 0, false},
+        V2Case{"EmptyCountryIsNull",
+               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+                   "critical_release": true, "country": ""})",
+               {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
+        V2Case{"CountryPassedOn",
+               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+                   "critical_release": true, "country": "NL"})",
+               {0, 0}, {"true", "false", "false", "NL"}, 0, false},
+        V2Case{"FailedWithErrorZeroIsASuccess", kV2Request, {-1, 0}, {"true", "false", "false", "(null)"}, 0, true},
+        V2Case{"FailedWithError16", kV2Request, {-1, 16}, {"true", "false", "false", "(null)"}, 3005, true},
+        V2Case{"ErrorNumberDecides", kV2Request, {0, 16}, {"true", "false", "false", "(null)"}, 3005, false}),
+    [](const ::testing::TestParamInfo<V2Case>& info) { return std::string(info.param.name); });
+
+TEST_F(ModuleTest, RegisterV2RefusesWhileSignedIn) {
+  EXPECT_CALL(backend_, QueryInfo(_, true, true))
+      .WillOnce(DoAll(SetArgReferee<0>(J(kSignedIn)), Return(Outcome{0, 0})));
+  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(kV2Request));
+  EXPECT_EQ(a.code, 3010);
+  EXPECT_EQ(a.data, J(R"({"account": "bound@example.com", "auth_key": "k-1", "activated": true})")) << a.data;
+  EXPECT_TRUE(talvseam::JournalOf("TALVPELLIXAccountRegister").empty());
+  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("RefuseWhileSignedIn",
+                                                "Already logged in a Pellix account: %s. %s aborted.",
+                                                "bound@example.com", "Register")});
+}
+
+// Missing parameters and bad lengths are answered before anyone asks the
+// library whether an account is signed in.
+TEST_F(ModuleTest, RegisterV2ChecksParametersFirst) {
+  ON_CALL(backend_, QueryInfo(_, true, true))
+      .WillByDefault(DoAll(SetArgReferee<0>(J(kSignedIn)), Return(Outcome{0, 0})));
+  const struct {
+    const char* params;
+    std::vector<Line> logged;
+  } cases[] = {
+      {R"({"password": "secret 1", "fullname": "Ada", "critical_release": true})", {InvalidParameter("Register_v2")}},
+      {R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada"})",
+       {InvalidParameter("Register_v2")}},
+      {R"({"account": "ada@example.com", "password": "12345", "fullname": "Ada", "critical_release": true})",
+       {LogLine("RegisterLengthsValid", "pellix passowrd length is invaild: %zd", ssize_t{5})}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.params);
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(c.params));
+    EXPECT_EQ(a.code, 3001);
+    EXPECT_EQ(a.data, Json::Value(Json::objectValue)) << a.data;
+    EXPECT_EQ(Logged(), c.logged);
+  }
+  EXPECT_TRUE(talvseam::JournalOf("TALVPELLIXAccountQueryInfo").empty());
+  EXPECT_TRUE(talvseam::JournalOf("TALVPELLIXAccountRegister").empty());
+}
+
+}  // namespace
+}  // namespace pellixtest
