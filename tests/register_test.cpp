@@ -1,7 +1,9 @@
 // Register (version 1) end to end against the local account service, and
 // Register_v2 against a scripted account library.
 #include <functional>
+#include <set>
 
+#include "core/accounting.h"
 #include "seam/seam.h"
 #include "support/local_service.h"
 
@@ -104,6 +106,33 @@ TEST_F(RegisterTest, SignedInAccountIsNotLookedAt) {
   EXPECT_CALL(backend_, QueryInfo).Times(0);
   ExpectAnswer(Register(J(kRequest)), 0);
   EXPECT_EQ(server().Requests().size(), 1u);
+}
+
+// Version 1's deepest path runs through the form request and the HTTPS
+// client to the service: every platform call on it fails in turn, once and
+// from then on. One answer each time, a code of the service's vocabulary,
+// and every hash and list given back.
+TEST_F(RegisterTest, SurvivesTheFailureOfEachPlatformCall) {
+  const std::set<int> codes = {0, 3000, 3001, 3002, 3003, 3004, 3005, 3006};
+  const Json::Value params = J(kRequest);
+  talvseam::ClearFaults();
+  ExpectAnswer(Register(params), 0);
+  const int calls = talvseam::CallCount();
+  for (bool persistent : {false, true}) {
+    for (int k = 0; k <= calls; ++k) {
+      SCOPED_TRACE("failing call " + std::to_string(k) + (persistent ? " and every call after it" : ""));
+      talvseam::ClearFaults();
+      talvseam::InjectFault("*", k, persistent, 5);
+      webapihost::Answer a = Register(params);
+      EXPECT_EQ(a.answers, 1) << a.exception;
+      EXPECT_EQ(codes.count(a.code), 1u) << a.code;
+      EXPECT_TRUE(a.data.isNull()) << a.data;
+      EXPECT_EQ(talvcore::LiveHashes(), 0);
+      EXPECT_EQ(talvcore::LiveLists(), 0);
+      EXPECT_EQ(talvcore::BadFrees(), std::vector<std::string>{});
+    }
+  }
+  Logged();
 }
 
 // --- The checks before the form, in their order ---
