@@ -158,8 +158,6 @@ TEST_P(RegisterFailureTest, FailsWithItsLineAndSendsNothing) {
   EXPECT_EQ(Logged(), c.logged(host, state));
 }
 
-void Fault(const char* op, int after = 0) { talvseam::InjectFault(op, after, false, 0); }
-
 // The line of `format` in PellixAccountRegister, ending in the error state.
 Line Failed(const char* format, const ErrorState& s) {
   return LogLine("PellixAccountRegister", format, s.code, s.file.c_str(), s.line);
@@ -170,12 +168,12 @@ const char kSendFailed[] = "failed to send https request to [%s], err=[0x%04X %s
 INSTANTIATE_TEST_SUITE_P(
     Cases, RegisterFailureTest,
     ::testing::Values(
-        FailureCase{"FormHashUnavailable", [](Sysroot&) { Fault("TLIBCSzHashAlloc"); }, false,
+        FailureCase{"FormHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc"); }, false,
                     TLIBC_ERR_OUT_OF_MEMORY,
                     [](const std::string&, const ErrorState& s) {
                       return std::vector<Line>{Failed("failed to alloc https request, err=[0x%04X %s:%d]", s)};
                     }},
-        FailureCase{"TimeZoneUnavailable", [](Sysroot&) { Fault("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND,
+        FailureCase{"TimeZoneUnavailable", [](Sysroot&) { FailOnce("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND,
                     [](const std::string&, const ErrorState& s) {
                       return std::vector<Line>{
                           LogLine("PellixAccountRegister",
@@ -194,7 +192,7 @@ INSTANTIATE_TEST_SUITE_P(
                                   "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", 301, s.code,
                                   s.file.c_str(), s.line)};
                     }},
-        FailureCase{"ZoneHashUnavailable", [](Sysroot&) { Fault("TLIBCSzHashAlloc", 1); }, false,
+        FailureCase{"ZoneHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc", 1); }, false,
                     TLIBC_ERR_OUT_OF_MEMORY,
                     [](const std::string&, const ErrorState& s) {
                       return std::vector<Line>{Failed("Failed to alloc pTZInfo, err=[0x%04X %s:%d]", s)};
@@ -213,7 +211,7 @@ INSTANTIATE_TEST_SUITE_P(
                     [](const std::string&, const ErrorState& s) {
                       return std::vector<Line>{Failed("failed to get tmz[0x%04X %s:%d]", s)};
                     }},
-        FailureCase{"SendFails", [](Sysroot&) { Fault("TLIBCSzListAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
+        FailureCase{"SendFails", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
                     [](const std::string& host, const ErrorState& s) {
                       return std::vector<Line>{
                           LogLine("HttpsRequestSend", "out of memory, ERR=[0x%04X %s:%d]", s.code, s.file.c_str(),

@@ -4,8 +4,6 @@
 #include <cstring>
 #include <functional>
 
-#include "sdk/device.h"
-#include "seam/seam.h"
 #include "support/local_service.h"
 
 namespace pellixtest {
@@ -184,19 +182,17 @@ TEST_P(RefusedTest, FailsBeforeAnythingIsSent) {
   EXPECT_EQ(Logged(), expected);
 }
 
-void Fault(const char* op) { talvseam::InjectFault(op, 0, false, 0); }
-
 INSTANTIATE_TEST_SUITE_P(
     Cases, RefusedTest,
     ::testing::Values(
-        RefusedCase{"DeviceTokenUnavailable", [](Sysroot&) { Fault("TALVCloudServiceQbtokenGetToken"); },
+        RefusedCase{"DeviceTokenUnavailable", [](Sysroot&) { FailOnce("TALVCloudServiceQbtokenGetToken"); },
                     {{"action", "register"}}, false, TLIBC_ERR_BAD_PARAMETERS,
                     "Fail to get serial token of this QB, err=[0x%04X %s:%d]"},
         RefusedCase{"TokenOfGivenSerialUnavailable",
-                    [](Sysroot&) { Fault("TALVCloudServiceQbtokenGenerateToken"); },
+                    [](Sysroot&) { FailOnce("TALVCloudServiceQbtokenGenerateToken"); },
                     {{"serial", "X1"}}, false, TLIBC_ERR_BAD_PARAMETERS,
                     "TALVCloudServiceQbtokenGenerateToken Failed, err=[0x%04X %s:%d]"},
-        RefusedCase{"KeyListUnavailable", [](Sysroot&) { Fault("TLIBCSzListAlloc"); }, {{"action", "register"}},
+        RefusedCase{"KeyListUnavailable", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, {{"action", "register"}},
                     false, TLIBC_ERR_OUT_OF_MEMORY, "out of memory, ERR=[0x%04X %s:%d]"},
         RefusedCase{"NoFields", nullptr, {}, false, TLIBC_ERR_NONE, "no key in the hash, ERR=[0x%04X %s:%d]"},
         RefusedCase{"NoHash", nullptr, {}, true, TLIBC_ERR_BAD_PARAMETERS, "no key in the hash, ERR=[0x%04X %s:%d]"},

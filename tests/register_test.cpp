@@ -178,10 +178,10 @@ INSTANTIATE_TEST_SUITE_P(
                   [] { return std::vector<Line>{LogLine("Register", "pellix host doesnot set")}; }},
         CheckCase{"LengthsBeforeHost", kShortPassword, NoHost, 3001, PasswordLine},
         CheckCase{"SerialBeforeLengths", kShortPassword,
-                  [](Sysroot&) { talvseam::InjectFault("TLIBGetSerialNumber", 0, false, 0); }, 3000,
+                  [](Sysroot&) { FailOnce("TLIBGetSerialNumber"); }, 3000,
                   [] { return std::vector<Line>{}; }},
         CheckCase{"FormRequestFails", kRequest,
-                  [](Sysroot&) { talvseam::InjectFault("TALVZoneGet", 0, false, 0); }, 3003,
+                  [](Sysroot&) { FailOnce("TALVZoneGet"); }, 3003,
                   [] {
                     const ErrorState s;
                     return std::vector<Line>{

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include "seam/seam.h"
 #include "talv/tlibc.h"
 
 namespace pellixtest {
@@ -20,6 +21,8 @@ void Find(void* module, const char* name, F* function) {
 }
 
 }  // namespace
+
+void FailOnce(const char* op, int after) { talvseam::InjectFault(op, after, false, 0); }
 
 void LocalServiceTest::SetUp() {
   ModuleTest::SetUp();

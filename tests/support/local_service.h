@@ -26,6 +26,9 @@ struct ErrorState {
   int line = TLIBCErrorGetLine();
 };
 
+// Platform operation `op` fails once, on its (after+1)-th call from now.
+void FailOnce(const char* op, int after = 0);
+
 class LocalServiceTest : public ModuleTest {
  protected:
   void SetUp() override;
