@@ -49,48 +49,44 @@ struct FormCase {
   std::string outcome;  // the caller's record afterwards
 };
 
-std::ostream& operator<<(std::ostream& os, const FormCase& c) { return os << c.name; }
-
-class RegisterFormTest : public TrustedServiceTest, public ::testing::WithParamInterface<FormCase> {};
-
-TEST_P(RegisterFormTest, PostsTheFormAndCopiesTheAnswer) {
-  const FormCase& c = GetParam();
-  sysroot().Write("/etc/talvinfo.conf", c.deviceSettings);
-  server().Script(c.reply);
-  const std::string host = server().Address();
-  AccountRegisterInfo info = Info(host.c_str(), c.serial);
-  HttpsResponse result{0, nullptr};
-  EXPECT_EQ(PellixAccountRegister(&info, c.withResult ? &result : nullptr), 0);
-  std::vector<Received> received = server().Requests();
-  ASSERT_EQ(received.size(), 1u);
-  EXPECT_EQ(received[0].method, "POST");
-  EXPECT_EQ(received[0].path, "/account.php");
-  EXPECT_EQ(received[0].Header("Host"), std::vector<std::string>{host});
-  EXPECT_EQ(received[0].body, c.form);
-  EXPECT_EQ(std::to_string(result.httpStatus) + " " + (result.body ? result.body : "(no body)"), c.outcome);
-  EXPECT_EQ(Logged(), std::vector<Line>{});
-  HttpsResponseFree(&result);
-}
-
 const std::string kDevice = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken;
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RegisterFormTest,
-    ::testing::Values(
-        FormCase{"DevicesOwnSerial", nullptr, "language=ger\ntimezone=Amsterdam\n", {200, " good\n"}, true,
-                 kDevice + kFields + "ger" + kTimeZone, "200 good"},
-        FormCase{"CallersSerial", "X1", "language=ger\ntimezone=Amsterdam\n", {200, "account_inused"}, true,
-                 std::string("serial=X1&token=") + kTokenX1 + kFields + "ger&serial=X1" + kTimeZone,
-                 "200 account_inused"},
-        FormCase{"LanguageUnreadable", nullptr, "timezone=Amsterdam\n", {200, "good"}, true,
-                 kDevice + kFields + "enu" + kTimeZone, "200 good"},
-        FormCase{"EmptyAnswer", nullptr, "language=ger\ntimezone=Amsterdam\n", {200, ""}, true,
-                 kDevice + kFields + "ger" + kTimeZone, "200 (no body)"},
-        FormCase{"RefusedAnswer", nullptr, "language=ger\ntimezone=Amsterdam\n", {503, "busy"}, true,
-                 kDevice + kFields + "ger" + kTimeZone, "503 badsys"},
-        FormCase{"NoResultRecord", nullptr, "language=ger\ntimezone=Amsterdam\n", {200, "good"}, false,
-                 kDevice + kFields + "ger" + kTimeZone, "0 (no body)"}),
-    [](const ::testing::TestParamInfo<FormCase>& info) { return std::string(info.param.name); });
+const char kSettings[] = "language=ger\ntimezone=Amsterdam\n";  // /etc/talvinfo.conf
+
+const FormCase kForms[] = {
+    {"DevicesOwnSerial", nullptr, kSettings, {200, " good\n"}, true, kDevice + kFields + "ger" + kTimeZone,
+     "200 good"},
+    {"CallersSerial", "X1", kSettings, {200, "account_inused"}, true,
+     std::string("serial=X1&token=") + kTokenX1 + kFields + "ger&serial=X1" + kTimeZone, "200 account_inused"},
+    {"LanguageUnreadable", nullptr, "timezone=Amsterdam\n", {200, "good"}, true,
+     kDevice + kFields + "enu" + kTimeZone, "200 good"},
+    {"EmptyAnswer", nullptr, kSettings, {200, ""}, true, kDevice + kFields + "ger" + kTimeZone, "200 (no body)"},
+    {"RefusedAnswer", nullptr, kSettings, {503, "busy"}, true, kDevice + kFields + "ger" + kTimeZone, "503 badsys"},
+    {"NoResultRecord", nullptr, kSettings, {200, "good"}, false, kDevice + kFields + "ger" + kTimeZone,
+     "0 (no body)"},
+};
+
+TEST_F(TrustedServiceTest, RegisterPostsTheFormAndCopiesTheAnswer) {
+  const std::string host = server().Address();
+  size_t sent = 0;
+  for (const FormCase& c : kForms) {
+    SCOPED_TRACE(c.name);
+    sysroot().Write("/etc/talvinfo.conf", c.deviceSettings);
+    server().Script(c.reply);
+    AccountRegisterInfo info = Info(host.c_str(), c.serial);
+    HttpsResponse result{0, nullptr};
+    EXPECT_EQ(PellixAccountRegister(&info, c.withResult ? &result : nullptr), 0);
+    std::vector<Received> received = server().Requests();
+    ASSERT_EQ(received.size(), ++sent);
+    EXPECT_EQ(received.back().method, "POST");
+    EXPECT_EQ(received.back().path, "/account.php");
+    EXPECT_EQ(received.back().Header("Host"), std::vector<std::string>{host});
+    EXPECT_EQ(received.back().body, c.form);
+    EXPECT_EQ(std::to_string(result.httpStatus) + " " + (result.body ? result.body : "(no body)"), c.outcome);
+    EXPECT_EQ(Logged(), std::vector<Line>{});
+    HttpsResponseFree(&result);
+  }
+}
 
 TEST_F(LocalServiceTest, UnreachableServiceIsAnAnswer) {
   SilentPort closed(false);

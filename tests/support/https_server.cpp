@@ -67,7 +67,9 @@ bool EnterUserAndMountNamespace(std::string* problem) {
 }
 
 bool BindBundle(const std::string& bundle, const std::string& content, std::string* problem) {
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
+  // Source and type mean nothing to these two mounts; "none" keeps
+  // memcheck from reading them as missing.
+  if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
     *problem = std::string("cannot make the mounts private: ") + std::strerror(errno);
     return false;
   }
@@ -77,7 +79,7 @@ bool BindBundle(const std::string& bundle, const std::string& content, std::stri
     return false;
   }
   const std::string file = std::string(dir) + "/ca-certificates.crt";
-  bool bound = WriteFile(file, content) && mount(file.c_str(), bundle.c_str(), nullptr, MS_BIND, nullptr) == 0;
+  bool bound = WriteFile(file, content) && mount(file.c_str(), bundle.c_str(), "none", MS_BIND, nullptr) == 0;
   const int error = errno;
   // The mount keeps the file alive; nothing needs to stay behind in /tmp.
   unlink(file.c_str());
@@ -107,8 +109,7 @@ Identity::Identity(const std::string& altNames) {
   std::snprintf(commonName, sizeof(commonName), "pellix test %02x%02x%02x%02x", serial[4], serial[5], serial[6],
                 serial[7]);
   X509_NAME* name = X509_get_subject_name(cert_);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName), -1, -1,
-                             0);
+  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName), -1, -1, 0);
   X509_set_issuer_name(cert_, name);
   X509V3_CTX ctx;
   X509V3_set_ctx_nodb(&ctx);

@@ -51,7 +51,8 @@ void LocalServiceTest::TearDown() {
 }
 
 void LocalServiceTest::ConfigureHost(const std::string& host) {
-  sysroot_->Write("/usr/talv/etc/talvrelayd/talvrelayd.conf", "[relay]\nenabled = 1\n\n[pellix]\nhost = " + host + "\n");
+  sysroot_->Write("/usr/talv/etc/talvrelayd/talvrelayd.conf",
+                  "[relay]\nenabled = 1\n\n[pellix]\nhost = " + host + "\n");
 }
 
 void TrustedServiceTest::SetUp() {
