@@ -129,31 +129,6 @@ struct FailureCase {
   std::function<std::vector<Line>(const std::string&, const ErrorState&)> logged;
 };
 
-std::ostream& operator<<(std::ostream& os, const FailureCase& c) { return os << c.name; }
-
-class RegisterFailureTest : public TrustedServiceTest, public ::testing::WithParamInterface<FailureCase> {
- protected:
-  void TearDown() override {
-    talvsdk::SetDevice(nullptr);
-    TrustedServiceTest::TearDown();
-  }
-};
-
-TEST_P(RegisterFailureTest, FailsWithItsLineAndSendsNothing) {
-  const FailureCase& c = GetParam();
-  c.arrange(sysroot());
-  const std::string host = server().Address();
-  AccountRegisterInfo info = Info(c.defaultHost ? nullptr : host.c_str());
-  HttpsResponse result{7, nullptr};
-  EXPECT_EQ(PellixAccountRegister(&info, &result), -1);
-  const ErrorState state;
-  EXPECT_EQ(state.code, c.code);
-  EXPECT_EQ(result.httpStatus, 7);
-  EXPECT_EQ(result.body, nullptr);
-  EXPECT_TRUE(server().Requests().empty());
-  EXPECT_EQ(Logged(), c.logged(host, state));
-}
-
 // The line of `format` in PellixAccountRegister, ending in the error state.
 Line Failed(const char* format, const ErrorState& s) {
   return LogLine("PellixAccountRegister", format, s.code, s.file.c_str(), s.line);
@@ -161,69 +136,85 @@ Line Failed(const char* format, const ErrorState& s) {
 
 const char kSendFailed[] = "failed to send https request to [%s], err=[0x%04X %s:%d]";
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RegisterFailureTest,
-    ::testing::Values(
-        FailureCase{"FormHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc"); }, false,
-                    TLIBC_ERR_OUT_OF_MEMORY,
-                    [](const std::string&, const ErrorState& s) {
-                      return std::vector<Line>{Failed("failed to alloc https request, err=[0x%04X %s:%d]", s)};
-                    }},
-        FailureCase{"TimeZoneUnavailable", [](Sysroot&) { FailOnce("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND,
-                    [](const std::string&, const ErrorState& s) {
-                      return std::vector<Line>{
-                          LogLine("PellixAccountRegister",
-                                  "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", -1, s.code,
-                                  s.file.c_str(), s.line)};
-                    }},
-        FailureCase{"TimeZoneNameTooLong",
-                    [](Sysroot&) {
-                      static ZoneDevice device(std::string(300, 'z'), {});
-                      talvsdk::SetDevice(&device);
-                    },
-                    false, TLIBC_ERR_BAD_PARAMETERS,
-                    [](const std::string&, const ErrorState& s) {
-                      return std::vector<Line>{
-                          LogLine("PellixAccountRegister",
-                                  "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", 301, s.code,
-                                  s.file.c_str(), s.line)};
-                    }},
-        FailureCase{"ZoneHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc", 1); }, false,
-                    TLIBC_ERR_OUT_OF_MEMORY,
-                    [](const std::string&, const ErrorState& s) {
-                      return std::vector<Line>{Failed("Failed to alloc pTZInfo, err=[0x%04X %s:%d]", s)};
-                    }},
-        FailureCase{"ZoneUnknown", [](Sysroot& root) { root.Write("/etc/talvinfo.conf", "timezone=Atlantis\n"); },
-                    false, TLIBC_ERR_NOT_FOUND,
-                    [](const std::string&, const ErrorState& s) {
-                      return std::vector<Line>{Failed("failed to get timezone info[0x%04X %s:%d]", s)};
-                    }},
-        FailureCase{"ZoneWithoutTzdbName",
-                    [](Sysroot&) {
-                      static ZoneDevice device("Amsterdam", {{"name", "Amsterdam"}});
-                      talvsdk::SetDevice(&device);
-                    },
-                    false, TLIBC_ERR_NONE,
-                    [](const std::string&, const ErrorState& s) {
-                      return std::vector<Line>{Failed("failed to get tmz[0x%04X %s:%d]", s)};
-                    }},
-        FailureCase{"SendFails", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
-                    [](const std::string& host, const ErrorState& s) {
-                      return std::vector<Line>{
-                          LogLine("HttpsRequestSend", "out of memory, ERR=[0x%04X %s:%d]", s.code, s.file.c_str(),
-                                  s.line),
-                          LogLine("PellixAccountRegister", kSendFailed, host.c_str(), s.code, s.file.c_str(),
-                                  s.line)};
-                    }},
-        // Without a host the form goes to the service's own; the line names
-        // it, and the device's missing build number keeps it from leaving.
-        FailureCase{"DefaultHost", [](Sysroot& root) { root.Write("/etc.defaults/VERSION", "majorversion=5\n"); },
-                    true, TLIBC_ERR_NONE,
-                    [](const std::string&, const ErrorState& s) {
-                      return std::vector<Line>{LogLine("PellixAccountRegister", kSendFailed, "account.pellix.example",
-                                                       s.code, s.file.c_str(), s.line)};
-                    }}),
-    [](const ::testing::TestParamInfo<FailureCase>& info) { return std::string(info.param.name); });
+const FailureCase kFailures[] = {
+    {"FormHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc"); }, false,
+     TLIBC_ERR_OUT_OF_MEMORY,
+     [](const std::string&, const ErrorState& s) {
+       return std::vector<Line>{Failed("failed to alloc https request, err=[0x%04X %s:%d]", s)};
+     }},
+    {"TimeZoneUnavailable", [](Sysroot&) { FailOnce("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND,
+     [](const std::string&, const ErrorState& s) {
+       return std::vector<Line>{
+           LogLine("PellixAccountRegister",
+                   "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", -1, s.code,
+                   s.file.c_str(), s.line)};
+     }},
+    {"TimeZoneNameTooLong",
+     [](Sysroot&) {
+       static ZoneDevice device(std::string(300, 'z'), {});
+       talvsdk::SetDevice(&device);
+     },
+     false, TLIBC_ERR_BAD_PARAMETERS,
+     [](const std::string&, const ErrorState& s) {
+       return std::vector<Line>{
+           LogLine("PellixAccountRegister",
+                   "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", 301, s.code,
+                   s.file.c_str(), s.line)};
+     }},
+    {"ZoneHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc", 1); }, false,
+     TLIBC_ERR_OUT_OF_MEMORY,
+     [](const std::string&, const ErrorState& s) {
+       return std::vector<Line>{Failed("Failed to alloc pTZInfo, err=[0x%04X %s:%d]", s)};
+     }},
+    {"ZoneUnknown", [](Sysroot& root) { root.Write("/etc/talvinfo.conf", "timezone=Atlantis\n"); },
+     false, TLIBC_ERR_NOT_FOUND,
+     [](const std::string&, const ErrorState& s) {
+       return std::vector<Line>{Failed("failed to get timezone info[0x%04X %s:%d]", s)};
+     }},
+    {"ZoneWithoutTzdbName",
+     [](Sysroot&) {
+       static ZoneDevice device("Amsterdam", {{"name", "Amsterdam"}});
+       talvsdk::SetDevice(&device);
+     },
+     false, TLIBC_ERR_NONE,
+     [](const std::string&, const ErrorState& s) {
+       return std::vector<Line>{Failed("failed to get tmz[0x%04X %s:%d]", s)};
+     }},
+    {"SendFails", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
+     [](const std::string& host, const ErrorState& s) {
+       return std::vector<Line>{
+           LogLine("HttpsRequestSend", "out of memory, ERR=[0x%04X %s:%d]", s.code, s.file.c_str(),
+                   s.line),
+           LogLine("PellixAccountRegister", kSendFailed, host.c_str(), s.code, s.file.c_str(),
+                   s.line)};
+     }},
+    // Without a host the form goes to the service's own; the line names
+    // it, and the device's missing build number keeps it from leaving.
+    {"DefaultHost", [](Sysroot& root) { root.Write("/etc.defaults/VERSION", "majorversion=5\n"); },
+     true, TLIBC_ERR_NONE,
+     [](const std::string&, const ErrorState& s) {
+       return std::vector<Line>{LogLine("PellixAccountRegister", kSendFailed, "account.pellix.example",
+                                        s.code, s.file.c_str(), s.line)};
+     }},
+};
+
+TEST_F(TrustedServiceTest, RegisterFailsWithItsLineAndSendsNothing) {
+  const std::string host = server().Address();
+  for (const FailureCase& c : kFailures) {
+    SCOPED_TRACE(c.name);
+    ResetDevice();
+    c.arrange(sysroot());
+    AccountRegisterInfo info = Info(c.defaultHost ? nullptr : host.c_str());
+    HttpsResponse result{7, nullptr};
+    EXPECT_EQ(PellixAccountRegister(&info, &result), -1);
+    const ErrorState state;
+    EXPECT_EQ(state.code, c.code);
+    EXPECT_EQ(result.httpStatus, 7);
+    EXPECT_EQ(result.body, nullptr);
+    EXPECT_TRUE(server().Requests().empty());
+    EXPECT_EQ(Logged(), c.logged(host, state));
+  }
+}
 
 }  // namespace
 }  // namespace pellixtest

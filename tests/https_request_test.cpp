@@ -154,45 +154,39 @@ struct RefusedCase {
   const char* format;  // logged by HttpsRequestSend with the error state; nullptr: nothing
 };
 
-std::ostream& operator<<(std::ostream& os, const RefusedCase& c) { return os << c.name; }
+const RefusedCase kRefusals[] = {
+    {"DeviceTokenUnavailable", [](Sysroot&) { FailOnce("TALVCloudServiceQbtokenGetToken"); }, kRegister, false,
+     TLIBC_ERR_BAD_PARAMETERS, "Fail to get serial token of this QB, err=[0x%04X %s:%d]"},
+    {"TokenOfGivenSerialUnavailable", [](Sysroot&) { FailOnce("TALVCloudServiceQbtokenGenerateToken"); },
+     {{"serial", "X1"}}, false, TLIBC_ERR_BAD_PARAMETERS,
+     "TALVCloudServiceQbtokenGenerateToken Failed, err=[0x%04X %s:%d]"},
+    {"KeyListUnavailable", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, kRegister, false, TLIBC_ERR_OUT_OF_MEMORY,
+     "out of memory, ERR=[0x%04X %s:%d]"},
+    {"NoFields", nullptr, {}, false, TLIBC_ERR_NONE, "no key in the hash, ERR=[0x%04X %s:%d]"},
+    {"NoHash", nullptr, {}, true, TLIBC_ERR_BAD_PARAMETERS, "no key in the hash, ERR=[0x%04X %s:%d]"},
+    {"NoBuildNumber", [](Sysroot& s) { s.Write("/etc.defaults/VERSION", "majorversion=\"5\"\n"); }, kRegister,
+     false, TLIBC_ERR_NONE, nullptr},
+    {"NoModelName", [](Sysroot& s) { s.Write("/etc.defaults/talvinfo.conf", "serial=Q21CA00042\n"); }, kRegister,
+     false, TLIBC_ERR_NONE, nullptr},
+};
 
-class RefusedTest : public TrustedHttpsTest, public ::testing::WithParamInterface<RefusedCase> {};
-
-TEST_P(RefusedTest, FailsBeforeAnythingIsSent) {
-  const RefusedCase& c = GetParam();
-  FieldHash fields(c.fields);
-  if (c.arrange) c.arrange(sysroot());
-  HttpsResponse response{kUntouched, nullptr};
-  EXPECT_EQ(Send(c.noHash ? nullptr : fields.get(), &response), -1);
-  const ErrorState state;
-  EXPECT_EQ(state.code, c.code);
-  EXPECT_EQ(Status(response), "7 (no body)");
-  EXPECT_TRUE(server().Requests().empty());
-  std::vector<Line> expected;
-  if (c.format) expected.push_back(LogLine("HttpsRequestSend", c.format, state.code, state.file.c_str(), state.line));
-  EXPECT_EQ(Logged(), expected);
+TEST_F(TrustedHttpsTest, FailsBeforeAnythingIsSent) {
+  for (const RefusedCase& c : kRefusals) {
+    SCOPED_TRACE(c.name);
+    ResetDevice();
+    FieldHash fields(c.fields);
+    if (c.arrange) c.arrange(sysroot());
+    HttpsResponse response{kUntouched, nullptr};
+    EXPECT_EQ(Send(c.noHash ? nullptr : fields.get(), &response), -1);
+    const ErrorState state;
+    EXPECT_EQ(state.code, c.code);
+    EXPECT_EQ(Status(response), "7 (no body)");
+    EXPECT_TRUE(server().Requests().empty());
+    std::vector<Line> expected;
+    if (c.format) expected.push_back(LogLine("HttpsRequestSend", c.format, state.code, state.file.c_str(), state.line));
+    EXPECT_EQ(Logged(), expected);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RefusedTest,
-    ::testing::Values(
-        RefusedCase{"DeviceTokenUnavailable", [](Sysroot&) { FailOnce("TALVCloudServiceQbtokenGetToken"); },
-                    {{"action", "register"}}, false, TLIBC_ERR_BAD_PARAMETERS,
-                    "Fail to get serial token of this QB, err=[0x%04X %s:%d]"},
-        RefusedCase{"TokenOfGivenSerialUnavailable",
-                    [](Sysroot&) { FailOnce("TALVCloudServiceQbtokenGenerateToken"); },
-                    {{"serial", "X1"}}, false, TLIBC_ERR_BAD_PARAMETERS,
-                    "TALVCloudServiceQbtokenGenerateToken Failed, err=[0x%04X %s:%d]"},
-        RefusedCase{"KeyListUnavailable", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, {{"action", "register"}},
-                    false, TLIBC_ERR_OUT_OF_MEMORY, "out of memory, ERR=[0x%04X %s:%d]"},
-        RefusedCase{"NoFields", nullptr, {}, false, TLIBC_ERR_NONE, "no key in the hash, ERR=[0x%04X %s:%d]"},
-        RefusedCase{"NoHash", nullptr, {}, true, TLIBC_ERR_BAD_PARAMETERS, "no key in the hash, ERR=[0x%04X %s:%d]"},
-        RefusedCase{"NoBuildNumber", [](Sysroot& s) { s.Write("/etc.defaults/VERSION", "majorversion=\"5\"\n"); },
-                    {{"action", "register"}}, false, TLIBC_ERR_NONE, nullptr},
-        RefusedCase{"NoModelName",
-                    [](Sysroot& s) { s.Write("/etc.defaults/talvinfo.conf", "serial=Q21CA00042\n"); },
-                    {{"action", "register"}}, false, TLIBC_ERR_NONE, nullptr}),
-    [](const ::testing::TestParamInfo<RefusedCase>& info) { return std::string(info.param.name); });
 
 TEST_F(HttpsTest, NullArgumentsAreRefusedSilently) {
   FieldHash fields(kRegister);

@@ -149,49 +149,46 @@ struct CheckCase {
   std::function<std::vector<Line>()> logged;
 };
 
-std::ostream& operator<<(std::ostream& os, const CheckCase& c) { return os << c.name; }
-
-class RegisterCheckTest : public RegisterTest, public ::testing::WithParamInterface<CheckCase> {};
-
-TEST_P(RegisterCheckTest, RefusesBeforeSending) {
-  const CheckCase& c = GetParam();
-  if (c.arrange) c.arrange(sysroot());
-  ExpectAnswer(Register(J(c.params)), c.code);
-  EXPECT_TRUE(server().Requests().empty());
-  EXPECT_EQ(Logged(), c.logged());
-}
-
 const char kShortPassword[] = R"({"account": "ada@example.com", "password": "12345", "fullname": "Ada"})";
 void NoHost(Sysroot& root) { root.Write(kRelaydConf, "[relay]\nenabled = 1\n[pellix]\n"); }
 std::vector<Line> PasswordLine() {
   return {LogLine("RegisterLengthsValid", "pellix passowrd length is invaild: %zd", ssize_t{5})};
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RegisterCheckTest,
-    ::testing::Values(
-        CheckCase{"NoAccount", R"({"password": "secret 1", "fullname": "Ada"})", nullptr, 3001,
-                  [] { return std::vector<Line>{InvalidParameter("Register")}; }},
-        CheckCase{"AccountNotAnAddress", R"({"account": "ada", "password": "secret 1", "fullname": "Ada"})", nullptr,
-                  3001, [] { return std::vector<Line>{InvalidParameter("Register")}; }},
-        CheckCase{"NoPassword", R"({"account": "ada@example.com", "fullname": "Ada"})", nullptr, 3001,
-                  [] { return std::vector<Line>{InvalidParameter("Register")}; }},
-        CheckCase{"NoFullname", R"({"account": "ada@example.com", "password": "secret 1"})", nullptr, 3001,
-                  [] { return std::vector<Line>{InvalidParameter("Register")}; }},
-        CheckCase{"NoHost", kRequest, NoHost, 3001,
-                  [] { return std::vector<Line>{LogLine("Register", "pellix host doesnot set")}; }},
-        CheckCase{"LengthsBeforeHost", kShortPassword, NoHost, 3001, PasswordLine},
-        CheckCase{"SerialBeforeLengths", kShortPassword, [](Sysroot&) { FailOnce("TLIBGetSerialNumber"); }, 3000,
-                  [] { return std::vector<Line>{}; }},
-        CheckCase{"FormRequestFails", kRequest, [](Sysroot&) { FailOnce("TALVZoneGet"); }, 3003,
-                  [] {
-                    const ErrorState s;
-                    return std::vector<Line>{
-                        LogLine("PellixAccountRegister", "failed to get time zone, size need: %d, err=[0x%04X %s:%d]",
-                                -1, s.code, s.file.c_str(), s.line),
-                        LogLine("Register", "cannot register account")};
-                  }}),
-    [](const ::testing::TestParamInfo<CheckCase>& info) { return std::string(info.param.name); });
+const CheckCase kChecks[] = {
+    {"NoAccount", R"({"password": "secret 1", "fullname": "Ada"})", nullptr, 3001,
+     [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"AccountNotAnAddress", R"({"account": "ada", "password": "secret 1", "fullname": "Ada"})", nullptr,
+     3001, [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"NoPassword", R"({"account": "ada@example.com", "fullname": "Ada"})", nullptr, 3001,
+     [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"NoFullname", R"({"account": "ada@example.com", "password": "secret 1"})", nullptr, 3001,
+     [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"NoHost", kRequest, NoHost, 3001,
+     [] { return std::vector<Line>{LogLine("Register", "pellix host doesnot set")}; }},
+    {"LengthsBeforeHost", kShortPassword, NoHost, 3001, PasswordLine},
+    {"SerialBeforeLengths", kShortPassword, [](Sysroot&) { FailOnce("TLIBGetSerialNumber"); }, 3000,
+     [] { return std::vector<Line>{}; }},
+    {"FormRequestFails", kRequest, [](Sysroot&) { FailOnce("TALVZoneGet"); }, 3003,
+     [] {
+       const ErrorState s;
+       return std::vector<Line>{
+           LogLine("PellixAccountRegister", "failed to get time zone, size need: %d, err=[0x%04X %s:%d]",
+                   -1, s.code, s.file.c_str(), s.line),
+           LogLine("Register", "cannot register account")};
+     }},
+};
+
+TEST_F(RegisterTest, ChecksComeBeforeTheFormInTheirOrder) {
+  for (const CheckCase& c : kChecks) {
+    SCOPED_TRACE(c.name);
+    ResetDevice();
+    if (c.arrange) c.arrange(sysroot());
+    ExpectAnswer(Register(J(c.params)), c.code);
+    EXPECT_TRUE(server().Requests().empty());
+    EXPECT_EQ(Logged(), c.logged());
+  }
+}
 
 // --- Lengths, in bytes, for both versions ---
 
@@ -278,54 +275,51 @@ struct V2Case {
   bool failedLine;
 };
 
-std::ostream& operator<<(std::ostream& os, const V2Case& c) { return os << c.name; }
+const V2Case kV2Cases[] = {
+    {"CriticalRelease", kV2Request, {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
+    {"EnewsSecond",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": false, "enews": true})",
+           {0, 0}, {"false", "true", "false", "(null)"}, 0, false},
+    {"LocalPromotionThird",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": false, "enews_local_promotion": true})",
+           {0, 0}, {"false", "false", "true", "(null)"}, 0, false},
+    {"EmptyCountryIsNull",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": true, "country": ""})",
+           {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
+    {"CountryPassedOn",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": true, "country": "NL"})",
+           {0, 0}, {"true", "false", "false", "NL"}, 0, false},
+    {"FailedWithErrorZeroIsASuccess", kV2Request, {-1, 0}, {"true", "false", "false", "(null)"}, 0, true},
+    {"FailedWithError16", kV2Request, {-1, 16}, {"true", "false", "false", "(null)"}, 3005, true},
+    {"ErrorNumberDecides", kV2Request, {0, 16}, {"true", "false", "false", "(null)"}, 3005, false},
+};
 
-class RegisterV2Test : public ModuleTest, public ::testing::WithParamInterface<V2Case> {};
-
-TEST_P(RegisterV2Test, RegistersThroughTheLibrary) {
-  const V2Case& c = GetParam();
-  ON_CALL(backend_, Register).WillByDefault(Return(c.registered));
-  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(c.params));
-  EXPECT_EQ(a.answers, 1);
-  EXPECT_EQ(a.success, c.code == 0);
-  EXPECT_EQ(a.code, c.code);
-  EXPECT_EQ(a.data, Json::Value(Json::objectValue)) << a.data;
-  std::vector<talvseam::Call> calls = talvseam::JournalOf("TALVPELLIXAccountRegister");
-  ASSERT_EQ(calls.size(), 1u);
-  std::vector<std::string> args = {"ada@example.com", "secret 1", "Ada Lovelace"};
-  args.insert(args.end(), c.flags.begin(), c.flags.end());
-  EXPECT_EQ(calls[0].args, args);
-  std::vector<Line> expected;
-  if (c.failedLine)
-    expected.push_back(LogLine("Register_v2", "TALVPELLIXAccountRegister failed, email=%s, full_name=%s",
-                               "ada@example.com", "Ada Lovelace"));
-  EXPECT_EQ(Logged(), expected);
+TEST_F(ModuleTest, RegisterV2RegistersThroughTheLibrary) {
+  for (const V2Case& c : kV2Cases) {
+    SCOPED_TRACE(c.name);
+    talvseam::ClearJournal();
+    ON_CALL(backend_, Register).WillByDefault(Return(c.registered));
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(c.params));
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_EQ(a.success, c.code == 0);
+    EXPECT_EQ(a.code, c.code);
+    EXPECT_EQ(a.data, Json::Value(Json::objectValue)) << a.data;
+    std::vector<talvseam::Call> calls = talvseam::JournalOf("TALVPELLIXAccountRegister");
+    ASSERT_EQ(calls.size(), 1u);
+    std::vector<std::string> args = {"ada@example.com", "secret 1", "Ada Lovelace"};
+    args.insert(args.end(), c.flags.begin(), c.flags.end());
+    EXPECT_EQ(calls[0].args, args);
+    std::vector<Line> expected;
+    if (c.failedLine)
+      expected.push_back(LogLine("Register_v2", "TALVPELLIXAccountRegister failed, email=%s, full_name=%s",
+                                 "ada@example.com", "Ada Lovelace"));
+    EXPECT_EQ(Logged(), expected);
+  }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, RegisterV2Test,
-    ::testing::Values(
-        V2Case{"CriticalRelease", kV2Request, {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
-        V2Case{"EnewsSecond",
-               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
-                   "critical_release": false, "enews": true})",
-               {0, 0}, {"false", "true", "false", "(null)"}, 0, false},
-        V2Case{"LocalPromotionThird",
-               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
-                   "critical_release": false, "enews_local_promotion": true})",
-               {0, 0}, {"false", "false", "true", "(null)"}, 0, false},
-        V2Case{"EmptyCountryIsNull",
-               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
-                   "critical_release": true, "country": ""})",
-               {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
-        V2Case{"CountryPassedOn",
-               R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
-                   "critical_release": true, "country": "NL"})",
-               {0, 0}, {"true", "false", "false", "NL"}, 0, false},
-        V2Case{"FailedWithErrorZeroIsASuccess", kV2Request, {-1, 0}, {"true", "false", "false", "(null)"}, 0, true},
-        V2Case{"FailedWithError16", kV2Request, {-1, 16}, {"true", "false", "false", "(null)"}, 3005, true},
-        V2Case{"ErrorNumberDecides", kV2Request, {0, 16}, {"true", "false", "false", "(null)"}, 3005, false}),
-    [](const ::testing::TestParamInfo<V2Case>& info) { return std::string(info.param.name); });
 
 TEST_F(ModuleTest, RegisterV2RefusesWhileSignedIn) {
   EXPECT_CALL(backend_, QueryInfo(_, true, true))

@@ -2,6 +2,7 @@
 
 #include <dlfcn.h>
 
+#include "sdk/device.h"
 #include "seam/seam.h"
 #include "talv/tlibc.h"
 
@@ -35,10 +36,16 @@ void LocalServiceTest::SetUp() {
   if (HasFatalFailure()) return;
 
   sysroot_.reset(new Sysroot());
+  server_.reset(new HttpsServer(TestIdentities().trusted));
+  ResetDevice();
+}
+
+void LocalServiceTest::ResetDevice() {
+  talvseam::ClearFaults();
+  talvsdk::SetDevice(nullptr);
   sysroot_->Write("/etc.defaults/VERSION", "majorversion=\"5\"\nbuildnumber=\"20261101\"\n");
   sysroot_->Write("/etc.defaults/talvinfo.conf", std::string("upnpmodelname=TS-464\nserial=") + kDeviceSerial + "\n");
   sysroot_->Write("/etc/talvinfo.conf", "language=ger\ntimezone=Amsterdam\n");
-  server_.reset(new HttpsServer(TestIdentities().trusted));
   ConfigureHost(server_->Address());
   // Lines that end in the error state read what the module left there.
   TLIBCErrSetEx(TLIBC_ERR_NONE, "", 0);

@@ -38,6 +38,9 @@ class LocalServiceTest : public ModuleTest {
   HttpsServer& server() { return *server_; }
   // The service's host is the relay configuration's account-service host.
   void ConfigureHost(const std::string& host);
+  // Back to the device of the test's start, for the next case of a table:
+  // its files and host, no faults, the SDK's own device, a clear error state.
+  void ResetDevice();
 
   int (*HttpsRequestSend)(const HttpsRequest*, HttpsResponse*) = nullptr;
   void (*HttpsResponseFree)(HttpsResponse*) = nullptr;
