@@ -25,12 +25,15 @@ const std::string kForm = std::string("serial=") + kDeviceSerial + "&token=" + k
                           kDeviceSerial + "&timezone=Europe%2FAmsterdam";
 const char kSignedIn[] = R"({"email": "bound@example.com", "auth_key": "k-1", "activated": true})";
 
-// `n` characters of four bytes each.
-std::string Clefs(size_t n) {
+// `n` times a character of four bytes: different ones for passwords and
+// names, so that no password is ever part of a name that gets logged.
+std::string Repeat(const char* character, size_t n) {
   std::string text;
-  for (size_t i = 0; i < n; ++i) text += "\xF0\x9D\x84\x9E";
+  for (size_t i = 0; i < n; ++i) text += character;
   return text;
 }
+std::string WidePassword(size_t n) { return Repeat("\xF0\x9F\x94\x91", n); }
+std::string WideName(size_t n) { return Repeat("\xF0\x9D\x84\x9E", n); }
 
 Line InvalidParameter(const char* function) { return LogLine(function, "Invalid parameter"); }
 Line RegisterError(long status, const char* response) {
@@ -206,16 +209,16 @@ const LengthCase kLengths[] = {
     {"Password6", "123456", "Ada", Refused::kNo},
     {"Password128", std::string(128, 'p'), "Ada", Refused::kNo},
     {"Password129", std::string(129, 'p'), "Ada", Refused::kPassword},
-    {"PasswordTwoWideCharacters", Clefs(2), "Ada", Refused::kNo},
-    {"Password32WideCharacters", Clefs(32), "Ada", Refused::kNo},
-    {"Password33WideCharacters", Clefs(33), "Ada", Refused::kPassword},
+    {"PasswordTwoWideCharacters", WidePassword(2), "Ada", Refused::kNo},
+    {"Password32WideCharacters", WidePassword(32), "Ada", Refused::kNo},
+    {"Password33WideCharacters", WidePassword(33), "Ada", Refused::kPassword},
     {"FullName1", "secret 1", "A", Refused::kFullName},
     {"FullName2", "secret 1", "Al", Refused::kNo},
     {"FullName256", "secret 1", std::string(256, 'n'), Refused::kNo},
     {"FullName257", "secret 1", std::string(257, 'n'), Refused::kFullName},
-    {"FullNameOneWideCharacter", "secret 1", Clefs(1), Refused::kNo},
-    {"FullName64WideCharacters", "secret 1", Clefs(64), Refused::kNo},
-    {"FullName129WideCharacters", "secret 1", Clefs(129), Refused::kFullName},
+    {"FullNameOneWideCharacter", "secret 1", WideName(1), Refused::kNo},
+    {"FullName64WideCharacters", "secret 1", WideName(64), Refused::kNo},
+    {"FullName129WideCharacters", "secret 1", WideName(129), Refused::kFullName},
     {"PasswordBeforeFullName", "12345", "A", Refused::kPassword},
 };
 
