@@ -113,6 +113,13 @@ CURLcode SslCtxCallback(CURL* handle, void* sslContext, void* userData) {
   return CURLE_OK;
 }
 
+// Logs a failure; the caller decides whether the transfer can do without.
+bool SetTimeOut(CURL* curl, CURLoption option) {
+  const CURLcode rc = curl_easy_setopt(curl, option, kTimeoutSeconds);
+  if (rc != CURLE_OK) PELLIX_LOG("failed to set time-out, return value=%d", rc);
+  return rc == CURLE_OK;
+}
+
 // serial and token first, then the optional credentials, then the caller's
 // fields in the hash's order.
 int BuildForm(const HttpsRequest& request, const char* serial, const char* token, const TLIBC_SZLIST* keys,
@@ -224,12 +231,8 @@ int HttpsRequestSend(const HttpsRequest* request, HttpsResponse* response) {
   curl_easy_setopt(curl, CURLOPT_SSL_VERIFYHOST, 1L);
   if (request->verbose) curl_easy_setopt(curl, CURLOPT_VERBOSE, 1L);
   // Without a connect time-out the overall one still bounds the call.
-  if ((rc = curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT, kTimeoutSeconds)) != CURLE_OK)
-    PELLIX_LOG("failed to set time-out, return value=%d", rc);
-  if ((rc = curl_easy_setopt(curl, CURLOPT_TIMEOUT, kTimeoutSeconds)) != CURLE_OK) {
-    PELLIX_LOG("failed to set time-out, return value=%d", rc);
-    return -1;
-  }
+  SetTimeOut(curl, CURLOPT_CONNECTTIMEOUT);
+  if (!SetTimeOut(curl, CURLOPT_TIMEOUT)) return -1;
   if ((rc = curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, WriteMemoryCallback)) != CURLE_OK) {
     PELLIX_LOG("failed to write function WriteMemoryCallback, return value=%d", rc);
     return -1;

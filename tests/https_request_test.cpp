@@ -1,9 +1,12 @@
 // HttpsRequestSend and PellixAccountRegister against a local HTTPS service:
 // what arrives on the wire, byte for byte, for each scripted reply.
+#include <curl/curl.h>
+
 #include <chrono>
 #include <cstring>
 #include <functional>
 
+#include "support/curl_faults.h"
 #include "support/local_service.h"
 
 namespace pellixtest {
@@ -186,6 +189,95 @@ TEST_F(TrustedHttpsTest, FailsBeforeAnythingIsSent) {
     if (c.format) expected.push_back(LogLine("HttpsRequestSend", c.format, state.code, state.file.c_str(), state.line));
     EXPECT_EQ(Logged(), expected);
   }
+}
+
+// --- libcurl refusing what the module asks of it ---
+
+struct CurlCase {
+  const char* name;
+  const char* function;
+  int option;  // of curl_easy_setopt
+  bool sent;   // the transfer goes ahead without it
+  // The lines logged, given the service's host.
+  std::function<std::vector<Line>(const std::string&)> logged;
+};
+
+constexpr int kRefused = CURLE_BAD_FUNCTION_ARGUMENT;  // what the failing call returns
+const char kHeaderFailed[] = "failed to set req=%s, header=%s, return value=%d";
+
+// The line of `format` in HttpsRequestSend, formatted from the rest.
+template <typename... Args>
+std::function<std::vector<Line>(const std::string&)> Sends(const char* format, Args... args) {
+  return [=](const std::string&) { return std::vector<Line>{LogLine("HttpsRequestSend", format, args...)}; };
+}
+
+std::vector<Line> Nothing(const std::string&) { return {}; }
+
+const CurlCase kCurlFailures[] = {
+    {"EscapeFails", "curl_easy_escape", -1, false,
+     [](const std::string&) {
+       return std::vector<Line>{LogLine("AppendFormField", "URL encoding failed: %s", kDeviceSerial)};
+     }},
+    {"NoHandle", "curl_easy_init", -1, false, Sends("failed to init pCurl")},
+    {"Post", "curl_easy_setopt", CURLOPT_POST, false, Sends("failed to set request method to be POST")},
+    {"PostFields", "curl_easy_setopt", CURLOPT_POSTFIELDS, false, Sends("failed to set post field to be POST")},
+    {"Url", "curl_easy_setopt", CURLOPT_URL, false,
+     [](const std::string& host) {
+       const std::string url = "https://" + host + "/account.php";
+       return std::vector<Line>{
+           LogLine("HttpsRequestSend", "failed to set req=%s return value=%d", url.c_str(), kRefused)};
+     }},
+    {"UserAgent", "curl_easy_setopt", CURLOPT_USERAGENT, false,
+     Sends("failed to set agent=%s, return value=%d", kUserAgent, kRefused)},
+    {"HeaderList", "curl_slist_append", -1, false,
+     [](const std::string& host) {
+       return std::vector<Line>{LogLine("HttpsRequestSend", kHeaderFailed, host.c_str(), ("Host: " + host).c_str(),
+                                        int{CURLE_OUT_OF_MEMORY})};
+     }},
+    {"Header", "curl_easy_setopt", CURLOPT_HTTPHEADER, false,
+     [](const std::string& host) {
+       return std::vector<Line>{
+           LogLine("HttpsRequestSend", kHeaderFailed, host.c_str(), ("Host: " + host).c_str(), kRefused)};
+     }},
+    {"SslContext", "curl_easy_setopt", CURLOPT_SSL_CTX_FUNCTION, false,
+     Sends("can not set CURLOPT_SSL_CTX_FUNCTION (%d)", kRefused)},
+    {"VerifyPeer", "curl_easy_setopt", CURLOPT_SSL_VERIFYPEER, true, Nothing},
+    {"VerifyHost", "curl_easy_setopt", CURLOPT_SSL_VERIFYHOST, true, Nothing},
+    {"ConnectTimeOut", "curl_easy_setopt", CURLOPT_CONNECTTIMEOUT, true,
+     [](const std::string&) {
+       return std::vector<Line>{LogLine("SetTimeOut", "failed to set time-out, return value=%d", kRefused)};
+     }},
+    {"TimeOut", "curl_easy_setopt", CURLOPT_TIMEOUT, false,
+     [](const std::string&) {
+       return std::vector<Line>{LogLine("SetTimeOut", "failed to set time-out, return value=%d", kRefused)};
+     }},
+    {"WriteFunction", "curl_easy_setopt", CURLOPT_WRITEFUNCTION, false,
+     Sends("failed to write function WriteMemoryCallback, return value=%d", kRefused)},
+    {"WriteData", "curl_easy_setopt", CURLOPT_WRITEDATA, false,
+     Sends("failed to write data, return value=%d", kRefused)},
+};
+
+// Every libcurl call the module checks fails once in turn: the ones it can
+// do without are logged or ignored and the form goes out, the others end
+// the call with their line, nothing sent and everything released.
+TEST_F(TrustedHttpsTest, LibcurlFailuresEndTheCallOrAreBorne) {
+  const std::string host = server().Address();
+  size_t sent = 0;
+  for (const CurlCase& c : kCurlFailures) {
+    SCOPED_TRACE(c.name);
+    ResetDevice();
+    FieldHash fields(kRegister);
+    HttpsResponse response{kUntouched, nullptr};
+    FailCurlOnce(c.function, c.option);
+    EXPECT_EQ(Send(fields.get(), &response), c.sent ? 0 : -1);
+    EXPECT_FALSE(CurlFaultPending()) << "the module never made that call";
+    if (c.sent) ++sent;
+    EXPECT_EQ(server().Requests().size(), sent);
+    EXPECT_EQ(Status(response), c.sent ? "200 \"good\"" : "7 (no body)");
+    EXPECT_EQ(Logged(), c.logged(host));
+    HttpsResponseFree(&response);
+  }
+  ClearCurlFaults();
 }
 
 TEST_F(HttpsTest, NullArgumentsAreRefusedSilently) {
