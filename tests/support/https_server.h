@@ -1,55 +1,16 @@
 // A local HTTPS service for the module's one conversation with the network:
-// certificates made at start-up, a server on 127.0.0.1 that records every
-// request exactly and answers as scripted, and a trust store in which the
-// module's libcurl finds the test's certificates the way the device finds the
-// real service's.
+// a server on 127.0.0.1 that records every request exactly and answers as
+// scripted, with the identities and the trust store of tls_trust.h.
 #pragma once
-
-#include <openssl/evp.h>
-#include <openssl/x509.h>
 
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/tls_trust.h"
+
 namespace pellixtest {
-
-// A self-signed certificate and its key.
-class Identity {
- public:
-  // `altNames` as in a subjectAltName extension, e.g. "IP:127.0.0.1,DNS:localhost".
-  explicit Identity(const std::string& altNames);
-  ~Identity();
-  Identity(const Identity&) = delete;
-  Identity& operator=(const Identity&) = delete;
-  X509* cert() const { return cert_; }
-  EVP_PKEY* key() const { return key_; }
-  std::string Pem() const;
-
- private:
-  X509* cert_ = nullptr;
-  EVP_PKEY* key_ = nullptr;
-};
-
-// The identities every test program makes at start-up. `trusted` and
-// `misnamed` are in the trust store, `stranger` is not.
-struct Identities {
-  Identity trusted{"IP:127.0.0.1,DNS:localhost"};
-  Identity misnamed{"DNS:elsewhere.example"};  // trusted, but not for 127.0.0.1
-  Identity stranger{"IP:127.0.0.1,DNS:localhost"};
-};
-const Identities& TestIdentities();
-
-// Call first in main(), while the process has one thread: makes the
-// identities and moves the process into a private mount namespace whose CA
-// bundle (the file libcurl reads by default) holds the machine's CAs plus
-// `trusted` and `misnamed`. Nothing outside the process sees the change.
-void EnterTrustedNamespace();
-// Empty when the namespace is in place; otherwise why it could not be made.
-const std::string& TrustProblem();
-// The CA bundle libcurl reads when the caller names none.
-std::string CurlDefaultBundle();
 
 struct Reply {
   int status;
