@@ -17,23 +17,7 @@ using syslogcapture::Line;
 const std::string kIdentity = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken;
 constexpr long kUntouched = 7;  // a status the caller set and only a completed transfer may change
 
-using Fields = std::vector<std::pair<std::string, std::string>>;
 const Fields kRegister = {{"action", "register"}};
-
-// A form-field hash of the test's, in insertion order.
-class FieldHash {
- public:
-  explicit FieldHash(const Fields& fields) : hash_(TLIBCSzHashAlloc(1024)) {
-    for (const auto& f : fields) TLIBCSzHashSetValue(&hash_, f.first.c_str(), f.second.c_str());
-  }
-  ~FieldHash() { TLIBCSzHashFree(hash_); }
-  FieldHash(const FieldHash&) = delete;
-  FieldHash& operator=(const FieldHash&) = delete;
-  TLIBC_SZHASH* get() const { return hash_; }
-
- private:
-  TLIBC_SZHASH* hash_;
-};
 
 std::string Status(const HttpsResponse& r) {
   return std::to_string(r.httpStatus) + " " + (r.body ? std::string("\"") + r.body + "\"" : "(no body)");

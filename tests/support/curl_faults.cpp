@@ -3,19 +3,28 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
+#include <atomic>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
-#include <string>
 
 namespace pellixtest {
 namespace {
 
 struct Plan {
   std::mutex mu;
-  std::string function;  // empty: none
+  std::string function;  // "*": any; "": none
   int option = -1;
+  int after = 0;
+  bool persistent = false;
+  bool fired = false;
+  std::vector<CurlCall> calls;
+  std::vector<CurlCall> failed;
 };
+
+// Off, the interposed functions forward at once: realloc and strdup are the
+// whole process's, and most of its calls are none of the plan's business.
+std::atomic<bool> g_watching{false};
 
 Plan& P() {
   static Plan* plan = new Plan();  // libcurl may still be called during exit
@@ -27,12 +36,21 @@ bool FromModule(const void* caller) {
   return dladdr(caller, &info) && info.dli_fname && std::strstr(info.dli_fname, "pellixcenter.so");
 }
 
-// True, once, for the planned call.
+// Counts the module's call and says whether the plan makes it fail.
 bool FailNow(const char* function, int option, const void* caller) {
+  if (!g_watching.load(std::memory_order_relaxed) || !FromModule(caller)) return false;
   Plan& plan = P();
   std::lock_guard<std::mutex> lock(plan.mu);
-  if (plan.function != function || plan.option != option || !FromModule(caller)) return false;
-  plan.function.clear();
+  plan.calls.push_back({function, option});
+  const bool matches =
+      plan.function == "*" || (plan.function == function && (plan.option == -1 || plan.option == option));
+  if (!matches || (plan.fired && !plan.persistent)) return false;
+  if (plan.after > 0) {
+    --plan.after;
+    return false;
+  }
+  plan.fired = true;
+  plan.failed.push_back({function, option});
   return true;
 }
 
@@ -43,20 +61,42 @@ F Real(const char* name) {
 
 }  // namespace
 
-void FailCurlOnce(const char* function, int option) {
-  std::lock_guard<std::mutex> lock(P().mu);
-  P().function = function;
-  P().option = option;
+void InjectCurlFault(const std::string& function, int after, bool persistent, int option) {
+  Plan& plan = P();
+  std::lock_guard<std::mutex> lock(plan.mu);
+  plan.function = function;
+  plan.option = option;
+  plan.after = after;
+  plan.persistent = persistent;
+  plan.fired = false;
+  plan.calls.clear();
+  plan.failed.clear();
+  g_watching = true;
 }
+
+void FailCurlOnce(const char* function, int option) { InjectCurlFault(function, 0, false, option); }
 
 bool CurlFaultPending() {
   std::lock_guard<std::mutex> lock(P().mu);
-  return !P().function.empty();
+  return !P().function.empty() && !P().fired;
+}
+
+std::vector<CurlCall> CurlCalls() {
+  std::lock_guard<std::mutex> lock(P().mu);
+  return P().calls;
+}
+
+std::vector<CurlCall> FailedCurlCalls() {
+  std::lock_guard<std::mutex> lock(P().mu);
+  return P().failed;
 }
 
 void ClearCurlFaults() {
   std::lock_guard<std::mutex> lock(P().mu);
+  g_watching = false;
   P().function.clear();
+  P().calls.clear();
+  P().failed.clear();
 }
 
 }  // namespace pellixtest
@@ -91,6 +131,37 @@ char* curl_easy_escape(CURL* curl, const char* text, int length) {
 curl_slist* curl_slist_append(curl_slist* list, const char* text) {
   static const auto real = Real<curl_slist* (*)(curl_slist*, const char*)>("curl_slist_append");
   return FailNow("curl_slist_append", -1, __builtin_return_address(0)) ? nullptr : real(list, text);
+}
+
+CURLcode curl_easy_perform(CURL* curl) {
+  static const auto real = Real<CURLcode (*)(CURL*)>("curl_easy_perform");
+  return FailNow("curl_easy_perform", -1, __builtin_return_address(0)) ? CURLE_OUT_OF_MEMORY : real(curl);
+}
+
+// Each information the module reads is given one pointer to fill.
+CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
+  static const auto real = Real<CURLcode (*)(CURL*, CURLINFO, ...)>("curl_easy_getinfo");
+  va_list args;
+  va_start(args, info);
+  void* out = va_arg(args, void*);
+  va_end(args);
+  if (FailNow("curl_easy_getinfo", info, __builtin_return_address(0))) return CURLE_BAD_FUNCTION_ARGUMENT;
+  return real(curl, info, out);
+}
+
+// The C library's own are looked up without a guarded static, which the
+// lookup's own allocations could enter again. A failed realloc leaves the
+// block where it was, as the C library's does.
+void* realloc(void* block, size_t size) noexcept {
+  static std::atomic<void* (*)(void*, size_t)> real{nullptr};
+  if (!real.load(std::memory_order_relaxed)) real = Real<void* (*)(void*, size_t)>("realloc");
+  return FailNow("realloc", -1, __builtin_return_address(0)) ? nullptr : real.load()(block, size);
+}
+
+char* strdup(const char* text) noexcept {
+  static std::atomic<char* (*)(const char*)> real{nullptr};
+  if (!real.load(std::memory_order_relaxed)) real = Real<char* (*)(const char*)>("strdup");
+  return FailNow("strdup", -1, __builtin_return_address(0)) ? nullptr : real.load()(text);
 }
 
 }  // extern "C"

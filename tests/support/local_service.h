@@ -4,6 +4,9 @@
 #pragma once
 
 #include <memory>
+#include <string>
+#include <utility>
+#include <vector>
 
 #include "account_register.h"
 #include "https_request.h"
@@ -24,6 +27,23 @@ struct ErrorState {
   int code = TLIBCErrGet();
   std::string file = TLIBCErrorGetFile();
   int line = TLIBCErrorGetLine();
+};
+
+using Fields = std::vector<std::pair<std::string, std::string>>;
+
+// A form-field hash of the test's, in insertion order.
+class FieldHash {
+ public:
+  explicit FieldHash(const Fields& fields) : hash_(TLIBCSzHashAlloc(1024)) {
+    for (const auto& f : fields) TLIBCSzHashSetValue(&hash_, f.first.c_str(), f.second.c_str());
+  }
+  ~FieldHash() { TLIBCSzHashFree(hash_); }
+  FieldHash(const FieldHash&) = delete;
+  FieldHash& operator=(const FieldHash&) = delete;
+  TLIBC_SZHASH* get() const { return hash_; }
+
+ private:
+  TLIBC_SZHASH* hash_;
 };
 
 // Platform operation `op` fails once, on its (after+1)-th call from now.

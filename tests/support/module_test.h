@@ -25,6 +25,11 @@ Json::Value J(const std::string& text);
 syslogcapture::Line LogLine(const std::string& function, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 
+// A password handed to the module other than through ModuleTest::Call (to
+// PellixAccountRegister or HttpsRequestSend directly), for the suite-wide
+// scan of the log.
+void ScanLogForPassword(const std::string& password);
+
 class ModuleTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite();
