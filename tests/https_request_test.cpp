@@ -2,7 +2,6 @@
 // what arrives on the wire, byte for byte, for each scripted reply.
 #include <curl/curl.h>
 
-#include <chrono>
 #include <cstring>
 #include <functional>
 
@@ -339,22 +338,6 @@ TEST_F(TrustedServiceTest, BundleVouchesForAServerOnlyUnderItsOwnName) {
     HttpsResponseFree(&response);
   }
   EXPECT_EQ(Logged(), std::vector<Line>{LogLine("HttpsRequestSend", "curl_easy_perform. res: %d", 60)});
-}
-
-// A server that takes the connection and never answers: the call gives up
-// after its 30 seconds.
-TEST_F(HttpsTest, SilentServerTimesOutAfterThirtySeconds) {
-  SilentPort silent(true);
-  FieldHash fields(kRegister);
-  HttpsResponse response{0, nullptr};
-  const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Send(silent.Address(), fields.get(), &response, 1), 0);
-  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-  EXPECT_GE(seconds, 29.5);
-  EXPECT_LT(seconds, 40.0);
-  EXPECT_EQ(Status(response), "0 \"badnetwork\"");
-  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("HttpsRequestSend", "curl_easy_perform. res: %d", 28)});
-  HttpsResponseFree(&response);
 }
 
 }  // namespace

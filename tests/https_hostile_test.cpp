@@ -1,0 +1,172 @@
+// The HTTPS client against servers that misbehave, each a TLS server on
+// 127.0.0.1 (support/tls_server.h). Whatever they do, the call returns 0
+// with "badnetwork", the caller's status untouched and everything released;
+// the form reaches only a server whose certificate the device trusts, under
+// the name it was asked for, while it is valid. The server's side of each
+// connection tells where the refusal happened: after the handshake, as the
+// module is built by default, or in it, under PELLIX_TLS_STRICT_HANDSHAKE.
+#include <dlfcn.h>
+
+#include <chrono>
+#include <cstring>
+#include <fstream>
+
+#include "support/local_service.h"
+#include "support/tls_server.h"
+
+namespace pellixtest {
+
+// pellixcenter.so's own build (0 or 1), and how large an answer the memory
+// of the large-answer test is measured on.
+#ifndef MODULE_TLS_STRICT
+#error "MODULE_TLS_STRICT must say how pellixcenter.so was built"
+#endif
+#ifndef LARGE_BODY_MIB
+#error "LARGE_BODY_MIB must give the size of the large answer"
+#endif
+
+namespace {
+
+using syslogcapture::Line;
+using SendFunction = int (*)(const HttpsRequest*, HttpsResponse*);
+
+const std::string kForm = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken + "&action=register";
+constexpr long kUntouched = 7;
+
+Line TransferFailed(int curlResult) { return LogLine("HttpsRequestSend", "curl_easy_perform. res: %d", curlResult); }
+
+class HostileTest : public TrustedServiceTest {
+ protected:
+  // One verbose request to `server`, which must be turned away as
+  // "badnetwork" with libcurl's `curlResult`; gives the server's record of it.
+  Connection ExpectTurnedAway(SendFunction send, TlsServer& server, int curlResult) {
+    const std::string host = server.Address();
+    FieldHash fields(Fields{{"action", "register"}});
+    const HttpsRequest request{host.c_str(), "account.php", fields.get(), 1, nullptr, nullptr};
+    HttpsResponse response{kUntouched, nullptr};
+    EXPECT_EQ(send(&request, &response), 0);
+    EXPECT_EQ(response.httpStatus, kUntouched);
+    EXPECT_STREQ(response.body, "badnetwork");
+    EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_NETWORK);
+    EXPECT_EQ(Logged(), std::vector<Line>{TransferFailed(curlResult)});
+    HttpsResponseFree(&response);
+    std::vector<Connection> connections = server.Take();
+    EXPECT_EQ(connections.size(), 1u) << "one connection, no retry";
+    return connections.empty() ? Connection() : connections[0];
+  }
+};
+
+struct HostileCase {
+  const char* name;
+  const Identity& identity;
+  Script script;
+  int curlResult;
+  // Whether the TLS handshake completes, as the module is built by default
+  // and under PELLIX_TLS_STRICT_HANDSHAKE, the client's alert that ends it
+  // under the option, and whether the form gets out.
+  bool handshake;
+  bool strictHandshake;
+  const char* strictAlert;
+  bool formSent;
+};
+
+const std::vector<HostileCase>& Cases() {
+  const Identities& ids = TestIdentities();
+  static const std::vector<HostileCase> cases = {
+      {"GarbageInsteadOfTls", ids.trusted, {Conduct::kGarbage}, 35, false, false, "", false},
+      {"ClosesInTheMiddleOfTheBody", ids.trusted, {Conduct::kCloseMidBody, 200, "good and then"}, 18, true, true, "",
+       true},
+      // OpenSSL's verdict on the chain: the module's callback overrules it
+      // for the handshake, libcurl reads it afterwards.
+      {"UntrustedCertificate", ids.stranger, {}, 60, true, false, "tlsv1 alert unknown ca", false},
+      {"ExpiredCertificate", ids.expired, {}, 60, true, false, "sslv3 alert certificate expired", false},
+      // Trusted and valid, for another name: libcurl's own check of the name
+      // comes after the handshake whatever the callback returns.
+      {"MisnamedCertificate", ids.misnamed, {}, 60, true, true, "", false},
+  };
+  return cases;
+}
+
+void ExpectCase(const HostileCase& c, const Connection& seen, bool strict) {
+  EXPECT_EQ(seen.handshake, strict ? c.strictHandshake : c.handshake) << seen.failure;
+  EXPECT_EQ(seen.failure, strict ? c.strictAlert : "");
+  EXPECT_EQ(seen.body, c.formSent ? kForm : "");
+}
+
+TEST_F(HostileTest, MisbehavingServersAreBadnetwork) {
+  for (const HostileCase& c : Cases()) {
+    SCOPED_TRACE(c.name);
+    TlsServer hostile(c.identity, c.script);
+    ExpectCase(c, ExpectTurnedAway(HttpsRequestSend, hostile, c.curlResult), MODULE_TLS_STRICT);
+  }
+}
+
+// The same servers against the HTTPS client built with the option, loaded
+// beside the module: libcurl's result is the same, but a chain OpenSSL does
+// not verify now ends the handshake, so the server never sees it complete.
+TEST_F(HostileTest, StrictBuildFailsTheHandshakeItself) {
+  void* strict = dlopen(HTTPS_STRICT_SO, RTLD_NOW | RTLD_LOCAL);
+  ASSERT_NE(strict, nullptr) << dlerror();
+  const auto send = reinterpret_cast<SendFunction>(dlsym(strict, "HttpsRequestSend"));
+  ASSERT_NE(send, nullptr);
+  for (const HostileCase& c : Cases()) {
+    SCOPED_TRACE(c.name);
+    TlsServer hostile(c.identity, c.script);
+    ExpectCase(c, ExpectTurnedAway(send, hostile, c.curlResult), true);
+  }
+  dlclose(strict);
+}
+
+long StatusKiB(const char* field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::strlen(field)));
+  return -1;
+}
+
+// Nothing bounds the answer but the 30-second time-out: the client holds it
+// whole, twice for a moment (the receive buffer and the caller's copy).
+TEST_F(HostileTest, VeryLargeAnswerIsHeldWhole) {
+  constexpr size_t kSize = size_t{LARGE_BODY_MIB} << 20;
+  TlsServer large(TestIdentities().trusted, {Conduct::kLargeBody, 200, "", kSize});
+  const std::string host = large.Address();
+  FieldHash fields(Fields{{"action", "register"}});
+  const HttpsRequest request{host.c_str(), "account.php", fields.get(), 0, nullptr, nullptr};
+  HttpsResponse response{0, nullptr};
+  // The peak resident size, counted from here (Linux: "5" resets VmHWM).
+  const bool measured = static_cast<bool>(std::ofstream("/proc/self/clear_refs") << "5" << std::flush);
+  const long before = StatusKiB("VmRSS:");
+  EXPECT_EQ(HttpsRequestSend(&request, &response), 0);
+  const long peak = StatusKiB("VmHWM:");
+  EXPECT_EQ(response.httpStatus, 200);
+  ASSERT_NE(response.body, nullptr);
+  EXPECT_EQ(std::strlen(response.body), kSize);
+  EXPECT_EQ(response.body[0], 'x');
+  EXPECT_EQ(response.body[kSize - 1], 'x');
+  HttpsResponseFree(&response);
+  EXPECT_EQ(large.Take().size(), 1u);
+  if (measured && LARGE_BODY_MIB >= 16) {
+    const long growthKiB = peak - before;
+    RecordProperty("answer_mib", LARGE_BODY_MIB);
+    RecordProperty("peak_growth_kib", static_cast<int>(growthKiB));
+    std::printf("a %d MiB answer raised the peak resident size by %ld KiB\n", LARGE_BODY_MIB, growthKiB);
+    EXPECT_GE(growthKiB, long{LARGE_BODY_MIB} * 1024) << "the answer is held whole";
+    EXPECT_LT(growthKiB, long{LARGE_BODY_MIB} * 3 * 1024) << "and not copied more than once over";
+  }
+}
+
+// A server that takes the connection and never answers: the call gives up
+// after its 30 seconds, without having started the handshake.
+TEST_F(HostileTest, StallingServerTimesOutAfterThirtySeconds) {
+  TlsServer stalling(TestIdentities().trusted, {Conduct::kStall});
+  const auto start = std::chrono::steady_clock::now();
+  const Connection seen = ExpectTurnedAway(HttpsRequestSend, stalling, 28);
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_GE(seconds, 29.5);
+  EXPECT_LT(seconds, 40.0);
+  EXPECT_FALSE(seen.handshake);
+}
+
+}  // namespace
+}  // namespace pellixtest
