@@ -1,0 +1,69 @@
+// Ten thousand HTTPS posts to a local service: each opens a handle and a
+// connection of its own, and a long-running host must get every descriptor
+// back. Built in the release tree only, like soak_test.
+#include <dirent.h>
+
+#include <cstring>
+#include <fstream>
+
+#include "seam/seam.h"
+#include "support/local_service.h"
+#include "support/tls_server.h"
+
+namespace pellixtest {
+namespace {
+
+int OpenDescriptors() {
+  DIR* dir = opendir("/proc/self/fd");
+  if (!dir) return -1;
+  int n = 0;
+  while (const dirent* entry = readdir(dir))
+    if (entry->d_name[0] != '.') ++n;
+  closedir(dir);
+  return n - 1;  // the directory's own
+}
+
+long ResidentKiB() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
+  return -1;
+}
+
+TEST_F(TrustedServiceTest, TenThousandPostsLeaveNoDescriptorBehind) {
+  // The stand-ins' journal would grow to its bound and be measured instead
+  // (the fixture's tear-down turns it back on).
+  talvseam::SetJournaling(false);
+  TlsServer service(TestIdentities().trusted);
+  const std::string host = service.Address();
+  FieldHash fields(Fields{{"action", "register"}});
+  const HttpsRequest request{host.c_str(), "account.php", fields.get(), 0, nullptr, nullptr};
+  auto post = [&] {
+    HttpsResponse response{0, nullptr};
+    const bool good = HttpsRequestSend(&request, &response) == 0 && response.httpStatus == 200 && response.body &&
+                      std::strcmp(response.body, "good") == 0;
+    HttpsResponseFree(&response);
+    return good;
+  };
+  constexpr int kWarmUp = 100;
+  constexpr int kPosts = 10000;
+  for (int i = 0; i < kWarmUp; ++i) ASSERT_TRUE(post()) << "warm-up post " << i;
+  service.Take();  // the server has closed its side of each
+  const int before = OpenDescriptors();
+  const long residentBefore = ResidentKiB();
+  for (int i = 0; i < kPosts; ++i) {
+    if (!post()) FAIL() << "post " << i << " failed";
+    if (i % 1000 == 999) service.Take();
+  }
+  service.Take();
+  const int after = OpenDescriptors();
+  RecordProperty("descriptors_before", before);
+  RecordProperty("descriptors_after", after);
+  RecordProperty("rss_growth_kib", static_cast<int>(ResidentKiB() - residentBefore));
+  EXPECT_EQ(after, before) << "descriptors open after " << kPosts << " posts";
+  EXPECT_EQ(Logged(), std::vector<syslogcapture::Line>{});
+}
+
+}  // namespace
+}  // namespace pellixtest
