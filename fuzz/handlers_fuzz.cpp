@@ -16,6 +16,7 @@
 
 #include "core/accounting.h"
 #include "feasibility/checker.h"
+#include "fuzz_check.h"
 #include "harness.h"
 #include "pellix/backend.h"
 #include "talv/pellix.h"
@@ -25,13 +26,6 @@ namespace {
 
 FuzzedDataProvider* gData = nullptr;  // the current input, for the scripted platform
 
-#define FUZZ_CHECK(cond)                                             \
-  do {                                                               \
-    if (!(cond)) {                                                   \
-      std::fprintf(stderr, "%s:%d check failed: %s\n", __FILE__, __LINE__, #cond); \
-      std::abort();                                                  \
-    }                                                                \
-  } while (0)
 
 // Names the handlers read, so that the fuzzer finds them quickly.
 const char* const kNames[] = {"account",  "password",     "fullname",       "serial",        "auth_key",

@@ -16,6 +16,7 @@ struct Sink {
   std::mutex mu;
   std::deque<Line> lines;
   std::deque<Line> history;
+  bool keepHistory = true;
   FILE* echo = nullptr;
 };
 
@@ -34,7 +35,7 @@ void Record(int priority, const char* format, va_list args) {
   Sink& s = S();
   std::lock_guard<std::mutex> lock(s.mu);
   if (s.echo) std::fprintf(s.echo, "<%d> %s\n", priority, text.c_str());
-  s.history.push_back(Line{priority, text});
+  if (s.keepHistory) s.history.push_back(Line{priority, text});
   if (s.history.size() > kHistoryLimit) s.history.pop_front();
   s.lines.push_back(Line{priority, std::move(text)});
   if (s.lines.size() > kLimit) s.lines.pop_front();
@@ -58,6 +59,11 @@ std::vector<Line> History() {
   Sink& s = S();
   std::lock_guard<std::mutex> lock(s.mu);
   return std::vector<Line>(s.history.begin(), s.history.end());
+}
+
+void KeepHistory(bool on) {
+  std::lock_guard<std::mutex> lock(S().mu);
+  S().keepHistory = on;
 }
 
 void SetEcho(FILE* stream) {

@@ -26,6 +26,9 @@ std::vector<Line> Take();
 // Every line logged since the process started (at most the latest 100000),
 // whether taken or not.
 std::vector<Line> History();
+// Off: lines are no longer kept for History(). For a fuzzer, which wants
+// what an input allocates to be freed by the end of it.
+void KeepHistory(bool on);
 // Echo each line as it is logged to `stream` (nullptr: no echo).
 void SetEcho(FILE* stream);
 

@@ -43,10 +43,7 @@ void LocalServiceTest::SetUp() {
 void LocalServiceTest::ResetDevice() {
   talvseam::ClearFaults();
   talvsdk::SetDevice(nullptr);
-  sysroot_->Write("/etc.defaults/VERSION", "majorversion=\"5\"\nbuildnumber=\"20261101\"\n");
-  sysroot_->Write("/etc.defaults/talvinfo.conf", std::string("upnpmodelname=TS-464\nserial=") + kDeviceSerial + "\n");
-  sysroot_->Write("/etc/talvinfo.conf", "language=ger\ntimezone=Amsterdam\n");
-  ConfigureHost(server_->Address());
+  WriteDevelopmentDevice(*sysroot_, server_->Address());
   // Lines that end in the error state read what the module left there.
   TLIBCErrSetEx(TLIBC_ERR_NONE, "", 0);
 }

@@ -17,7 +17,7 @@
 namespace pellixtest {
 
 // What the device's files say, and what follows from them.
-extern const char kDeviceSerial[];  // /etc.defaults/talvinfo.conf
+extern const char kDeviceSerial[];  // WriteDevelopmentDevice's
 extern const char kDeviceToken[];   // the cloud library's token for kDeviceSerial
 extern const char kUserAgent[];     // model name and build number
 extern const char kTokenX1[];       // the cloud library's token for the serial "X1"
