@@ -1,16 +1,23 @@
 #!/usr/bin/env bash
 # Builds the release tree and runs the benchmarks; prints each handler's time
-# beside the bare account-library calls it makes, and the ratio.
+# beside the bare account-library calls it makes, and the ratio; then the
+# HTTPS client beside a bare libcurl POST to the same local TLS service, the
+# ratio, and the TLS handshake alone.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
 cmake --preset default >/dev/null
 cmake --build --preset default --target bench >/dev/null
 out=$(mktemp)
-trap 'rm -f "$out"' EXIT
+https=$(mktemp)
+trap 'rm -f "$out" "$https"' EXIT
 build/default/handlers_bench --benchmark_format=json --benchmark_min_time=0.5 --benchmark_repetitions=3 \
   --benchmark_report_aggregates_only=true >"$out"
-python3 - "$out" <<'PY'
+# Repetitions interleaved at random: the module and bare libcurl share
+# whatever else the machine is doing.
+build/default/https_bench --benchmark_format=json --benchmark_min_time=0.5 --benchmark_repetitions=10 \
+  --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true >"$https"
+python3 - "$out" "$https" <<'PY'
 import json, sys
 runs = json.load(open(sys.argv[1]))
 ctx = runs["context"]
@@ -23,4 +30,14 @@ for name, t in median.items():
     method = name.split("/", 1)[1]
     lib = median.get("Library/" + method)
     print(f"{method:<18}{t:>12.0f}{lib:>12.0f}{t / lib:>8.2f}")
+
+https = json.load(open(sys.argv[2]))
+median = {b["run_name"].split("/")[0]: b["real_time"] for b in https["benchmarks"]
+          if b.get("aggregate_name") == "median"}
+module, bare, floor = median["HttpsRequestSend"], median["BareCurlPost"], median["TlsHandshake"]
+print()
+print("HTTPS post to a local TLS service, fresh handle each (median of 10, wall clock):")
+print(f"{'HttpsRequestSend':<22}{module:>10.0f} us{module / bare:>8.2f}x")
+print(f"{'bare libcurl POST':<22}{bare:>10.0f} us")
+print(f"{'TLS handshake alone':<22}{floor:>10.0f} us")
 PY
