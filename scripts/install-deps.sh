@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ pkg-config binutils
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev openssl ca-certificates
-  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev
+  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libsqlite3-dev
 )
 
 missing=()
