@@ -132,6 +132,8 @@ class Service {
                       std::string* code);
 
   const Options& options() const { return options_; }
+  // Where the browser's side is served; set before the first request.
+  void SetBaseUrl(const std::string& url) { options_.baseUrl = url; }
 
  private:
   int64_t Now() const;
