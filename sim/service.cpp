@@ -122,11 +122,13 @@ void FillInfo(sqlite3* db, int64_t id, const std::string& key, Json::Value* info
 }
 
 // Binds the device to the account with a fresh key, which stays good for a
-// later sign-in by key from the same device.
-uint32_t Bind(sqlite3* db, const std::string& serial, int64_t id, int64_t now, Json::Value* info) {
-  const std::string key = RandomHex(16);
-  Statement(db, "INSERT INTO auth_keys(auth_key, account_id, serial, issued) VALUES(?, ?, ?, ?)")
-      .Bind(key).Bind(id).Bind(serial).Bind(now).Run();
+// later sign-in by key from the same device, or with such a key (`reused`).
+uint32_t Bind(sqlite3* db, const std::string& serial, int64_t id, int64_t now, Json::Value* info,
+              const std::string& reused = "") {
+  const std::string key = reused.empty() ? RandomHex(16) : reused;
+  if (reused.empty())
+    Statement(db, "INSERT INTO auth_keys(auth_key, account_id, serial, issued) VALUES(?, ?, ?, ?)")
+        .Bind(key).Bind(id).Bind(serial).Bind(now).Run();
   Statement(db, "INSERT OR REPLACE INTO bindings(serial, account_id, auth_key, since) VALUES(?, ?, ?, ?)")
       .Bind(serial).Bind(id).Bind(key).Bind(now).Run();
   if (info) FillInfo(db, id, key, info);
@@ -268,7 +270,7 @@ uint32_t Service::SignInByKey(const std::string& serial, const std::string& keyS
     Statement s(db, "SELECT account_id FROM auth_keys WHERE auth_key = ? AND serial = ?");
     s.Bind(authKey).Bind(keySerial);
     if (!s.Step()) return kBadAuth;
-    return Bind(db, serial, s.Int(0), now, info);
+    return Bind(db, serial, s.Int(0), now, info, authKey);
   });
 }
 

@@ -164,6 +164,7 @@ TEST_F(ServiceTest, SignInRefusals) {
   Json::Value byKey;
   EXPECT_EQ(service_->SignInByKey(kSerial, kSerial, key, &byKey), kOk);
   EXPECT_EQ(byKey["email"], "ada@example.com");
+  EXPECT_EQ(byKey["auth_key"], key) << "the binding keeps the key it was made with";
 }
 
 TEST_F(ServiceTest, SignOutTwiceReportsNoAccount) {
