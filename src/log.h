@@ -7,7 +7,8 @@
 
 #include "talv/tlibc.h"
 
-#define PELLIX_LOG(fmt, ...) syslog(LOG_ERR, "%s:%d " fmt, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
+#define PELLIX_LOG(fmt, ...) PELLIX_LOG_AT(LOG_ERR, fmt, ##__VA_ARGS__)
+#define PELLIX_LOG_AT(priority, fmt, ...) syslog((priority), "%s:%d " fmt, __FILE_NAME__, __LINE__, ##__VA_ARGS__)
 
 // The core library's error state, for formats that end in "[0x%04X %s:%d]".
 #define TLIBC_ERROR_STATE TLIBCErrGet(), TLIBCErrorGetFile(), TLIBCErrorGetLine()

@@ -2,7 +2,10 @@
 #include "pellixcenter.h"
 
 #include <json/writer.h>
+#include <sys/types.h>
+#include <unistd.h>
 
+#include <cerrno>
 #include <cstdint>
 #include <stdexcept>
 
@@ -15,6 +18,7 @@ namespace {
 // The web API codes the handlers answer with themselves.
 constexpr int kErrGeneric = 3000;
 constexpr int kErrBadParam = 3001;
+constexpr int kErrSystem = 3003;
 constexpr int kCodeGood = 3007;  // success, never passed to SetError
 constexpr int kErrSignedIn = 3010;
 constexpr int kErrNotFeasible = 3014;
@@ -175,6 +179,72 @@ void NotAvailable(const char* method, TALV::APIResponse* response) {
   PELLIX_LOG("%s is not available in this build", method);
   response->SetError(kErrGeneric, Json::Value());
 }
+
+// The identity the PKCE service and the verifier API need is root's. The
+// effective ids belong to the whole process, so they are raised only for the
+// guarded stretch and put back on every way out of it; real and saved ids are
+// never touched (-1 keeps them).
+struct Identity {
+  uid_t uid;
+  gid_t gid;
+};
+constexpr uid_t kKeepUid = static_cast<uid_t>(-1);
+constexpr gid_t kKeepGid = static_cast<gid_t>(-1);
+
+// Raises the group before the user: once the user is no longer root the
+// group could not be changed. A failure is logged and the caller carries on.
+Identity ENTERCriticalSection() {
+  const Identity saved{geteuid(), getegid()};
+  bool raised = (saved.gid == 0 || setresgid(kKeepGid, 0, kKeepGid) == 0) &&
+                (saved.uid == 0 || setresuid(kKeepUid, 0, kKeepUid) == 0);
+  if (raised) {
+    errno = 0;
+    return saved;
+  }
+  PELLIX_LOG_AT(LOG_AUTH | LOG_ERR, "ERROR: ENTERCriticalSection");
+  errno = EPERM;  // after the log line, which may itself touch errno
+  return saved;
+}
+
+// Puts back the ids recorded at entry: the group while the user is still
+// root, the user last.
+void LEAVECriticalSection(const Identity& saved) {
+  const uid_t uid = geteuid();
+  const gid_t gid = getegid();
+  bool restored;
+  if (uid == saved.uid) {
+    restored = gid == saved.gid || setresgid(kKeepGid, saved.gid, kKeepGid) == 0;
+  } else {
+    restored = setresuid(kKeepUid, 0, kKeepUid) == 0 &&
+               (gid == saved.gid || setresgid(kKeepGid, saved.gid, kKeepGid) == 0) &&
+               setresuid(kKeepUid, saved.uid, kKeepUid) == 0;
+  }
+  if (restored) {
+    errno = 0;
+    return;
+  }
+  PELLIX_LOG_AT(LOG_AUTH | LOG_ERR, "ERROR: LEAVECriticalSection");
+  errno = EPERM;
+}
+
+// Root for the length of a scope, whichever way the scope ends.
+class CriticalSectionGuard {
+ public:
+  CriticalSectionGuard() : saved_(ENTERCriticalSection()) {}
+  ~CriticalSectionGuard() { Leave(); }
+  CriticalSectionGuard(const CriticalSectionGuard&) = delete;
+  CriticalSectionGuard& operator=(const CriticalSectionGuard&) = delete;
+  // Leaves early; the end of the scope then does nothing.
+  void Leave() {
+    if (!held_) return;
+    held_ = false;
+    LEAVECriticalSection(saved_);
+  }
+
+ private:
+  const Identity saved_;
+  bool held_ = true;
+};
 
 }  // namespace
 
@@ -440,11 +510,93 @@ void ListPurchase(TALV::APIRequest* request, TALV::APIResponse* response) {
 
 void Register(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("register (version 1)", response); }
 void Register_v2(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("register", response); }
-void PkceLogin(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("pkce_login", response); }
-void PkceConfigGet(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("pkce_config_get", response); }
-void PkceLogout(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("pkce_logout", response); }
+// The settings of both PKCE flows, passed through unread. No answer is given
+// when the service throws: that is for the host to report.
+void PkceConfigGet(TALV::APIRequest*, TALV::APIResponse* response) {
+  CriticalSectionGuard guard;
+  Json::Value answer(Json::objectValue);
+  talvpellix::AccountPkceService service;
+  answer["register"] = service.GetRegisterPkceConfig();
+  answer["login"] = service.GetLoginPkceConfig();
+  response->SetSuccess(answer);
+  guard.Leave();
+}
 
+// The last step of a PKCE sign-in: the verifier of the caller's challenge and
+// the caller's grant code go to the account service. There is no signed-in
+// guard here; the service decides what a second sign-in means.
+void PkceLogin(TALV::APIRequest* request, TALV::APIResponse* response) {
+  for (const char* name : {"code_challenge", "grant_code", "client_id", "token_endpoint", "redirect_uri"}) {
+    if (!request->HasParam(name)) {
+      response->SetError(kErrBadParam, Json::Value());
+      return;
+    }
+  }
+  const std::string challenge = Text(request, "code_challenge");
+  const std::string grantCode = Text(request, "grant_code");
+  const std::string clientId = Text(request, "client_id");
+  Text(request, "token_endpoint");  // must be there and be text, but nobody needs its value
+  const std::string redirectUri = Text(request, "redirect_uri");
+
+  Json::Value result;
+  int failure = 0;  // the web API code of a failed guarded stretch; never 0 for a failure
+  std::string reason;
+  try {
+    // Declared inside the try: the ids are back before the failure is logged.
+    CriticalSectionGuard guard;
+    const std::string verifier = getCodeVerifier(challenge);
+    talvpellix::AccountPkceService service;
+    talvpellix::ParamPkceLogin param;
+    param.client_id = clientId;
+    param.grant_code = grantCode;
+    param.code_verifier = verifier;
+    param.redirect_uri = redirectUri;
+    result = service.Login(param);
+  } catch (const talvpellix::PellixException& e) {
+    failure = AccountErrorToApiError(static_cast<uint32_t>(e.GetCode()));
+    reason = e.what();
+  } catch (const std::exception& e) {
+    failure = kErrSystem;  // no verifier for the challenge, or the library failed otherwise
+    reason = e.what();
+  }
+  if (failure) {
+    PELLIX_LOG("Failed on PkceLogin: %s", reason.c_str());
+    response->SetError(failure, Json::Value());
+    return;
+  }
+
+  Json::Value answer(Json::objectValue);
+  answer["account"] = result["email"];
+  answer["auth_key"] = result["auth_key"];
+  answer["activated"] = result["activated"];
+  response->SetSuccess(answer);
+}
+
+// Signs out through the PKCE service, behind the same checks as logout. The
+// service reports failure by exception, so there is no error number to read
+// and no "nobody was signed in" case; the translated code is answered as it
+// is, 3007 included.
+void PkceLogout(TALV::APIRequest* request, TALV::APIResponse* response) {
+  if (!LogoutFeasible(request, response)) return;
+  try {
+    talvpellix::AccountPkceService service;
+    service.Logout();
+  } catch (const talvpellix::PellixException& e) {
+    PELLIX_LOG("Failed to pkce logout: %s", e.what());
+    response->SetError(AccountErrorToApiError(static_cast<uint32_t>(e.GetCode())), Json::Value());
+    return;
+  }
+  response->SetSuccess(Json::Value());
+}
+
+// The credential-verifier API keeps the verifiers and gives one out only
+// against its challenge; it runs as root, inside the caller's guard.
 std::string getCodeVerifier(std::string challenge) {
-  (void)challenge;
-  throw std::runtime_error("Failed to get verifier, challenge might be wrong");
+  Json::Value params(Json::objectValue);
+  params["challenge"] = challenge;
+  Json::Value result(Json::objectValue);
+  TALV::APIRunner::Exec(result, "TALV.Remote.Credential.Verifier", 1, "get", params, "root");
+  if (result["success"].isNull() || !result["success"].asBool())
+    throw std::runtime_error("Failed to get verifier, challenge might be wrong");
+  return result["data"]["verifier"].asString();
 }

@@ -1,5 +1,6 @@
-// Logout: the hard and soft feasibility grades, the force override, and the
-// sign-out decided by the account error number.
+// Logout and PkceLogout: the hard and soft feasibility grades and the force
+// override they share, and Logout's sign-out decided by the account error
+// number.
 #include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "seam/seam.h"
@@ -40,20 +41,34 @@ const char kSoftly[] = "Logout is softly not feasible, reasons: %s";
 const char kSignOutFailed[] = "TALVPELLIXAccountLogout failed";
 const char kQueryFailed[] = "Pellix query failed, code=%u";
 
-class LogoutTest : public ModuleTest, public ::testing::WithParamInterface<LogoutCase> {};
+struct SignOutMethod {
+  const char* api;
+  int version;
+  const char* method;
+  bool pkce;  // signs out through the PKCE service
+};
+std::ostream& operator<<(std::ostream& os, const SignOutMethod& m) { return os << m.method; }
+const SignOutMethod kLogout{"TALV.Core.PellixCenter", 2, "logout", false};
+const SignOutMethod kPkceLogout{"TALV.Core.PellixCenter.Logout", 1, "pkce_logout", true};
+
+class LogoutTest : public ModuleTest,
+                   public ::testing::WithParamInterface<std::tuple<SignOutMethod, LogoutCase>> {};
 
 TEST_P(LogoutTest, ChecksThenSignsOut) {
-  const LogoutCase& c = GetParam();
+  const auto& [m, c] = GetParam();
   talvfeasibility::ScriptedChecker checker;
   checker.Set(kHard, c.hard).Set(kSoft, c.soft);
   talvfeasibility::SetChecker(&checker);
-  if (c.signedOut) {
+  if (m.pkce) {
+    EXPECT_CALL(backend_, Logout).Times(0);
+    EXPECT_CALL(backend_, PkceLogout).Times(c.signedOut ? 1 : 0).WillRepeatedly(Return());
+  } else if (c.signedOut) {
     EXPECT_CALL(backend_, Logout(true)).WillOnce(Return(c.signOut));
   } else {
     EXPECT_CALL(backend_, Logout).Times(0);
   }
 
-  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "logout", J(c.params));
+  webapihost::Answer a = Call(m.api, m.version, m.method, J(c.params));
   EXPECT_EQ(a.answers, 1);
   EXPECT_EQ(a.success, c.code == 0);
   EXPECT_EQ(a.code, c.code);
@@ -81,36 +96,53 @@ TEST_P(LogoutTest, ChecksThenSignsOut) {
   EXPECT_EQ(Logged(), expected);
 }
 
-INSTANTIATE_TEST_SUITE_P(
-    Cases, LogoutTest,
-    ::testing::Values(
-        LogoutCase{"BothFeasible", "{}", kFeasible, kFeasible, {0, 0}, 2, true, true, 0, "null", {}},
-        // A hard refusal cannot be forced; force is not even read.
-        LogoutCase{"HardRefusalIgnoresForce", R"({"force": true})", {1, {"backup running"}}, kFeasible, {}, 1,
-                   false, false, 3014, R"({"check_type": "hard", "reasons": ["backup running"]})",
-                   {{kHardly, R"(["backup running"])"}}},
-        LogoutCase{"SoftRefusal", R"({"force": false})", kFeasible, {1, {"app open"}}, {}, 2, true, false, 3014,
-                   R"({"check_type": "soft", "reasons": ["app open"]})", {{kSoftly, R"(["app open"])"}}},
-        LogoutCase{"ForceSkipsTheSoftCheck", R"({"force": true})", kFeasible, {1, {"app open"}}, {-1, 3}, 1, true,
-                   true, 0, "null", {{kSignOutFailed, nullptr}}},
-        LogoutCase{"ReasonsOfBothGradesHardFirst", "{}", {0, {"a1", "a2"}}, {1, {"b1"}}, {}, 2, true, false, 3014,
-                   R"({"check_type": "soft", "reasons": ["a1", "a2", "b1"]})", {{kSoftly, R"(["a1","a2","b1"])"}}},
-        LogoutCase{"RefusalWithoutReasons", "{}", {1, {}}, kFeasible, {}, 1, false, false, 3014,
-                   R"({"check_type": "hard", "reasons": null})", {{kHardly, "null"}}},
-        LogoutCase{"AnyPositiveVerdictRefuses", "{}", kFeasible, {7, {}}, {}, 2, true, false, 3014,
-                   R"({"check_type": "soft", "reasons": null})", {{kSoftly, "null"}}},
-        // The platform may hand back another list; its reasons count and it is freed.
-        LogoutCase{"ReplacedListsAreReadAndFreed", "{}", {0, {"x"}, true}, {1, {"y"}, true}, {}, 2, true, false,
-                   3014, R"({"check_type": "soft", "reasons": ["x", "y"]})", {{kSoftly, R"(["x","y"])"}}},
-        LogoutCase{"NotSignedInIsSignedOut", "{}", kFeasible, kFeasible, {-1, 3}, 2, true, true, 0, "null",
-                   {{kSignOutFailed, nullptr}}},
-        LogoutCase{"NegativeWithErrorZeroIsASuccess", "{}", kFeasible, kFeasible, {-1, 0}, 2, true, true, 0, "null",
-                   {{kSignOutFailed, nullptr}}},
-        LogoutCase{"NegativeWithError4", "{}", kFeasible, kFeasible, {-1, 4}, 2, true, true, 3002, "{}",
-                   {{kSignOutFailed, nullptr}, {kQueryFailed, nullptr}}},
-        LogoutCase{"ZeroWithError14", "{}", kFeasible, kFeasible, {0, 14}, 2, true, true, 3004, "{}",
-                   {{kQueryFailed, nullptr}}}),
-    [](const ::testing::TestParamInfo<LogoutCase>& info) { return std::string(info.param.name); });
+const LogoutCase kLogoutCases[] = {
+    LogoutCase{"BothFeasible", "{}", kFeasible, kFeasible, {0, 0}, 2, true, true, 0, "null", {}},
+    // A hard refusal cannot be forced; force is not even read.
+    LogoutCase{"HardRefusalIgnoresForce", R"({"force": true})", {1, {"backup running"}}, kFeasible, {}, 1,
+               false, false, 3014, R"({"check_type": "hard", "reasons": ["backup running"]})",
+               {{kHardly, R"(["backup running"])"}}},
+    LogoutCase{"SoftRefusal", R"({"force": false})", kFeasible, {1, {"app open"}}, {}, 2, true, false, 3014,
+               R"({"check_type": "soft", "reasons": ["app open"]})", {{kSoftly, R"(["app open"])"}}},
+    LogoutCase{"ForceSkipsTheSoftCheck", R"({"force": true})", kFeasible, {1, {"app open"}}, {0, 0}, 1, true,
+               true, 0, "null", {}},
+    LogoutCase{"ReasonsOfBothGradesHardFirst", "{}", {0, {"a1", "a2"}}, {1, {"b1"}}, {}, 2, true, false, 3014,
+               R"({"check_type": "soft", "reasons": ["a1", "a2", "b1"]})", {{kSoftly, R"(["a1","a2","b1"])"}}},
+    LogoutCase{"RefusalWithoutReasons", "{}", {1, {}}, kFeasible, {}, 1, false, false, 3014,
+               R"({"check_type": "hard", "reasons": null})", {{kHardly, "null"}}},
+    LogoutCase{"AnyPositiveVerdictRefuses", "{}", kFeasible, {7, {}}, {}, 2, true, false, 3014,
+               R"({"check_type": "soft", "reasons": null})", {{kSoftly, "null"}}},
+    // The platform may hand back another list; its reasons count and it is freed.
+    LogoutCase{"ReplacedListsAreReadAndFreed", "{}", {0, {"x"}, true}, {1, {"y"}, true}, {}, 2, true, false,
+               3014, R"({"check_type": "soft", "reasons": ["x", "y"]})", {{kSoftly, R"(["x","y"])"}}},
+    LogoutCase{"NotSignedInIsSignedOut", "{}", kFeasible, kFeasible, {-1, 3}, 2, true, true, 0, "null",
+               {{kSignOutFailed, nullptr}}},
+    LogoutCase{"NegativeWithErrorZeroIsASuccess", "{}", kFeasible, kFeasible, {-1, 0}, 2, true, true, 0, "null",
+               {{kSignOutFailed, nullptr}}},
+    LogoutCase{"NegativeWithError4", "{}", kFeasible, kFeasible, {-1, 4}, 2, true, true, 3002, "{}",
+               {{kSignOutFailed, nullptr}, {kQueryFailed, nullptr}}},
+    LogoutCase{"ZeroWithError14", "{}", kFeasible, kFeasible, {0, 14}, 2, true, true, 3004, "{}",
+               {{kQueryFailed, nullptr}}},
+};
+
+std::string CaseName(const ::testing::TestParamInfo<std::tuple<SignOutMethod, LogoutCase>>& info) {
+  return std::get<1>(info.param).name;
+}
+
+INSTANTIATE_TEST_SUITE_P(Logout, LogoutTest,
+                         ::testing::Combine(::testing::Values(kLogout), ::testing::ValuesIn(kLogoutCases)), CaseName);
+
+// The PKCE sign-out refuses word for word as Logout does; its sign-out
+// itself is not decided by an error number (pkce_test.cpp).
+std::vector<LogoutCase> PkceLogoutCases() {
+  std::vector<LogoutCase> cases;
+  for (const LogoutCase& c : kLogoutCases)
+    if (c.logged.empty() || c.code == 3014) cases.push_back(c);
+  return cases;
+}
+INSTANTIATE_TEST_SUITE_P(PkceLogout, LogoutTest,
+                     ::testing::Combine(::testing::Values(kPkceLogout), ::testing::ValuesIn(PkceLogoutCases())),
+                     CaseName);
 
 // A check that cannot run counts as a refusal in its grade, with the core
 // library's error state in the log line; reasons already gathered stay.
@@ -150,9 +182,9 @@ TEST_F(ModuleTest, LogoutCheckThatCannotRun) {
     EXPECT_EQ(error, c.allocFault ? TLIBC_ERR_OUT_OF_MEMORY : (c.failedType == kHard ? c.hard : c.soft).error);
     Line failure =
         c.allocFault ? LogLine("IsLogoutFeasible", "Failed to alloc list [0x%04X %s:%d]", error, TLIBCErrorGetFile(),
-                               TLIBCErrorGetLine())
-                     : LogLine("IsLogoutFeasible", "Feasibility check (type=0x%02x) failed [0x%04X %s:%d]",
-                               c.failedType, error, TLIBCErrorGetFile(), TLIBCErrorGetLine());
+                           TLIBCErrorGetLine())
+                 : LogLine("IsLogoutFeasible", "Feasibility check (type=0x%02x) failed [0x%04X %s:%d]",
+                           c.failedType, error, TLIBCErrorGetFile(), TLIBCErrorGetLine());
     EXPECT_EQ(Logged(), (std::vector<Line>{failure, LogLine("LogoutFeasible", c.refusal, c.reasons)}));
     talvfeasibility::SetChecker(nullptr);
   }

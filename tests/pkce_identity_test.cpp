@@ -1,0 +1,283 @@
+// The privilege guard of the PKCE methods against the real process identity.
+// Each case changes the ids of a forked child only, so a failure cannot leave
+// the rest of the suite under other ids; the child reports what it saw.
+#include <sys/wait.h>
+#include <syslog.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <functional>
+#include <sstream>
+#include <stdexcept>
+
+#include "support/module_test.h"
+#include "webapi/runner.h"
+
+namespace pellixtest {
+namespace {
+
+using ::testing::_;
+using ::testing::Invoke;
+using ::testing::Return;
+using syslogcapture::Line;
+
+constexpr uid_t kNobody = 65534;
+constexpr uid_t kOther = 12345;
+
+struct Ids {
+  uid_t uid;
+  gid_t gid;
+  bool operator==(const Ids& o) const { return uid == o.uid && gid == o.gid; }
+};
+std::ostream& operator<<(std::ostream& os, const Ids& ids) { return os << ids.uid << "/" << ids.gid; }
+Ids Effective() { return {geteuid(), getegid()}; }
+
+std::ostream& operator<<(std::ostream& os, const std::vector<Line>& lines) {
+  for (const Line& l : lines) os << "[" << l.priority << " " << l.text << "]";
+  return os;
+}
+
+// What a child found wrong, one line each.
+class Report {
+ public:
+  template <typename T>
+  void Equal(const T& actual, const T& expected, const std::string& what) {
+    if (actual == expected) return;
+    std::ostringstream line;
+    line << what << ": " << actual << ", expected " << expected << "\n";
+    text_ += line.str();
+  }
+  const std::string& text() const { return text_; }
+
+ private:
+  std::string text_;
+};
+
+// Runs `body` in a forked child and returns its report ("" when all was as
+// expected).
+std::string InChild(const std::function<void(Report&)>& body) {
+  int fds[2];
+  if (pipe(fds) != 0) return "pipe failed";
+  pid_t pid = fork();
+  if (pid == 0) {
+    close(fds[0]);
+    Report report;
+    body(report);
+    const std::string& text = report.text();
+    size_t written = 0;
+    while (written < text.size()) {
+      ssize_t n = write(fds[1], text.data() + written, text.size() - written);
+      if (n <= 0) break;
+      written += static_cast<size_t>(n);
+    }
+    _exit(0);  // no test teardown, no exit handlers: the parent owns those
+  }
+  close(fds[1]);
+  std::string text;
+  char buffer[512];
+  for (ssize_t n; (n = read(fds[0], buffer, sizeof(buffer))) > 0;) text.append(buffer, static_cast<size_t>(n));
+  close(fds[0]);
+  int status = 0;
+  waitpid(pid, &status, 0);
+  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) text += "the child died, status " + std::to_string(status);
+  return text;
+}
+
+Line AuthLine(const char* function, const char* format) {
+  Line line = LogLine(function, format);
+  line.priority = LOG_AUTH | LOG_ERR;
+  return line;
+}
+
+// The verifier API; like the PKCE service it notes the ids it runs under.
+class VerifierApi : public talvwebapi::Runner {
+ public:
+  explicit VerifierApi(std::vector<Ids>* seen) : seen_(seen) {}
+  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value& params,
+           const std::string&) override {
+    seen_->push_back(Effective());
+    result["success"] = params["challenge"] == "known";
+    result["data"]["verifier"] = "v-1";
+    return 0;
+  }
+
+ private:
+  std::vector<Ids>* seen_;
+};
+
+class GuardTest : public ModuleTest {
+ public:  // the cases' scripts reach in
+  using ModuleTest::backend_;
+
+  void SetUp() override {
+    ModuleTest::SetUp();
+    if (getuid() != 0 || geteuid() != 0) GTEST_SKIP() << "the privilege guard is tested as root only";
+    talvwebapi::SetRunner(&verifier_);
+    // Every PKCE call notes the ids it runs under (and errno at the first).
+    ON_CALL(backend_, PkceOpen).WillByDefault(Invoke([this] {
+      errnoInside_ = errno;
+      seen_.push_back(Effective());
+    }));
+    ON_CALL(backend_, PkceRegisterConfig).WillByDefault(Invoke([this] {
+      seen_.push_back(Effective());
+      return Json::Value("r");
+    }));
+    ON_CALL(backend_, PkceLoginConfig).WillByDefault(Invoke([this] {
+      seen_.push_back(Effective());
+      return Json::Value("l");
+    }));
+    ON_CALL(backend_, PkceLogin(_)).WillByDefault(Invoke([this](const talvpellix::ParamPkceLogin&) {
+      seen_.push_back(Effective());
+      return J(R"({"email": "a@b.cd", "auth_key": "k", "activated": true})");
+    }));
+  }
+  void TearDown() override {
+    talvwebapi::SetRunner(nullptr);
+    ModuleTest::TearDown();
+  }
+
+  webapihost::Answer ConfigGet() { return Call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get"); }
+  webapihost::Answer PkceLogin(const char* challenge) {
+    Json::Value params = J(R"({"grant_code": "g", "client_id": "c", "token_endpoint": "t", "redirect_uri": "r"})");
+    params["code_challenge"] = challenge;
+    return Call("TALV.Core.PellixCenter.Login", 1, "pkce_login", params);
+  }
+
+  std::vector<Ids> seen_;
+  int errnoInside_ = -1;
+  VerifierApi verifier_{&seen_};
+};
+
+// Effective ids dropped, saved ids still root: raised to root for every call
+// of the guarded stretch, and the dropped ids back after it on every way out.
+TEST_F(GuardTest, RaisesInsideAndRestoresOnEveryWayOut) {
+  struct Case {
+    const char* name;
+    std::function<void(GuardTest&)> script;
+    std::function<webapihost::Answer(GuardTest&)> run;
+    int code;  // 0: success; -1: the exception passes to the host
+  } cases[] = {
+      {"ConfigGet", [](GuardTest&) {}, [](GuardTest& t) { return t.ConfigGet(); }, 0},
+      {"ConfigGetThrows",
+       [](GuardTest& t) {
+         ON_CALL(t.backend_, PkceLoginConfig).WillByDefault(Invoke([&t]() -> Json::Value {
+           t.seen_.push_back(Effective());
+           throw talvpellix::PellixException(4, "unreachable");
+         }));
+       },
+       [](GuardTest& t) { return t.ConfigGet(); }, -1},
+      {"Login", [](GuardTest&) {}, [](GuardTest& t) { return t.PkceLogin("known"); }, 0},
+      {"LoginUnknownChallenge", [](GuardTest&) {}, [](GuardTest& t) { return t.PkceLogin("other"); }, 3003},
+      {"LoginPellixException",
+       [](GuardTest& t) {
+         ON_CALL(t.backend_, PkceLogin(_)).WillByDefault(Invoke([&t](const talvpellix::ParamPkceLogin&) -> Json::Value {
+           t.seen_.push_back(Effective());
+           throw talvpellix::PellixException(14, "bad grant");
+         }));
+       },
+       [](GuardTest& t) { return t.PkceLogin("known"); }, 3004},
+      {"LoginStdException",
+       [](GuardTest& t) {
+         ON_CALL(t.backend_, PkceLogin(_)).WillByDefault(Invoke([&t](const talvpellix::ParamPkceLogin&) -> Json::Value {
+           t.seen_.push_back(Effective());
+           throw std::runtime_error("socket closed");
+         }));
+       },
+       [](GuardTest& t) { return t.PkceLogin("known"); }, 3003},
+      {"LoginOtherException",
+       [](GuardTest& t) {
+         ON_CALL(t.backend_, PkceLogin(_)).WillByDefault(Invoke([&t](const talvpellix::ParamPkceLogin&) -> Json::Value {
+           t.seen_.push_back(Effective());
+           throw 42;
+         }));
+       },
+       [](GuardTest& t) { return t.PkceLogin("known"); }, -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(InChild([&](Report& r) {
+                c.script(*this);
+                setresgid(-1, kNobody, -1);
+                setresuid(-1, kNobody, -1);
+                webapihost::Answer a = c.run(*this);
+                r.Equal(Effective(), Ids{kNobody, kNobody}, "ids after the handler");
+                r.Equal(a.threw, c.code < 0, "threw");
+                r.Equal(a.code, c.code < 0 ? webapihost::kErrUnknown : c.code, "code");
+                r.Equal(seen_.empty(), false, "the guarded stretch ran");
+                for (const Ids& ids : seen_) r.Equal(ids, Ids{0, 0}, "ids inside");
+                if (errnoInside_ != -1) r.Equal(errnoInside_, 0, "errno after raising");
+                std::vector<Line> guardLines;
+                for (const Line& line : Logged())
+                  if (line.priority != LOG_ERR) guardLines.push_back(line);
+                r.Equal(guardLines, std::vector<Line>{}, "the guard's log lines");
+              }),
+              "");
+  }
+}
+
+// All ids dropped for good: the guard cannot raise them. One line, the work
+// done under the ids there are, and nothing to put back.
+TEST_F(GuardTest, CannotRaiseAfterAllIdsWereDropped) {
+  const Line enter = AuthLine("ENTERCriticalSection", "ERROR: ENTERCriticalSection");
+  EXPECT_EQ(InChild([&](Report& r) {
+              setresgid(kNobody, kNobody, kNobody);
+              setresuid(kNobody, kNobody, kNobody);
+              webapihost::Answer a = ConfigGet();
+              r.Equal(a.success, true, "answered");
+              r.Equal(a.data, J(R"({"register": "r", "login": "l"})"), "configuration");
+              for (const Ids& ids : seen_) r.Equal(ids, Ids{kNobody, kNobody}, "ids inside");
+              r.Equal(errnoInside_, EPERM, "errno after the failed raise");
+              r.Equal(Logged(), std::vector<Line>{enter}, "log");
+            }),
+            "");
+}
+
+// The group is raised first; when that is refused the user is not tried,
+// although it could be raised (the real user id is still root).
+TEST_F(GuardTest, UserIsNotRaisedWhenTheGroupWasRefused) {
+  const Line enter = AuthLine("ENTERCriticalSection", "ERROR: ENTERCriticalSection");
+  EXPECT_EQ(InChild([&](Report& r) {
+              setresgid(kNobody, kNobody, kNobody);
+              setresuid(-1, kNobody, -1);
+              webapihost::Answer a = ConfigGet();
+              r.Equal(a.success, true, "answered");
+              for (const Ids& ids : seen_) r.Equal(ids, Ids{kNobody, kNobody}, "ids inside");
+              r.Equal(Effective(), Ids{kNobody, kNobody}, "ids after");
+              r.Equal(Logged(), std::vector<Line>{enter}, "log");
+            }),
+            "");
+}
+
+TEST_F(GuardTest, RootStaysRootAndNothingIsLogged) {
+  EXPECT_EQ(InChild([&](Report& r) {
+              webapihost::Answer a = PkceLogin("known");
+              r.Equal(a.success, true, "answered");
+              for (const Ids& ids : seen_) r.Equal(ids, Ids{0, 0}, "ids inside");
+              r.Equal(Effective(), Ids{0, 0}, "ids after");
+              r.Equal(Logged(), std::vector<Line>{}, "log");
+            }),
+            "");
+}
+
+// The identity changed under the guard so that the recorded one cannot be
+// put back: the LEAVE line, and the answer stands.
+TEST_F(GuardTest, RestoreThatCannotBeMadeIsLogged) {
+  const Line leave = AuthLine("LEAVECriticalSection", "ERROR: LEAVECriticalSection");
+  EXPECT_EQ(InChild([&](Report& r) {
+              ON_CALL(backend_, PkceLoginConfig).WillByDefault(Invoke([] {
+                setresgid(kOther, kOther, kOther);
+                setresuid(kOther, kOther, kOther);
+                return Json::Value("l");
+              }));
+              setresgid(-1, kNobody, -1);
+              setresuid(-1, kNobody, -1);
+              webapihost::Answer a = ConfigGet();
+              r.Equal(a.success, true, "answered");
+              r.Equal(Effective(), Ids{kOther, kOther}, "ids after");
+              r.Equal(Logged(), std::vector<Line>{leave}, "log");
+            }),
+            "");
+}
+
+}  // namespace
+}  // namespace pellixtest

@@ -1,0 +1,297 @@
+// The PKCE methods against a scripted PKCE service and verifier API:
+// PkceLogin, PkceLogout's own ending, PkceConfigGet and getCodeVerifier. The
+// privilege guard is tested for real in pkce_identity_test.cpp.
+#include <dlfcn.h>
+
+#include <stdexcept>
+
+#include "seam/seam.h"
+#include "support/module_test.h"
+#include "webapi/runner.h"
+
+namespace pellixtest {
+namespace {
+
+using ::testing::_;
+using ::testing::Return;
+using ::testing::Throw;
+using syslogcapture::Line;
+using talvpellix::PellixException;
+
+// The credential-verifier API, answering every call with one scripted result.
+class VerifierApi : public talvwebapi::Runner {
+ public:
+  explicit VerifierApi(const char* answer) : answer_(J(answer)) {}
+  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value&,
+           const std::string&) override {
+    result = answer_;
+    return 0;
+  }
+
+ private:
+  Json::Value answer_;
+};
+
+const char kKnown[] = R"({"success": true, "data": {"verifier": "v-123"}})";
+const char kLoginParams[] = R"({"code_challenge": "ch-1", "grant_code": "g-1", "client_id": "c-1",
+  "token_endpoint": "https://acct.example/token", "redirect_uri": "https://nas.example/cb"})";
+
+const char kNoVerifier[] = "Failed to get verifier, challenge might be wrong";
+
+enum class Service { kReturns, kThrowsPellix, kThrowsStd, kThrowsOther, kConstructorThrows };
+
+struct PkceLoginCase {
+  const char* name;
+  const char* verifier;  // the verifier API's answer; nullptr: no such API on this host
+  Service service;
+  const char* result;    // kReturns: what Login returns
+  int code;              // kThrowsPellix, kConstructorThrows: the exception's code
+  // Expected:
+  bool answered;         // false: the exception passed to the host
+  int answerCode;        // 0: success
+  const char* data;
+  const char* logged;    // the message after "Failed on PkceLogin: ", or nullptr
+  const char* codeVerifier;  // what Login received, or nullptr when it was not called
+};
+
+std::ostream& operator<<(std::ostream& os, const PkceLoginCase& c) { return os << c.name; }
+
+class PkceLoginTest : public ModuleTest, public ::testing::WithParamInterface<PkceLoginCase> {};
+
+TEST_P(PkceLoginTest, AnswersAndLogs) {
+  const PkceLoginCase& c = GetParam();
+  VerifierApi api(c.verifier ? c.verifier : "{}");
+  if (c.verifier) talvwebapi::SetRunner(&api);
+  ON_CALL(backend_, PkceOpen).WillByDefault(Return());
+  if (c.service == Service::kConstructorThrows)
+    ON_CALL(backend_, PkceOpen).WillByDefault(Throw(PellixException(c.code, "service unavailable")));
+  auto& login = ON_CALL(backend_, PkceLogin(_));
+  switch (c.service) {
+    case Service::kReturns: login.WillByDefault(Return(J(c.result))); break;
+    case Service::kThrowsPellix: login.WillByDefault(Throw(PellixException(c.code, "grant refused"))); break;
+    case Service::kThrowsStd: login.WillByDefault(Throw(std::runtime_error("socket closed"))); break;
+    case Service::kThrowsOther: login.WillByDefault(Throw(42)); break;
+    case Service::kConstructorThrows: break;
+  }
+
+  webapihost::Answer a = Call("TALV.Core.PellixCenter.Login", 1, "pkce_login", J(kLoginParams));
+  EXPECT_EQ(a.threw, !c.answered);
+  EXPECT_EQ(a.answers, c.answered ? 1 : 0);
+  if (c.answered) {
+    EXPECT_EQ(a.success, c.answerCode == 0);
+    EXPECT_EQ(a.code, c.answerCode);
+    EXPECT_EQ(a.data, J(c.data)) << a.data;
+  }
+  std::vector<Line> expected;
+  if (c.logged) expected.push_back(LogLine("PkceLogin", "Failed on PkceLogin: %s", c.logged));
+  EXPECT_EQ(Logged(), expected);
+
+  // The verifier is asked for the request's challenge, as root.
+  std::vector<talvseam::Call> exec = talvseam::JournalOf("APIRunner::Exec");
+  ASSERT_EQ(exec.size(), 1u);
+  EXPECT_EQ(exec[0].args, (std::vector<std::string>{"TALV.Remote.Credential.Verifier", "1", "get",
+                                                     R"({"challenge":"ch-1"})", "root"}));
+  // Nothing reaches the service without a verifier; the record is in order.
+  std::vector<talvseam::Call> logins = talvseam::JournalOf("AccountPkceService::Login");
+  if (!c.codeVerifier) {
+    EXPECT_TRUE(logins.empty());
+  } else {
+    ASSERT_EQ(logins.size(), 1u);
+    EXPECT_EQ(logins[0].args,
+              (std::vector<std::string>{"c-1", "g-1", c.codeVerifier, "https://nas.example/cb"}));
+  }
+  if (c.logged && std::string(c.logged) == kNoVerifier) {
+    EXPECT_TRUE(talvseam::JournalOf("AccountPkceService::AccountPkceService").empty()) << "never constructed";
+  }
+}
+const char kSignedIn[] = R"({"email": "ada@example.com", "auth_key": "k-9", "activated": true, "extra": 1})";
+const char kAnswered[] = R"({"account": "ada@example.com", "auth_key": "k-9", "activated": true})";
+
+INSTANTIATE_TEST_SUITE_P(
+    Cases, PkceLoginTest,
+    ::testing::Values(
+        PkceLoginCase{"SignedIn", kKnown, Service::kReturns, kSignedIn, 0, true, 0, kAnswered, nullptr, "v-123"},
+        PkceLoginCase{"ResultWithoutActivated", kKnown, Service::kReturns, R"({"email": "e", "auth_key": 7})", 0,
+                      true, 0, R"({"account": "e", "auth_key": 7, "activated": null})", nullptr, "v-123"},
+        PkceLoginCase{"UnknownChallenge", R"({"success": false, "error": {"code": 120}})", Service::kReturns,
+                      kSignedIn, 0, true, 3003, "null", kNoVerifier, nullptr},
+        PkceLoginCase{"VerifierAnswerWithoutSuccess", R"({"data": {"verifier": "v"}})", Service::kReturns,
+                      kSignedIn, 0, true, 3003, "null", kNoVerifier, nullptr},
+        PkceLoginCase{"VerifierApiNotAvailable", nullptr, Service::kReturns, kSignedIn, 0, true, 3003, "null",
+                      kNoVerifier, nullptr},
+        // Success without a verifier is not the module's to judge.
+        PkceLoginCase{"SuccessWithoutData", R"({"success": true})", Service::kReturns, kSignedIn, 0, true, 0,
+                      kAnswered, nullptr, ""},
+        PkceLoginCase{"SuccessWithoutVerifier", R"({"success": true, "data": {}})", Service::kReturns, kSignedIn,
+                      0, true, 0, kAnswered, nullptr, ""},
+        PkceLoginCase{"Pellix14", kKnown, Service::kThrowsPellix, nullptr, 14, true, 3004, "null", "grant refused",
+                      "v-123"},
+        PkceLoginCase{"Pellix25", kKnown, Service::kThrowsPellix, nullptr, 25, true, 3013, "null", "grant refused",
+                      "v-123"},
+        PkceLoginCase{"Pellix26", kKnown, Service::kThrowsPellix, nullptr, 26, true, 3000, "null", "grant refused",
+                      "v-123"},
+        PkceLoginCase{"PellixMinus1", kKnown, Service::kThrowsPellix, nullptr, -1, true, 3000, "null",
+                      "grant refused", "v-123"},
+        // The translated code is answered as it is, even the one of success.
+        PkceLoginCase{"Pellix0", kKnown, Service::kThrowsPellix, nullptr, 0, true, 3007, "null", "grant refused",
+                      "v-123"},
+        PkceLoginCase{"ConstructorThrows", kKnown, Service::kConstructorThrows, nullptr, 16, true, 3005, "null",
+                      "service unavailable", nullptr},
+        PkceLoginCase{"OtherStdException", kKnown, Service::kThrowsStd, nullptr, 0, true, 3003, "null",
+                      "socket closed", "v-123"},
+        PkceLoginCase{"NonStandardExceptionPassesToTheHost", kKnown, Service::kThrowsOther, nullptr, 0, false, 0,
+                      nullptr, nullptr, "v-123"},
+        // Only the guarded steps are caught: composing the answer from a
+        // result that is no object throws to the host.
+        PkceLoginCase{"ResultThatIsNoObjectPassesToTheHost", kKnown, Service::kReturns, R"("just text")", 0, false,
+                      0, nullptr, nullptr, "v-123"}),
+    [](const ::testing::TestParamInfo<PkceLoginCase>& info) { return std::string(info.param.name); });
+
+// All five must be present, token_endpoint included although nobody uses it;
+// an absent one is refused silently, before the identity or another API is
+// touched. Present but empty is accepted.
+TEST_F(ModuleTest, PkceLoginParameters) {
+  for (const char* absent : {"code_challenge", "grant_code", "client_id", "token_endpoint", "redirect_uri"}) {
+    SCOPED_TRACE(absent);
+    talvseam::ClearJournal();
+    Json::Value params = J(kLoginParams);
+    params.removeMember(absent);
+    webapihost::Answer a = Call("TALV.Core.PellixCenter.Login", 1, "pkce_login", params);
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_EQ(a.code, 3001);
+    EXPECT_TRUE(a.data.isNull());
+    EXPECT_EQ(Logged(), std::vector<Line>{});
+    for (const talvseam::Call& call : talvseam::Journal())
+      EXPECT_EQ(call.op.rfind("APIRequest::", 0), 0u) << call.op << " ran";
+  }
+
+  VerifierApi api(R"({"success": true, "data": {"verifier": ""}})");
+  talvwebapi::SetRunner(&api);
+  ON_CALL(backend_, PkceOpen).WillByDefault(Return());
+  ON_CALL(backend_, PkceLogin(_)).WillByDefault(Return(J(kSignedIn)));
+  talvseam::ClearJournal();
+  webapihost::Answer a = Call("TALV.Core.PellixCenter.Login", 1, "pkce_login",
+                              J(R"({"code_challenge": "", "grant_code": "", "client_id": "", "token_endpoint": "",
+                                    "redirect_uri": ""})"));
+  EXPECT_TRUE(a.success);
+  ASSERT_EQ(talvseam::JournalOf("APIRunner::Exec").size(), 1u);
+  EXPECT_EQ(talvseam::JournalOf("APIRunner::Exec")[0].args[3], R"({"challenge":""})");
+  EXPECT_EQ(talvseam::JournalOf("AccountPkceService::Login")[0].args, (std::vector<std::string>{"", "", "", ""}));
+}
+
+// getCodeVerifier, called as another module of the host would call it.
+TEST_F(ModuleTest, GetCodeVerifier) {
+  void* handle = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(handle, nullptr);
+  using Fn = std::string (*)(std::string);
+  auto getCodeVerifier = reinterpret_cast<Fn>(
+      dlsym(handle, "_Z15getCodeVerifierNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"));
+  dlclose(handle);
+  ASSERT_NE(getCodeVerifier, nullptr);
+
+  struct Case {
+    const char* name;
+    const char* answer;  // nullptr: the API is not available
+    const char* verifier;  // nullptr: throws
+  } cases[] = {
+      {"KnownChallenge", kKnown, "v-123"},
+      {"UnknownChallenge", R"({"success": false})", nullptr},
+      {"SuccessWithoutData", R"({"success": true})", ""},
+      {"NoSuccessMember", R"({"data": {"verifier": "v"}})", nullptr},
+      {"ApiNotAvailable", nullptr, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    VerifierApi api(c.answer ? c.answer : "{}");
+    talvwebapi::SetRunner(c.answer ? &api : nullptr);
+    if (c.verifier) {
+      EXPECT_EQ(getCodeVerifier("ch-1"), c.verifier);
+    } else {
+      try {
+        getCodeVerifier("ch-1");
+        ADD_FAILURE() << "no exception";
+      } catch (const std::runtime_error& e) {
+        EXPECT_STREQ(e.what(), "Failed to get verifier, challenge might be wrong");
+      }
+    }
+    talvwebapi::SetRunner(nullptr);
+  }
+  EXPECT_EQ(Logged(), std::vector<Line>{}) << "it logs nothing";
+}
+
+// PkceLogout's own ending (its refusals are Logout's, in logout_test.cpp):
+// an exception's code is answered as it is, with null details.
+TEST_F(ModuleTest, PkceLogoutSignOut) {
+  struct Case {
+    const char* name;
+    int code;  // of the PellixException; -100: none thrown; -200: a std::runtime_error
+    bool inConstructor;
+    int answerCode;  // 0: success; -1: no answer
+  } cases[] = {
+      {"SignedOut", -100, false, 0},
+      {"NobodySignedIn", 3, false, 3000},
+      {"Unreachable", 4, false, 3002},
+      {"Code26", 26, false, 3000},
+      {"Code0", 0, false, 3007},
+      {"ConstructorThrows", 4, true, 3002},
+      {"OtherExceptionPassesToTheHost", -200, false, -1},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    talvseam::ClearJournal();
+    ON_CALL(backend_, PkceOpen).WillByDefault(Return());
+    ON_CALL(backend_, PkceLogout).WillByDefault(Return());
+    if (c.code == -200) {
+      ON_CALL(backend_, PkceLogout).WillByDefault(Throw(std::runtime_error("library broke")));
+    } else if (c.code != -100) {
+      auto& call = c.inConstructor ? ON_CALL(backend_, PkceOpen) : ON_CALL(backend_, PkceLogout);
+      call.WillByDefault(Throw(PellixException(c.code, "logout refused")));
+    }
+    EXPECT_CALL(backend_, Logout).Times(0);
+    webapihost::Answer a = Call("TALV.Core.PellixCenter.Logout", 1, "pkce_logout");
+    EXPECT_EQ(a.answers, c.answerCode < 0 ? 0 : 1);
+    EXPECT_EQ(a.threw, c.answerCode < 0);
+    if (c.answerCode >= 0) {
+      EXPECT_EQ(a.success, c.answerCode == 0);
+      EXPECT_EQ(a.code, c.answerCode);
+      EXPECT_TRUE(a.data.isNull());
+    }
+    std::vector<Line> expected;
+    if (c.code >= 0) expected.push_back(LogLine("PkceLogout", "Failed to pkce logout: %s", "logout refused"));
+    EXPECT_EQ(Logged(), expected);
+    EXPECT_EQ(talvseam::JournalOf("AccountPkceService::Logout").size(), c.inConstructor ? 0u : 1u);
+  }
+}
+
+// Both members are always there, the registration settings fetched first;
+// the request is not read at all.
+TEST_F(ModuleTest, PkceConfigGet) {
+  ON_CALL(backend_, PkceOpen).WillByDefault(Return());
+  EXPECT_CALL(backend_, PkceRegisterConfig).WillOnce(Return(Json::Value()));
+  EXPECT_CALL(backend_, PkceLoginConfig).WillOnce(Return(J(R"({"client_id": "c-1", "scope": ["a"]})")));
+  webapihost::Answer a =
+      Call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get", J(R"({"register": 1, "login": {"x": 2}})"));
+  EXPECT_TRUE(a.success);
+  EXPECT_EQ(a.data, J(R"({"register": null, "login": {"client_id": "c-1", "scope": ["a"]}})"));
+  std::vector<std::string> order;
+  for (const talvseam::Call& call : talvseam::Journal()) order.push_back(call.op);
+  EXPECT_EQ(order, (std::vector<std::string>{"AccountPkceService::AccountPkceService",
+                                             "AccountPkceService::GetRegisterPkceConfig",
+                                             "AccountPkceService::GetLoginPkceConfig"}));
+  EXPECT_EQ(Logged(), std::vector<Line>{});
+}
+
+// The service's exception is not the handler's to answer.
+TEST_F(ModuleTest, PkceConfigGetLeavesTheServicesExceptionToTheHost) {
+  ON_CALL(backend_, PkceOpen).WillByDefault(Return());
+  EXPECT_CALL(backend_, PkceRegisterConfig).WillOnce(Return(Json::Value(1)));
+  EXPECT_CALL(backend_, PkceLoginConfig).WillOnce(Throw(PellixException(4, "unreachable")));
+  webapihost::Answer a = Call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get");
+  EXPECT_TRUE(a.threw);
+  EXPECT_EQ(a.exception, "unreachable");
+  EXPECT_EQ(a.answers, 0);
+  EXPECT_EQ(Logged(), std::vector<Line>{});
+}
+
+}  // namespace
+}  // namespace pellixtest
