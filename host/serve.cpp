@@ -5,6 +5,7 @@
 
 #include <thread>
 
+#include "account_php.h"
 #include "backend.h"
 #include "devhost.h"
 #include "feasibility/checker.h"
@@ -12,6 +13,7 @@
 #include "pellix/backend.h"
 #include "state.h"
 #include "syslog_capture.h"
+#include "trust.h"
 #include "webapi/runner.h"
 
 namespace webapihost {
@@ -19,11 +21,12 @@ namespace {
 
 // The examples printed at start; each works as shown on a fresh state (the
 // registration then answers 3010 or 3005 on later runs, which is the point).
-void Announce(FILE* out, const std::string& url, const StateFolder& state) {
+void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp) {
   const std::string entry = url + "/webapi/entry";
   std::fprintf(out,
                "webapi-host: serving pellixcenter.so at %s\n"
                "  state folder %s (device %s, %s, build %s)\n"
+               "  %s\n"
                "Try:\n"
                "  curl -s '%s?api=TALV.Core.PellixCenter&version=2&method=query'\n"
                "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=register "
@@ -35,7 +38,7 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state) {
                "-d account=ada@example.com -d password=secret1\n"
                "Stop with Ctrl-C.\n",
                entry.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
-               entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
+               accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
   std::fflush(out);
 }
 
@@ -48,6 +51,20 @@ int Serve(const ServeOptions& o) {
     std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
+  // The module trusts the service's endpoint through the trust store, as the
+  // device trusts the real service; the namespace that makes it so has to be
+  // entered before any thread starts.
+  if (!pellixsim::MakeCertificates(state.service, &error)) {
+    std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    return 1;
+  }
+  std::string untrusted;
+  if (!TrustAuthority(state.service + "/ca.pem", state.service + "/ca-bundle.crt", &untrusted))
+    std::fprintf(stderr,
+                 "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
+                 "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "
+                 "the service\n",
+                 untrusted.c_str());
   std::unique_ptr<pellixsim::Store> store = pellixsim::Store::Open(state.Database(), &error);
   if (!store) {
     std::fprintf(stderr,
@@ -83,6 +100,19 @@ int Serve(const ServeOptions& o) {
   service.SetBaseUrl(url);
   pellixsim::SimBackend backend(&service, pellixsim::DeviceFacts{state.serial, state.language, state.timezone});
   talvfeasibility::ReasonsFileChecker reasons(state.ReasonsFile());
+  pellixsim::AccountPhp accountPhp(&service);
+  const int phpPort = accountPhp.Start(state.service, &error);
+  const std::string phpHost = phpPort > 0 ? "127.0.0.1:" + std::to_string(phpPort) : "";
+  if (phpPort < 0) std::fprintf(stderr, "webapi-host: %s; version-1 registration has no host\n", error.c_str());
+  if (!WriteRelayHost(state, phpHost, &error)) {
+    std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    return 1;
+  }
+  const std::string phpLine =
+      phpPort < 0 ? "account.php is not served"
+                  : "account.php at https://" + phpHost + "/account.php, " +
+                        (untrusted.empty() ? "trusted through " + state.service + "/ca.pem"
+                                           : "not trusted by the module: " + untrusted);
   talvpellix::SetBackend(&backend);
   talvwebapi::SetRunner(&host);
   talvfeasibility::SetChecker(&reasons);
@@ -92,8 +122,9 @@ int Serve(const ServeOptions& o) {
     sigwait(&stopSignals, &signal);
     host.Stop();
   }).detach();
-  Announce(o.out, url, state);
+  Announce(o.out, url, state, phpLine);
   bool served = host.Serve();
+  accountPhp.Stop();
 
   talvpellix::SetBackend(nullptr);
   talvwebapi::SetRunner(nullptr);

@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "support/module_test.h"
+#include "talv/cloud.h"
 #include "support/process.h"
 #include "support/serve_process.h"
 
@@ -180,6 +181,73 @@ TEST_F(ServeTest, AccountLifeCycle) {
   Run({{"sign in by token", kCenter, 2, "oauth_login", R"({"access_token":"$token"})",
         R"({"success":true,"data":{"account":"bob@example.com","auth_key":"<any>","activated":true}})"}});
   EXPECT_EQ(host_->Stop(SIGTERM), 0);
+}
+
+// The service's HTTPS endpoint answers from the same state, with a
+// certificate of the state's own authority, and the module's PKCE sign-in
+// runs through the verifier API the host serves.
+TEST_F(ServeTest, AccountPhpAndPkceSignIn) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  const std::string& text = host_->announcement();
+  size_t at = text.find("https://127.0.0.1:");
+  ASSERT_NE(at, std::string::npos) << text;
+  EXPECT_NE(text.find("trusted through"), std::string::npos) << text;
+  const int phpPort = std::atoi(text.c_str() + at + 18);
+  std::ifstream relay(dir_.path() + "/state/device/usr/talv/etc/talvrelayd/talvrelayd.conf");
+  std::string conf((std::istreambuf_iterator<char>(relay)), std::istreambuf_iterator<char>());
+  EXPECT_NE(conf.find("host = 127.0.0.1:" + std::to_string(phpPort)), std::string::npos) << conf;
+
+  char token[33];
+  ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken(vars_["serial"].c_str(), token, sizeof(token)), 0);
+  httplib::Params form{{"serial", vars_["serial"]}, {"token", token},           {"action", "register"},
+                       {"email", "ada@example.com"}, {"passwd", "secret1"}, {"full_name", "Ada Lovelace"}};
+  httplib::SSLClient untrusting("127.0.0.1", phpPort);
+  untrusting.set_ca_cert_path("/nonexistent");
+  untrusting.enable_server_certificate_verification(true);
+  EXPECT_FALSE(untrusting.Post("/account.php", form));
+  httplib::SSLClient client("127.0.0.1", phpPort);
+  client.set_ca_cert_path((dir_.path() + "/state/service/ca.pem").c_str());
+  client.enable_server_certificate_verification(true);
+  httplib::Result r = client.Post("/account.php", form);
+  ASSERT_TRUE(r) << httplib::to_string(r.error());
+  EXPECT_EQ(r->body, "good\n");
+  EXPECT_EQ(client.Post("/account.php", form)->body, "account_inused\n");
+
+  Reply config = Entry(host_->port(), "TALV.Core.PellixCenter.Login", 1, "pkce_config_get");
+  ASSERT_TRUE(config.body["success"].asBool()) << config.body;
+  const Json::Value login = config.body["data"]["login"];
+  EXPECT_EQ(login["code_challenge_method"], "S256");
+  Reply created = Entry(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
+  vars_["challenge"] = created.body["data"]["challenge"].asString();
+  Json::Value authorize;
+  authorize["email"] = "ada@example.com";
+  authorize["password"] = "secret1";
+  authorize["code_challenge"] = vars_["challenge"];
+  EXPECT_EQ(PostForm(host_->port(), "/sim/authorize", J(R"({"email":"ada@example.com","password":"x",
+                                                             "code_challenge":"abc"})")).status, 400);
+  Reply grant = PostForm(host_->port(), "/sim/authorize", authorize);
+  ASSERT_EQ(grant.status, 200) << grant.body;
+  vars_["code"] = grant.body["grant_code"].asString();
+  vars_["client"] = login["client_id"].asString();
+  vars_["redirect"] = login["redirect_uri"].asString();
+  const std::string exchange = R"({"code_challenge":"$challenge","grant_code":"$code","client_id":"$client",
+                                   "token_endpoint":"-","redirect_uri":"$redirect"})";
+  Run({
+      {"PKCE sign-in", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange,
+       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})"},
+      {"signed in", kCenter, 2, "query", "{}",
+       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true,
+           "critical_version_domain":"critical.pellix.example","is_logged_in":true}})"},
+      {"PKCE sign-out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}", R"({"success":true,"data":null})"},
+      {"nobody to sign out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}",
+       R"({"success":false,"error":{"code":3000,"details":null}})"},
+      {"a code signs in once", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange,
+       R"({"success":false,"error":{"code":3004,"details":null}})"},
+      {"a challenge the device never made", "TALV.Core.PellixCenter.Login", 1, "pkce_login",
+       R"({"code_challenge":"x","grant_code":"$code","client_id":"$client","token_endpoint":"-",
+           "redirect_uri":"$redirect"})",
+       R"({"success":false,"error":{"code":3003,"details":null}})"},
+  });
 }
 
 TEST_F(ServeTest, StateSurvivesRestartAndKill) {

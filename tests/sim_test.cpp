@@ -6,7 +6,9 @@
 #include <cstdlib>
 #include <fstream>
 
+#include "account_php.h"
 #include "service.h"
+#include "talv/cloud.h"
 
 namespace pellixsim {
 namespace {
@@ -348,6 +350,43 @@ TEST_F(ServiceTest, StateSurvivesReopening) {
   Json::Value again;
   ASSERT_EQ(service_->Query(kSerial, &again), kOk);
   EXPECT_EQ(again["auth_key"], info["auth_key"]);
+}
+
+TEST_F(ServiceTest, AccountFormKeywords) {
+  char token[33];
+  ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken(kSerial, token, sizeof(token)), 0);
+  using Form = std::multimap<std::string, std::string>;
+  auto form = [&](const std::string& email, const std::string& password = "secret1") {
+    return Form{{"serial", kSerial}, {"token", token},       {"action", "register"}, {"email", email},
+                {"passwd", password}, {"full_name", "Ada L"}, {"notify_lang", "ger"},  {"timezone", "Europe/Berlin"},
+                {"serial", kSerial}};
+  };
+  Form wrongToken = form("eve@example.com");
+  wrongToken.find("token")->second = "0123";
+  Form noAction = form("eve@example.com");
+  noAction.erase("action");
+  struct Case {
+    const char* what;
+    Form form;
+    const char* keyword;
+  } cases[] = {
+      {"new account", form("ada@example.com"), "good"},
+      {"same address", form("ADA@example.com"), "account_inused"},
+      {"token of another device", wrongToken, "badauth"},
+      {"no action", noAction, "badparam"},
+      {"short password", form("bob@example.com", "12345"), "badparam"},
+      {"second", form("u2@example.com"), "good"},
+      {"third", form("u3@example.com"), "good"},
+      {"fourth", form("u4@example.com"), "good"},
+      {"fifth", form("u5@example.com"), "good"},
+      {"one too many for the device", form("u6@example.com"), "serial_exceed_max_account_register"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(AnswerAccountForm(service_.get(), c.form), c.keyword) << c.what;
+  // What the form carried is the account's.
+  Json::Value info;
+  ASSERT_EQ(service_->SignIn(kSerial, "ada@example.com", "secret1", &info), kOk);
+  EXPECT_EQ(info["notify_language"], "ger");
+  EXPECT_EQ(info["full_name"], "Ada L");
 }
 
 TEST(Store, RefusesWhatIsNotItsDatabase) {
