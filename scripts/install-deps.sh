@@ -7,6 +7,7 @@ packages=(
   cmake ninja-build g++ pkg-config binutils
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev openssl ca-certificates
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libsqlite3-dev
+  valgrind clang libclang-rt-14-dev
 )
 
 missing=()

@@ -1,6 +1,8 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds the sanitizer and the release trees, and
-# runs the whole test suite in both. Ends with ctest's own summary.
+# Installs what is missing, builds every tree and runs its tests: the
+# sanitizer tree, the valgrind tree (every test under memcheck), the fuzz tree
+# (each libFuzzer target for PELLIX_FUZZ_SECONDS, 60 by default), and last the
+# release tree, so that the output ends with ctest's own summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,6 +12,14 @@ jobs=$(nproc)
 cmake --preset asan >/dev/null
 cmake --build --preset asan -j "$jobs"
 ctest --preset asan -j "$jobs"
+
+cmake --preset valgrind >/dev/null
+cmake --build --preset valgrind -j "$jobs"
+ctest --preset valgrind -j "$jobs"
+
+cmake --preset fuzz -DPELLIX_FUZZ_SECONDS="${PELLIX_FUZZ_SECONDS:-60}" >/dev/null
+cmake --build --preset fuzz -j "$jobs"
+ctest --preset fuzz -j "$jobs"
 
 cmake --preset default >/dev/null
 cmake --build --preset default -j "$jobs"

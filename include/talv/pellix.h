@@ -89,7 +89,7 @@ class AccountPkceService {
   void Logout() const;
 
  private:
-  void* session_;  // the library's, opaque here
+  [[maybe_unused]] void* session_;  // the library's, opaque here
 };
 
 }  // namespace talvpellix

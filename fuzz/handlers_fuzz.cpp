@@ -1,0 +1,203 @@
+// Every handler through the host harness, with the request's parameters and
+// everything the platform answers taken from the fuzzer's bytes: parameters
+// of any JSON type, account-library results and error numbers, the objects
+// the library fills, PKCE exceptions, verifier answers and feasibility
+// verdicts. The process must survive; each request must end in exactly one
+// answer or an exception the host catches; no hash or list may be left alive
+// or freed twice; the process ids must be back as they were.
+#include <fuzzer/FuzzedDataProvider.h>
+#include <sys/prctl.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <memory>
+#include <stdexcept>
+
+#include "core/accounting.h"
+#include "feasibility/checker.h"
+#include "harness.h"
+#include "pellix/backend.h"
+#include "talv/pellix.h"
+#include "webapi/runner.h"
+
+namespace {
+
+FuzzedDataProvider* gData = nullptr;  // the current input, for the scripted platform
+
+#define FUZZ_CHECK(cond)                                             \
+  do {                                                               \
+    if (!(cond)) {                                                   \
+      std::fprintf(stderr, "%s:%d check failed: %s\n", __FILE__, __LINE__, #cond); \
+      std::abort();                                                  \
+    }                                                                \
+  } while (0)
+
+// Names the handlers read, so that the fuzzer finds them quickly.
+const char* const kNames[] = {"account",  "password",     "fullname",       "serial",        "auth_key",
+                              "access_token", "apikey_error", "force",      "critical_release", "enews",
+                              "enews_local_promotion", "country", "full_name", "email", "current_password",
+                              "new_password", "notify_language", "timezone", "critical_version_list",
+                              "date_from", "date_to", "apps", "serials", "prices", "paypals",
+                              "code_challenge", "grant_code", "client_id", "token_endpoint", "redirect_uri",
+                              "activated", "verifier", "success", "data"};
+
+Json::Value Value(FuzzedDataProvider& d, int depth) {
+  switch (d.ConsumeIntegralInRange(0, depth > 2 ? 4 : 6)) {
+    case 0: return Json::Value();
+    case 1: return Json::Value(d.ConsumeBool());
+    case 2: return Json::Value(d.ConsumeIntegral<int32_t>());
+    case 3: return Json::Value(d.ConsumeFloatingPoint<double>());
+    case 4: return Json::Value(d.ConsumeRandomLengthString(64));
+    case 5: {
+      Json::Value array(Json::arrayValue);
+      for (int n = d.ConsumeIntegralInRange(0, 3); n > 0; --n) array.append(Value(d, depth + 1));
+      return array;
+    }
+    default: {
+      Json::Value object(Json::objectValue);
+      for (int n = d.ConsumeIntegralInRange(0, 4); n > 0; --n)
+        object[d.ConsumeBool() ? std::string(d.PickValueInArray(kNames)) : d.ConsumeRandomLengthString(8)] =
+            Value(d, depth + 1);
+      return object;
+    }
+  }
+}
+
+// What the library fills in: mostly a plausible account, sometimes anything.
+Json::Value Filled(FuzzedDataProvider& d) {
+  if (d.ConsumeBool()) return Value(d, 0);
+  Json::Value info(Json::objectValue);
+  info["email"] = d.ConsumeBool() ? Json::Value(d.ConsumeRandomLengthString(32)) : Value(d, 1);
+  info["auth_key"] = d.ConsumeBool() ? Json::Value(d.ConsumeRandomLengthString(32)) : Value(d, 1);
+  info["activated"] = Value(d, 1);
+  return info;
+}
+
+talvpellix::Outcome Result(FuzzedDataProvider& d) {
+  return {d.ConsumeIntegralInRange(-2, 2), d.ConsumeBool() ? d.ConsumeIntegralInRange<uint32_t>(0, 27)
+                                                           : d.ConsumeIntegral<uint32_t>()};
+}
+
+// The PKCE service's way of failing: nothing, its exception, another
+// standard one, or one of no standard type.
+void MaybeThrow(FuzzedDataProvider& d) {
+  switch (d.ConsumeIntegralInRange(0, 5)) {
+    case 0: throw talvpellix::PellixException(d.ConsumeIntegral<int>(), d.ConsumeRandomLengthString(16));
+    case 1: throw std::runtime_error(d.ConsumeRandomLengthString(16));
+    case 2: throw 42;
+    default: return;
+  }
+}
+
+// Plain operations never throw towards the module; they fill and report.
+class FuzzedBackend : public talvpellix::Backend {
+ public:
+  talvpellix::Outcome QueryInfo(Json::Value& info, bool, bool) override { return Fill(info); }
+  talvpellix::Outcome Login(const char*, const char*, Json::Value& info, bool) override { return Fill(info); }
+  talvpellix::Outcome LoginByKey(const char*, const char*, Json::Value& info) override { return Fill(info); }
+  talvpellix::Outcome OauthLogin(Json::Value& info, const char*) override { return Fill(info); }
+  talvpellix::Outcome HandleApiKeyError(Json::Value& answer, const char*) override { return Fill(answer); }
+  talvpellix::Outcome GetIframeInfo(Json::Value& answer) override { return Fill(answer); }
+  talvpellix::Outcome Logout(bool) override { return Result(*gData); }
+  talvpellix::Outcome Register(const char*, const char*, const char*, bool, bool, bool, const char*) override {
+    return Result(*gData);
+  }
+  talvpellix::Outcome SetInfo(const char*, const char*, const char*, const char*, const char*, const char*,
+                              const char*, BOOL, BOOL, BOOL, const char*) override {
+    return Result(*gData);
+  }
+  talvpellix::Outcome PurchaseList(const char*, const char*, const char*, Json::Value& apps, Json::Value&,
+                                   Json::Value&, Json::Value&, Json::Value& result) override {
+    apps = Value(*gData, 1);
+    return Fill(result);
+  }
+  void PkceOpen() override { MaybeThrow(*gData); }
+  Json::Value PkceRegisterConfig() override { return Pkce(); }
+  Json::Value PkceLoginConfig() override { return Pkce(); }
+  Json::Value PkceLogin(const talvpellix::ParamPkceLogin&) override { return Pkce(); }
+  void PkceLogout() override { MaybeThrow(*gData); }
+
+ private:
+  talvpellix::Outcome Fill(Json::Value& object) {
+    if (gData->ConsumeBool()) object = Filled(*gData);
+    return Result(*gData);
+  }
+  Json::Value Pkce() {
+    MaybeThrow(*gData);
+    return Filled(*gData);
+  }
+};
+
+class FuzzedVerifier : public talvwebapi::Runner {
+ public:
+  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value&,
+           const std::string&) override {
+    result = gData->ConsumeBool() ? Value(*gData, 0) : Json::Value(Json::objectValue);
+    if (gData->ConsumeBool()) result["success"] = Value(*gData, 2);
+    if (gData->ConsumeBool()) result["data"]["verifier"] = gData->ConsumeRandomLengthString(32);
+    return 0;
+  }
+};
+
+class FuzzedChecker : public talvfeasibility::Checker {
+ public:
+  talvfeasibility::Verdict Check(int, int) override {
+    talvfeasibility::Verdict v;
+    v.result = gData->ConsumeIntegralInRange(-2, 2);
+    for (int n = gData->ConsumeIntegralInRange(0, 3); n > 0; --n) v.reasons.push_back(gData->ConsumeRandomLengthString(16));
+    v.replaceList = gData->ConsumeBool();
+    v.error = gData->ConsumeIntegral<uint16_t>();
+    return v;
+  }
+};
+
+webapihost::Module* gModule = nullptr;
+bool gRoot = false;
+FuzzedBackend gBackend;
+FuzzedVerifier gVerifier;
+FuzzedChecker gChecker;
+
+}  // namespace
+
+extern "C" int LLVMFuzzerInitialize(int*, char***) {
+  std::string error;
+  gModule = webapihost::Module::Load(PELLIXCENTER_SO, &error).release();
+  if (!gModule) {
+    std::fprintf(stderr, "cannot load %s: %s\n", PELLIXCENTER_SO, error.c_str());
+    std::abort();
+  }
+  talvpellix::SetBackend(&gBackend);
+  talvwebapi::SetRunner(&gVerifier);
+  talvfeasibility::SetChecker(&gChecker);
+  gRoot = getuid() == 0 && geteuid() == 0;
+  return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
+  FuzzedDataProvider data(bytes, size);
+  gData = &data;
+  const TALV::APITableEntry& row = gModule->Table()[data.ConsumeIntegralInRange(0, 14)];
+  Json::Value params(Json::objectValue);
+  for (int n = data.ConsumeIntegralInRange(0, 8); n > 0; --n) params[data.PickValueInArray(kNames)] = Value(data, 1);
+  // As root, each request runs with the effective ids dropped (the saved
+  // ones kept), so that the privilege guard has something to raise and to
+  // put back. Root again between requests: the leak checker needs it.
+  if (gRoot) FUZZ_CHECK(setresgid(-1, 65534, -1) == 0 && setresuid(-1, 65534, -1) == 0);
+  const uid_t uid = geteuid();
+  const gid_t gid = getegid();
+
+  webapihost::Answer a = gModule->Call(row.szAPI, row.iVersion, row.szMethod, params, data.ConsumeRandomLengthString(8));
+  FUZZ_CHECK(geteuid() == uid && getegid() == gid);
+  if (gRoot) {
+    FUZZ_CHECK(setresuid(-1, 0, -1) == 0 && setresgid(-1, 0, -1) == 0);
+    prctl(PR_SET_DUMPABLE, 1);
+  }
+  FUZZ_CHECK(a.found);
+  FUZZ_CHECK(a.answers == (a.threw ? 0 : 1));
+  FUZZ_CHECK(talvcore::LiveHashes() == 0);
+  FUZZ_CHECK(talvcore::LiveLists() == 0);
+  FUZZ_CHECK(talvcore::BadFrees().empty());
+  gData = nullptr;
+  return 0;
+}
