@@ -14,10 +14,16 @@
 #include "support/module_test.h"
 #include "talv/cloud.h"
 #include "support/process.h"
-#include "support/serve_process.h"
+#include "client.h"
 
 namespace pellixtest {
 namespace {
+
+using webapihost::Entry;
+using webapihost::PostForm;
+using webapihost::Reply;
+using webapihost::ServeProcess;
+using webapihost::TempDir;
 
 const char kCenter[] = "TALV.Core.PellixCenter";
 const char kAccount[] = "TALV.Core.PellixCenter.Account";
@@ -55,7 +61,8 @@ std::string Substitute(std::string text, const std::map<std::string, std::string
 class ServeTest : public ::testing::Test {
  protected:
   void Start() {
-    host_.reset(new ServeProcess(dir_.path() + "/state"));
+    host_.reset(new ServeProcess(WEBAPI_HOST, PELLIXCENTER_SO, dir_.path() + "/state",
+                                 dir_.path() + "/serve." + std::to_string(++started_) + ".log"));
     ASSERT_GT(host_->port(), 0) << host_->Log();
     size_t at = host_->announcement().find("(device ");
     ASSERT_NE(at, std::string::npos);
@@ -90,6 +97,7 @@ class ServeTest : public ::testing::Test {
   }
 
   TempDir dir_;
+  int started_ = 0;
   std::unique_ptr<ServeProcess> host_;
   std::map<std::string, std::string> vars_;
 };

@@ -1,5 +1,6 @@
-// A development host started by a test: `webapi-host serve` on a free port of
-// 127.0.0.1, in a child process, with a state folder of the test's.
+// The client side of the development host: `webapi-host serve` started in a
+// child process on a free port of 127.0.0.1, and requests to it. Used by
+// `webapi-host demo` and by the tests.
 #pragma once
 
 #include <json/value.h>
@@ -7,7 +8,7 @@
 
 #include <string>
 
-namespace pellixtest {
+namespace webapihost {
 
 // A fresh temporary folder, removed with everything in it on destruction.
 class TempDir {
@@ -22,10 +23,11 @@ class TempDir {
 
 class ServeProcess {
  public:
-  // Starts the host and waits until it has announced its URL (port() is -1
-  // when it exited or did not announce within ten seconds). Its stderr goes
-  // to `state` + ".log".
-  explicit ServeProcess(const std::string& state);
+  // Starts `program` (webapi-host) serving `module` with the state folder
+  // `state`, and waits until it has announced its URL (port() is -1 when it
+  // exited or did not announce within ten seconds). Its stderr goes to `log`.
+  ServeProcess(const std::string& program, const std::string& module, const std::string& state,
+               const std::string& log);
   ~ServeProcess();  // stops it, if still running
   ServeProcess(const ServeProcess&) = delete;
   ServeProcess& operator=(const ServeProcess&) = delete;
@@ -39,7 +41,7 @@ class ServeProcess {
  private:
   pid_t pid_ = -1;
   int port_ = -1;
-  std::string logPath_;
+  std::string log_;
   std::string announced_;
 };
 
@@ -49,10 +51,11 @@ class ServeProcess {
 struct Reply {
   int status = -1;
   Json::Value body;
+  std::string text;  // the body as it came
 };
 Reply Entry(int port, const std::string& api, int version, const std::string& method,
             const Json::Value& params = Json::Value(Json::objectValue));
 // POST of form fields to `path` of the host.
 Reply PostForm(int port, const std::string& path, const Json::Value& fields);
 
-}  // namespace pellixtest
+}  // namespace webapihost

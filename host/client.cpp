@@ -1,4 +1,4 @@
-#include "serve_process.h"
+#include "client.h"
 
 #include <fcntl.h>
 #include <httplib.h>
@@ -11,31 +11,34 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <filesystem>
 #include <fstream>
 #include <sstream>
 
-namespace pellixtest {
+namespace webapihost {
 
 TempDir::TempDir() {
-  char dir[] = "/tmp/pellix-serve-XXXXXX";
+  char dir[] = "/tmp/webapi-host-XXXXXX";
   path_ = mkdtemp(dir) ? dir : "";
 }
 TempDir::~TempDir() {
-  if (!path_.empty()) std::system(("rm -rf '" + path_ + "' '" + path_ + "'.*.log").c_str());
+  std::error_code ec;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ec);
 }
 
-ServeProcess::ServeProcess(const std::string& state) {
-  static int started = 0;
-  logPath_ = state + "." + std::to_string(++started) + ".log";
+ServeProcess::ServeProcess(const std::string& program, const std::string& module, const std::string& state,
+                           const std::string& log)
+    : log_(log) {
   int out[2];
   if (pipe(out) != 0) return;
   pid_ = fork();
   if (pid_ == 0) {
     dup2(out[1], STDOUT_FILENO);
-    int log = open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    dup2(log, STDERR_FILENO);
+    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(fd, STDERR_FILENO);
     close(out[0]);
-    execl(WEBAPI_HOST, "webapi-host", "serve", "--state", state.c_str(), "--port", "0", static_cast<char*>(nullptr));
+    execl(program.c_str(), "webapi-host", "--module", module.c_str(), "serve", "--state", state.c_str(), "--port",
+          "0", static_cast<char*>(nullptr));
     _exit(127);
   }
   close(out[1]);
@@ -68,7 +71,7 @@ int ServeProcess::Stop(int signal) {
 }
 
 std::string ServeProcess::Log() const {
-  std::ifstream in(logPath_);
+  std::ifstream in(log_);
   std::stringstream text;
   text << in.rdbuf();
   return text.str();
@@ -80,6 +83,8 @@ Reply Parse(const httplib::Result& result) {
   Reply reply;
   if (!result) return reply;
   reply.status = result->status;
+  reply.text = result->body;
+  while (!reply.text.empty() && reply.text.back() == '\n') reply.text.pop_back();
   Json::CharReaderBuilder builder;
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
   std::string errors;
@@ -108,4 +113,4 @@ Reply PostForm(int port, const std::string& path, const Json::Value& fields) {
   return Parse(client.Post(path.c_str(), params));
 }
 
-}  // namespace pellixtest
+}  // namespace webapihost
