@@ -58,32 +58,16 @@ Outcome SimBackend::SetInfo(const char* fullName, const char* email, const char*
                             const char* newPassword, const char* country, const char* notifyLanguage,
                             const char* timezone, BOOL enews, BOOL criticalRelease, BOOL enewsLocalPromotion,
                             const char* criticalVersionList) {
-  ProfileChange change;
-  change.fullName = fullName;
-  change.email = email;
-  change.currentPassword = currentPassword;
-  change.newPassword = newPassword;
-  change.country = country;
-  change.notifyLanguage = notifyLanguage;
-  change.timezone = timezone;
-  change.enews = enews;
-  change.criticalRelease = criticalRelease;
-  change.enewsLocalPromotion = enewsLocalPromotion;
-  change.criticalVersionList = criticalVersionList;
-  return Of(service_->Update(device_.serial, change));
+  // In the order of the library's arguments.
+  return Of(service_->Update(device_.serial,
+                             ProfileChange{fullName, email, currentPassword, newPassword, country, notifyLanguage,
+                                           timezone, enews, criticalRelease, enewsLocalPromotion, criticalVersionList}));
 }
 
 Outcome SimBackend::PurchaseList(const char* language, const char* dateFrom, const char* dateTo, Json::Value& apps,
                                  Json::Value& serials, Json::Value& prices, Json::Value& paypals,
                                  Json::Value& result) {
-  PurchaseQuery query;
-  query.language = Text(language);
-  query.dateFrom = dateFrom;
-  query.dateTo = dateTo;
-  query.apps = apps;
-  query.serials = serials;
-  query.prices = prices;
-  query.paypals = paypals;
+  PurchaseQuery query{Text(language), dateFrom, dateTo, apps, serials, prices, paypals};
   return Of(service_->Purchases(device_.serial, query, &result));
 }
 
