@@ -165,6 +165,9 @@ TEST_F(ServeTest, AccountLifeCycle) {
   Run({{"hard refusal, forced or not", kCenter, 2, "logout", R"({"force":true})",
         R"({"success":false,"error":{"code":3014,"details":{"check_type":"hard",
             "reasons":["A backup to the cloud is running"]}}})"}});
+  Reasons("hard: no equals sign\n");
+  Run({{"a reasons file the check cannot read", kCenter, 2, "logout", R"({"force":true})",
+        R"({"success":false,"error":{"code":3014,"details":{"check_type":"hard","reasons":null}}})"}});
   Reasons("# only a soft reason\nsoft = The cloud drive is mounted\n");
   Run({
       {"soft refusal", kCenter, 2, "logout", "{}",
