@@ -10,10 +10,12 @@ namespace syslogcapture {
 namespace {
 
 constexpr size_t kLimit = 10000;
+constexpr size_t kHistoryLimit = 100000;
 
 struct Sink {
   std::mutex mu;
   std::deque<Line> lines;
+  std::deque<Line> history;
   FILE* echo = nullptr;
 };
 
@@ -32,6 +34,8 @@ void Record(int priority, const char* format, va_list args) {
   Sink& s = S();
   std::lock_guard<std::mutex> lock(s.mu);
   if (s.echo) std::fprintf(s.echo, "<%d> %s\n", priority, text.c_str());
+  s.history.push_back(Line{priority, text});
+  if (s.history.size() > kHistoryLimit) s.history.pop_front();
   s.lines.push_back(Line{priority, std::move(text)});
   if (s.lines.size() > kLimit) s.lines.pop_front();
 }
@@ -48,6 +52,12 @@ std::vector<Line> Take() {
   std::vector<Line> out(s.lines.begin(), s.lines.end());
   s.lines.clear();
   return out;
+}
+
+std::vector<Line> History() {
+  Sink& s = S();
+  std::lock_guard<std::mutex> lock(s.mu);
+  return std::vector<Line>(s.history.begin(), s.history.end());
 }
 
 void SetEcho(FILE* stream) {

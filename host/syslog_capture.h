@@ -23,6 +23,9 @@ std::ostream& operator<<(std::ostream& os, const Line& line);
 // The lines logged since the last Take() (at most the latest 10000), which
 // are then forgotten.
 std::vector<Line> Take();
+// Every line logged since the process started (at most the latest 100000),
+// whether taken or not.
+std::vector<Line> History();
 // Echo each line as it is logged to `stream` (nullptr: no echo).
 void SetEcho(FILE* stream);
 

@@ -29,10 +29,10 @@ TEST_F(ModuleTest, SetAccountInfoPassesOnlyWhatTheRequestCarries) {
       // Empty is a value, not a field left out.
       {R"({"full_name": ""})", R"(["", null, null, null, null, null, null, -1, -1, -1, null])"},
       {R"({"current_password": "old"})", R"([null, null, "old", null, null, null, null, -1, -1, -1, null])"},
-      {R"({"full_name": "Ada L", "email": "ada@example.com", "current_password": "old", "new_password": "new",
-           "country": "NL", "notify_language": "enu", "timezone": "Amsterdam", "enews": true,
-           "critical_release": true, "enews_local_promotion": false, "critical_version_list": "7.1,7.2"})",
-       R"(["Ada L", "ada@example.com", "old", "new", "NL", "enu", "Amsterdam", 1, 1, 0, "7.1,7.2"])"},
+      {R"({"full_name": "Ada L", "email": "ada@example.com", "current_password": "old-pass",
+           "new_password": "new-pass", "country": "NL", "notify_language": "enu", "timezone": "Amsterdam",
+           "enews": true, "critical_release": true, "enews_local_promotion": false, "critical_version_list": "7.1,7.2"})",
+       R"(["Ada L", "ada@example.com", "old-pass", "new-pass", "NL", "enu", "Amsterdam", 1, 1, 0, "7.1,7.2"])"},
       // A flag given as JSON null is given, and false.
       {R"({"enews_local_promotion": null})", "[null, null, null, null, null, null, null, -1, -1, 0, null]"},
   };

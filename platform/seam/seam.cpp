@@ -3,7 +3,10 @@
 #include <json/writer.h>
 
 #include <cstdlib>
+#include <atomic>
 #include <deque>
+#include <memory>
+#include <sstream>
 #include <mutex>
 
 namespace talvseam {
@@ -24,6 +27,7 @@ struct State {
   std::deque<Call> journal;
   std::vector<Fault> faults;
   int calls = 0;
+  std::atomic<bool> journaling{true};
   bool sysrootOverridden = false;
   std::string sysroot;
 };
@@ -34,6 +38,7 @@ State& S() {
 }
 
 void Record(State& s, const char* service, const char* op, std::vector<std::string> args) {
+  if (!s.journaling) return;
   s.journal.push_back(Call{service, op, std::move(args)});
   if (s.journal.size() > kJournalLimit) s.journal.pop_front();
 }
@@ -42,6 +47,7 @@ void Record(State& s, const char* service, const char* op, std::vector<std::stri
 
 void Note(const char* service, const char* op, std::vector<std::string> args) {
   State& s = S();
+  if (!s.journaling) return;
   std::lock_guard<std::mutex> lock(s.mu);
   Record(s, service, op, std::move(args));
 }
@@ -83,6 +89,11 @@ void ClearJournal() {
   S().calls = 0;
 }
 
+void SetJournaling(bool on) {
+  std::lock_guard<std::mutex> lock(S().mu);
+  S().journaling = on;
+}
+
 void InjectFault(const std::string& op, int after, bool persistent, int code) {
   std::lock_guard<std::mutex> lock(S().mu);
   S().faults.push_back(Fault{op, after < 0 ? 0 : after, persistent, code, false});
@@ -122,12 +133,27 @@ std::string ResolvePath(const std::string& absolute) {
 std::string Arg(const char* text) { return text ? text : "(null)"; }
 std::string Arg(int value) { return std::to_string(value); }
 std::string Arg(const Json::Value& value) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, value);
+  // Every journaled request read renders its default: keep the common
+  // scalars off the writer, and make the writer once per thread.
+  switch (value.type()) {
+    case Json::nullValue: return "null";
+    case Json::booleanValue: return value.asBool() ? "true" : "false";
+    case Json::intValue: return std::to_string(value.asLargestInt());
+    case Json::uintValue: return std::to_string(value.asLargestUInt());
+    default: break;
+  }
+  thread_local std::unique_ptr<Json::StreamWriter> writer = [] {
+    Json::StreamWriterBuilder b;
+    b["indentation"] = "";
+    return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
+  }();
+  std::ostringstream out;
+  writer->write(value, &out);
+  return out.str();
 }
 
 void Reset() {
+  SetJournaling(true);
   ClearJournal();
   ClearFaults();
   SetSysroot("");

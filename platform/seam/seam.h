@@ -32,6 +32,9 @@ void Note(const char* service, const char* op, std::vector<std::string> args);
 std::vector<Call> Journal();
 std::vector<Call> JournalOf(const std::string& op);
 void ClearJournal();
+// Off: calls are neither kept nor (for Note) locked for; faults and counts go
+// on. For measuring the module rather than the stand-ins' bookkeeping.
+void SetJournaling(bool on);
 
 // Fault plan, in the manner of a VFS fault simulator: operation `op` ("*" for
 // any platform operation) fails on its (after+1)-th call counted from now,

@@ -2,6 +2,7 @@
 
 #include <cstdarg>
 #include <fstream>
+#include <set>
 
 #include <json/reader.h>
 
@@ -98,8 +99,33 @@ void ModuleTest::TearDown() {
   talvseam::Reset();
 }
 
+namespace {
+
+// Every password a test sent, and at the end of the program a scan of every
+// line the module logged for them: no password may reach the system log.
+std::set<std::string>& PasswordsSent() {
+  static std::set<std::string> sent;
+  return sent;
+}
+
+class PasswordScan : public ::testing::Environment {
+ public:
+  void TearDown() override {
+    for (const syslogcapture::Line& line : syslogcapture::History())
+      for (const std::string& password : PasswordsSent())
+        EXPECT_EQ(line.text.find(password), std::string::npos) << "password \"" << password << "\" logged: " << line;
+  }
+};
+::testing::Environment* const gPasswordScan = ::testing::AddGlobalTestEnvironment(new PasswordScan);
+
+}  // namespace
+
 webapihost::Answer ModuleTest::Call(const std::string& api, int version, const std::string& method,
                                     const Json::Value& params) {
+  // Too short a text would be found in innocent lines.
+  for (const char* name : {"password", "current_password", "new_password"})
+    if (params.isObject() && params[name].isString() && params[name].asString().size() >= 4)
+      PasswordsSent().insert(params[name].asString());
   return module_->Call(api, version, method, params);
 }
 
