@@ -220,8 +220,8 @@ Answer VerifierApi::Get(const Json::Value& params, const std::string& user) {
   return Success(data);
 }
 
-DevHost::DevHost(const Module* module, pellixsim::Service* service, FILE* log)
-    : module_(module), service_(service), log_(log), server_(new httplib::Server()) {}
+DevHost::DevHost(const Module* module, pellixsim::Service* service, FILE* log, std::string language)
+    : module_(module), service_(service), log_(log), language_(std::move(language)), server_(new httplib::Server()) {}
 
 DevHost::~DevHost() = default;
 
@@ -285,6 +285,7 @@ void DevHost::Log(const std::string& line) {
 void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
   const auto start = std::chrono::steady_clock::now();
   Call call;
+  call.language = language_;
   std::string problem;
   Answer answer = Decode(req, &call, &problem) ? Dispatch(call) : HostError(kErrBadRequest, problem);
   const int status = HttpStatus(answer);

@@ -81,8 +81,9 @@ class VerifierApi {
 
 class DevHost : public talvwebapi::Runner {
  public:
-  // `log` receives one line per request (nullptr: none).
-  DevHost(const Module* module, pellixsim::Service* service, FILE* log);
+  // `log` receives one line per request (nullptr: none); every HTTP request
+  // comes from an interface in `language`.
+  DevHost(const Module* module, pellixsim::Service* service, FILE* log, std::string language);
   ~DevHost() override;
 
   // One web API request, with the locks of the comment above.
@@ -107,6 +108,7 @@ class DevHost : public talvwebapi::Runner {
   const Module* module_;
   pellixsim::Service* service_;
   FILE* log_;
+  const std::string language_;
   std::mutex logMu_;
   std::shared_mutex identity_;
   VerifierApi verifier_;

@@ -90,7 +90,7 @@ int Serve(const ServeOptions& o) {
   pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
 
   pellixsim::Service service(store.get(), pellixsim::Options());
-  DevHost host(module.get(), &service, o.log);
+  DevHost host(module.get(), &service, o.log, o.language.empty() ? "enu" : o.language);
   const int port = host.Bind(o.port);
   if (port < 0) {
     std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n", o.port);
