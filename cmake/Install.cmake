@@ -1,0 +1,60 @@
+# What `cmake --install` puts where, in three components, and the Debian
+# packages CPack makes of them:
+#   module       pellixcenter.so in the library directory's pellixcenter/ folder:
+#                what a device image needs, nothing else;
+#   development  the module's exported declarations (and the platform interface
+#                declarations they include), a pkg-config file and a CMake
+#                package config, for a host project;
+#   devkit       the platform stand-ins, the host harness, webapi-host and the
+#                administration page: a development device on a workstation.
+# Debian's multiarch library directory, as for any library of the image.
+if(NOT DEFINED CMAKE_INSTALL_LIBDIR AND CMAKE_LIBRARY_ARCHITECTURE)
+  set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}" CACHE PATH "Object code libraries")
+endif()
+include(GNUInstallDirs)
+include(CMakePackageConfigHelpers)
+
+set(PELLIX_MODULE_DIR ${CMAKE_INSTALL_LIBDIR}/pellixcenter)
+set(PELLIX_DEVKIT_DIR ${CMAKE_INSTALL_LIBDIR}/pellixcenter/devkit)
+set(PELLIX_INCLUDE_DIR ${CMAKE_INSTALL_INCLUDEDIR}/pellixcenter)
+
+# On the device the platform's libraries are where the loader looks anyway:
+# the module carries no search path of its own.
+install(TARGETS pellixcenter LIBRARY DESTINATION ${PELLIX_MODULE_DIR} COMPONENT module)
+
+install(FILES include/pellixcenter.h include/account_register.h include/https_request.h
+        DESTINATION ${PELLIX_INCLUDE_DIR} COMPONENT development)
+install(DIRECTORY include/talv DESTINATION ${PELLIX_INCLUDE_DIR} COMPONENT development)
+configure_file(cmake/pellixcenter.pc.in ${CMAKE_BINARY_DIR}/pellixcenter.pc @ONLY)
+install(FILES ${CMAKE_BINARY_DIR}/pellixcenter.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
+        COMPONENT development)
+configure_package_config_file(cmake/pellixcenterConfig.cmake.in ${CMAKE_BINARY_DIR}/pellixcenterConfig.cmake
+                              INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pellixcenter
+                              PATH_VARS PELLIX_MODULE_DIR PELLIX_INCLUDE_DIR)
+write_basic_package_version_file(${CMAKE_BINARY_DIR}/pellixcenterConfigVersion.cmake
+                                 COMPATIBILITY SameMajorVersion)
+install(FILES ${CMAKE_BINARY_DIR}/pellixcenterConfig.cmake ${CMAKE_BINARY_DIR}/pellixcenterConfigVersion.cmake
+        DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pellixcenter COMPONENT development)
+
+# The stand-ins find each other beside themselves.
+set(PELLIX_STANDINS talvseam tlibc talvwebapi talvpellix talvsdk talvcloud talvrelay talvfeasibility syslogcapture)
+set_target_properties(${PELLIX_STANDINS} PROPERTIES INSTALL_RPATH "$ORIGIN")
+install(TARGETS ${PELLIX_STANDINS} LIBRARY DESTINATION ${PELLIX_DEVKIT_DIR} COMPONENT devkit)
+install(TARGETS webapihost ARCHIVE DESTINATION ${PELLIX_DEVKIT_DIR} COMPONENT devkit)
+install(FILES host/harness.h host/syslog_capture.h DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit)
+install(DIRECTORY platform/ DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit
+        FILES_MATCHING PATTERN "*.h")
+
+# Each package's copyright and changelog, as Debian policy wants them.
+set(PELLIX_CHANGELOG ${CMAKE_BINARY_DIR}/changelog.Debian.gz)
+add_custom_command(OUTPUT ${PELLIX_CHANGELOG}
+                   COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/packaging/changelog > ${PELLIX_CHANGELOG}
+                   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/changelog)
+add_custom_target(changelog ALL DEPENDS ${PELLIX_CHANGELOG})
+foreach(component_package module:pellixcenter development:pellixcenter-dev devkit:pellixcenter-devkit)
+  string(REPLACE ":" ";" pair ${component_package})
+  list(GET pair 0 component)
+  list(GET pair 1 package)
+  install(FILES packaging/copyright ${PELLIX_CHANGELOG} DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/${package}
+          COMPONENT ${component})
+endforeach()
