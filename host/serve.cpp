@@ -11,6 +11,7 @@
 #include "feasibility/checker.h"
 #include "harness.h"
 #include "pellix/backend.h"
+#include "seam/seam.h"
 #include "state.h"
 #include "syslog_capture.h"
 #include "trust.h"
@@ -113,6 +114,9 @@ int Serve(const ServeOptions& o) {
                   : "account.php at https://" + phpHost + "/account.php, " +
                         (untrusted.empty() ? "trusted through " + state.service + "/ca.pem"
                                            : "not trusted by the module: " + untrusted);
+  // Nobody reads the seam's journal here; it would only keep the arguments of
+  // the latest calls, passwords among them, for as long as the host runs.
+  talvseam::SetJournaling(false);
   talvpellix::SetBackend(&backend);
   talvwebapi::SetRunner(&host);
   talvfeasibility::SetChecker(&reasons);
