@@ -1,5 +1,6 @@
 #include "harness.h"
 
+#include <curl/curl.h>
 #include <dlfcn.h>
 #include <json/writer.h>
 
@@ -9,6 +10,13 @@
 namespace webapihost {
 
 std::unique_ptr<Module> Module::Load(const std::string& path, std::string* error) {
+  // libcurl's process-wide set-up is the host's, done once before any module
+  // can run a transfer, and never undone while modules may still be loaded.
+  static const CURLcode curlReady = curl_global_init(CURL_GLOBAL_ALL);
+  if (curlReady != CURLE_OK) {
+    *error = std::string("libcurl cannot be initialised: ") + curl_easy_strerror(curlReady);
+    return nullptr;
+  }
   void* handle = dlopen(path.c_str(), RTLD_NOW | RTLD_LOCAL);
   if (!handle) {
     *error = dlerror();

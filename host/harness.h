@@ -29,7 +29,8 @@ struct Answer {
 class Module {
  public:
   // Loads the module at `path`; nullptr with `*error` set when it cannot be
-  // loaded or has no GetAPITable.
+  // loaded or has no GetAPITable. The first call also initialises libcurl for
+  // the process, as the device's host does at start.
   static std::unique_ptr<Module> Load(const std::string& path, std::string* error);
   ~Module();
   Module(const Module&) = delete;

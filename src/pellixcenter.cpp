@@ -7,11 +7,15 @@
 
 #include <cerrno>
 #include <cstdint>
+#include <cstring>
 #include <stdexcept>
 
+#include "account_register.h"
 #include "log.h"
 #include "talv/feasibility.h"
 #include "talv/pellix.h"
+#include "talv/relay.h"
+#include "talv/sdk.h"
 
 namespace {
 
@@ -172,12 +176,6 @@ bool LogoutFeasible(TALV::APIRequest* request, TALV::APIResponse* response) {
   details["reasons"] = reasons;
   response->SetError(kErrNotFeasible, details);
   return false;
-}
-
-// Methods whose implementation has not landed in this build yet.
-void NotAvailable(const char* method, TALV::APIResponse* response) {
-  PELLIX_LOG("%s is not available in this build", method);
-  response->SetError(kErrGeneric, Json::Value());
 }
 
 // The identity the PKCE service and the verifier API need is root's. The
@@ -508,8 +506,6 @@ void ListPurchase(TALV::APIRequest* request, TALV::APIResponse* response) {
   AnswerCode(response, AccountErrorToApiError(TALVPELLIXErrGet()), result);
 }
 
-void Register(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("register (version 1)", response); }
-void Register_v2(TALV::APIRequest*, TALV::APIResponse* response) { NotAvailable("register", response); }
 // The settings of both PKCE flows, passed through unread. No answer is given
 // when the service throws: that is for the host to report.
 void PkceConfigGet(TALV::APIRequest*, TALV::APIResponse* response) {
@@ -587,6 +583,127 @@ void PkceLogout(TALV::APIRequest* request, TALV::APIResponse* response) {
     return;
   }
   response->SetSuccess(Json::Value());
+}
+
+namespace {
+
+const char kRelaydConf[] = "/usr/talv/etc/talvrelayd/talvrelayd.conf";
+constexpr int kSerialSize = 36;
+
+// The account service's limits, in bytes of the text as sent.
+constexpr size_t kPasswordMin = 6;
+constexpr size_t kPasswordMax = 128;
+constexpr size_t kFullNameMin = 2;
+constexpr size_t kFullNameMax = 256;
+
+// False, with its line logged, when the password or the full name is outside
+// the service's limits.
+bool RegisterLengthsValid(const std::string& password, const std::string& fullName) {
+  if (password.size() < kPasswordMin || password.size() > kPasswordMax) {
+    PELLIX_LOG("pellix passowrd length is invaild: %zd", static_cast<ssize_t>(password.size()));
+    return false;
+  }
+  if (fullName.size() < kFullNameMin || fullName.size() > kFullNameMax) {
+    PELLIX_LOG("pellix fullname length is invaild: %s %zd", fullName.c_str(), static_cast<ssize_t>(fullName.size()));
+    return false;
+  }
+  return true;
+}
+
+// The code of the first row whose key begins with the `length` bytes of
+// `keyword`; a keyword that runs past its key's end matches nothing, and no
+// keyword at all matches nothing either. Nothing matched: the terminator's.
+int RegisterKeywordCode(const char* keyword, size_t length) {
+  const PellixErrorCodeEntry* row = grgErrorCodeMap;
+  while (row->szKey && (length == 0 || std::strncmp(row->szKey, keyword, length) != 0)) ++row;
+  return row->iCode;
+}
+
+}  // namespace
+
+// Version 1 posts the registration form itself and judges the service's
+// answer by its first keyword. Every answer carries JSON null.
+void Register(TALV::APIRequest* request, TALV::APIResponse* response) {
+  TALV::Relay::RelaydConf relayd(kRelaydConf);
+  const TALV::APIParameter<std::string> account = ReadCheckedString(request, "account", TALV::APIValidator::IsEMail);
+  if (account.IsInvalid() || !request->HasParam("password") || !request->HasParam("fullname")) {
+    PELLIX_LOG("Invalid parameter");
+    response->SetError(kErrBadParam, Json::Value());
+    return;
+  }
+  const std::string email = account.Get();
+  const std::string fullName = Text(request, "fullname");
+  const std::string password = Text(request, "password");
+  const std::string host = relayd.GetPellixConf().GetHost();
+  char serial[kSerialSize] = {};
+  if (TLIBGetSerialNumber(serial, kSerialSize) < 0) {
+    response->SetError(kErrGeneric, Json::Value());
+    return;
+  }
+  if (!RegisterLengthsValid(password, fullName)) {
+    response->SetError(kErrBadParam, Json::Value());
+    return;
+  }
+  if (host.empty()) {
+    PELLIX_LOG("pellix host doesnot set");
+    response->SetError(kErrBadParam, Json::Value());
+    return;
+  }
+
+  const AccountRegisterInfo info = {0, host.c_str(), email.c_str(), password.c_str(), fullName.c_str(), serial};
+  HttpsResponse result = {0, nullptr};
+  if (PellixAccountRegister(&info, &result) < 0) {
+    PELLIX_LOG("cannot register account");
+    response->SetError(kErrSystem, Json::Value());
+    return;
+  }
+  // The keyword is the first run of characters other than ":"; the status
+  // is not looked at, the client has put its own keywords in the body.
+  const char* body = result.body ? result.body : "";
+  const size_t start = std::strspn(body, ":");
+  const size_t length = std::strcspn(body + start, ":");
+  const int code = RegisterKeywordCode(body + start, length);
+  if (code == kCodeGood) {
+    HttpsResponseFree(&result);
+    response->SetSuccess(Json::Value());
+    return;
+  }
+  const std::string keyword = length ? std::string(body, start + length) : std::string();
+  PELLIX_LOG("pellix register error, http-status: %ld response: %s", result.httpStatus, keyword.c_str());
+  HttpsResponseFree(&result);
+  response->SetError(code, Json::Value());
+}
+
+// Version 2 leaves the registration to the account library and refuses
+// while an account is signed in.
+void Register_v2(TALV::APIRequest* request, TALV::APIResponse* response) {
+  Json::Value answer(Json::objectValue);
+  Json::Value info(Json::objectValue);
+  const TALV::APIParameter<std::string> account = ReadCheckedString(request, "account", TALV::APIValidator::IsEMail);
+  if (account.IsInvalid() || !request->HasParam("password") || !request->HasParam("fullname") ||
+      !request->HasParam("critical_release")) {
+    PELLIX_LOG("Invalid parameter");
+    response->SetError(kErrBadParam, answer);
+    return;
+  }
+  const std::string email = account.Get();
+  const std::string password = Text(request, "password");
+  const std::string fullName = Text(request, "fullname");
+  const bool criticalRelease = request->GetParam("critical_release", Json::Value()).asBool();
+  const bool enewsLocalPromotion = ReadFlag(request, "enews_local_promotion");
+  const bool enews = ReadFlag(request, "enews");
+  const std::string country = request->GetParam("country", Json::Value("")).asString();
+  if (!RegisterLengthsValid(password, fullName)) {
+    response->SetError(kErrBadParam, answer);
+    return;
+  }
+  if (RefuseWhileSignedIn(info, answer, response, "Register", true)) return;
+
+  // The library takes its flags in another order than the request names them.
+  if (TALVPELLIXAccountRegister(email.c_str(), password.c_str(), fullName.c_str(), criticalRelease, enews,
+                                enewsLocalPromotion, country.empty() ? nullptr : country.c_str()) < 0)
+    PELLIX_LOG("TALVPELLIXAccountRegister failed, email=%s, full_name=%s", email.c_str(), fullName.c_str());
+  AnswerCode(response, AccountErrorToApiError(TALVPELLIXErrGet()), answer);
 }
 
 // The credential-verifier API keeps the verifiers and gives one out only

@@ -1,5 +1,5 @@
-// The module as the host sees it: its table, its lookup, and the answer of
-// the methods whose work has not landed. Platform failures: fault_test.cpp.
+// The module as the host sees it: its table and its lookup. Platform
+// failures: fault_test.cpp.
 #include <dlfcn.h>
 #include <link.h>
 
@@ -11,8 +11,6 @@
 
 namespace pellixtest {
 namespace {
-
-using syslogcapture::Line;
 
 class FrameTest : public ModuleTest {
  protected:
@@ -82,27 +80,6 @@ TEST_F(FrameTest, LookupMatchesNameVersionAndMethodExactly) {
   EXPECT_FALSE(a.found);
   EXPECT_EQ(a.code, webapihost::kErrNoSuchMethod);
   EXPECT_TRUE(talvseam::Journal().empty()) << "no handler ran";
-}
-
-// Methods whose work has not landed answer 3000 with null details, say so in
-// the log, and touch no platform service.
-TEST_F(FrameTest, MethodsOfLaterWorkAnswer3000) {
-  const char* const kPending[][2] = {
-      {"0", "register (version 1)"},
-      {"4", "register"},
-  };
-  for (const auto& pending : kPending) {
-    const Row& row = kRows[std::stoi(pending[0])];
-    SCOPED_TRACE(row.method);
-    webapihost::Answer a = Call(row.api, row.version, row.method, J(R"({"account": "a@b.cd"})"));
-    EXPECT_TRUE(a.found);
-    EXPECT_EQ(a.answers, 1);
-    EXPECT_FALSE(a.success);
-    EXPECT_EQ(a.code, 3000);
-    EXPECT_TRUE(a.data.isNull());
-    EXPECT_EQ(Logged(), std::vector<Line>{LogLine("NotAvailable", "%s is not available in this build", pending[1])});
-  }
-  EXPECT_TRUE(talvseam::Journal().empty());
 }
 
 }  // namespace

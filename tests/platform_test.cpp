@@ -3,15 +3,14 @@
 #include <gtest/gtest.h>
 #include <openssl/sha.h>
 
-#include <cstdlib>
 #include <cstring>
-#include <fstream>
 #include <string>
 #include <thread>
 
 #include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "seam/seam.h"
+#include "support/sysroot.h"
 #include "talv/cloud.h"
 #include "talv/feasibility.h"
 #include "talv/relay.h"
@@ -21,26 +20,7 @@
 
 namespace {
 
-// A throw-away sysroot with the given files in it.
-class Sysroot {
- public:
-  Sysroot() {
-    char dir[] = "/tmp/talv-sysroot-XXXXXX";
-    root_ = mkdtemp(dir);
-    talvseam::SetSysroot(root_);
-  }
-  ~Sysroot() {
-    talvseam::SetSysroot("");
-    std::system(("rm -rf '" + root_ + "'").c_str());
-  }
-  void Write(const std::string& path, const std::string& content) {
-    std::system(("mkdir -p \"$(dirname '" + root_ + path + "')\"").c_str());
-    std::ofstream(root_ + path) << content;
-  }
-
- private:
-  std::string root_;
-};
+using pellixtest::Sysroot;
 
 class PlatformTest : public ::testing::Test {
  protected:

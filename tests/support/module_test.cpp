@@ -45,19 +45,41 @@ Json::Value J(const std::string& text) {
   return value;
 }
 
-syslogcapture::Line LogLine(const std::string& function, const char* format, ...) {
-  std::ifstream source(PELLIXCENTER_SOURCE);
+namespace {
+
+// The module's sources, each logging under its own file name.
+const char* const kSources[] = {"pellixcenter.cpp", "account_register.cpp", "https_request.cpp"};
+
+// The line of the first statement logging `quoted` after the start of the
+// definition of `function` in `path`; 0 when there is none.
+int StatementLine(const std::string& path, const std::string& function, const std::string& quoted) {
+  std::ifstream source(path);
   std::string text;
-  int number = 0, found = 0;
+  int number = 0;
   bool inFunction = false;
-  const std::string quoted = std::string("\"") + format + "\"";
-  while (!found && std::getline(source, text)) {
+  while (std::getline(source, text)) {
     ++number;
     // A definition starts in column 0 with its name after the return type.
     if (!text.empty() && text[0] != ' ' && text[0] != '}' && text.find(" " + function + "(") != std::string::npos &&
         text.find(';') == std::string::npos)
       inFunction = true;
-    if (inFunction && text.find(quoted) != std::string::npos) found = number;
+    if (inFunction && text.find(quoted) != std::string::npos) return number;
+  }
+  return 0;
+}
+
+}  // namespace
+
+syslogcapture::Line LogLine(const std::string& function, const char* format, ...) {
+  const std::string quoted = std::string("\"") + format + "\"";
+  std::string file;
+  int found = 0;
+  for (const char* name : kSources) {
+    found = StatementLine(std::string(PELLIX_SOURCE_DIR "/") + name, function, quoted);
+    if (found) {
+      file = name;
+      break;
+    }
   }
   EXPECT_NE(found, 0) << "no statement logging \"" << format << "\" in " << function << "()";
   va_list args;
@@ -65,7 +87,7 @@ syslogcapture::Line LogLine(const std::string& function, const char* format, ...
   char message[1024];
   std::vsnprintf(message, sizeof(message), format, args);
   va_end(args);
-  return syslogcapture::Line{3, "pellixcenter.cpp:" + std::to_string(found) + " " + message};
+  return syslogcapture::Line{3, file + ":" + std::to_string(found) + " " + message};
 }
 
 webapihost::Module* ModuleTest::module_ = nullptr;

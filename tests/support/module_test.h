@@ -18,9 +18,10 @@ namespace pellixtest {
 // Parses a JSON text; fails the test on a syntax error.
 Json::Value J(const std::string& text);
 
-// The log line a statement of pellixcenter.cpp writes: the statement is the
-// first one after the start of `function` whose format is `format`; the line
-// is "pellixcenter.cpp:<its line> " and the message formatted from `format`.
+// The log line a statement of the module writes: the statement is the first
+// one after the start of `function` whose format is `format`, in whichever of
+// the module's sources defines `function`; the line is "<that file>:<its
+// line> " and the message formatted from `format`.
 syslogcapture::Line LogLine(const std::string& function, const char* format, ...)
     __attribute__((format(printf, 2, 3)));
 

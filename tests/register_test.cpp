@@ -1,0 +1,366 @@
+// Register (version 1) end to end against the local account service, and
+// Register_v2 against a scripted account library.
+#include <functional>
+#include <set>
+
+#include "core/accounting.h"
+#include "seam/seam.h"
+#include "support/local_service.h"
+
+namespace pellixtest {
+namespace {
+
+using syslogcapture::Line;
+using talvpellix::Outcome;
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::Return;
+using ::testing::SetArgReferee;
+
+const char kRelaydConf[] = "/usr/talv/etc/talvrelayd/talvrelayd.conf";
+const char kRequest[] = R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace"})";
+const std::string kForm = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken +
+                          "&action=register&email=ada%40example.com&passwd=secret%201&full_name=Ada%20Lovelace"
+                          "&notify_lang=ger&serial=" +
+                          kDeviceSerial + "&timezone=Europe%2FAmsterdam";
+const char kSignedIn[] = R"({"email": "bound@example.com", "auth_key": "k-1", "activated": true})";
+
+// `n` times a character of four bytes: different ones for passwords and
+// names, so that no password is ever part of a name that gets logged.
+std::string Repeat(const char* character, size_t n) {
+  std::string text;
+  for (size_t i = 0; i < n; ++i) text += character;
+  return text;
+}
+std::string WidePassword(size_t n) { return Repeat("\xF0\x9F\x94\x91", n); }
+std::string WideName(size_t n) { return Repeat("\xF0\x9D\x84\x9E", n); }
+
+Line InvalidParameter(const char* function) { return LogLine(function, "Invalid parameter"); }
+Line RegisterError(long status, const char* response) {
+  return LogLine("Register", "pellix register error, http-status: %ld response: %s", status, response);
+}
+
+class RegisterTest : public TrustedServiceTest {
+ protected:
+  webapihost::Answer Register(const Json::Value& params) {
+    return Call("TALV.Core.PellixCenter", 1, "register", params);
+  }
+  void ExpectAnswer(const webapihost::Answer& a, int code) {
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_FALSE(a.threw) << a.exception;
+    EXPECT_EQ(a.success, code == 0);
+    EXPECT_EQ(a.code, code);
+    EXPECT_TRUE(a.data.isNull()) << a.data;
+  }
+};
+
+// --- What the service's answer becomes ---
+
+struct AnswerCase {
+  const char* name;
+  Reply reply;
+  int code;              // 0: success
+  const char* response;  // in the "register error" line; nullptr: nothing logged
+  long status;           // in that line
+};
+
+const AnswerCase kAnswers[] = {
+    {"Good", {200, "good"}, 0, nullptr, 0},
+    {"AccountUserid", {200, "account_userid:1234"}, 0, nullptr, 0},
+    {"BeginningOfGood", {200, "g"}, 0, nullptr, 0},
+    {"BeginningOfBadparam", {200, "bad"}, 3001, "bad", 200},
+    {"BeginningOfAccountInused", {200, "account_"}, 3005, "account_", 200},
+    {"Badauth", {200, "badauth"}, 3004, "badauth", 200},
+    {"SerialExceeded", {200, "serial_exceed_max_account_register"}, 3006, "serial_exceed_max_account_register", 200},
+    {"CaseMatters", {200, "GOOD"}, 3000, "GOOD", 200},
+    {"RunsPastTheKey", {200, "goodness"}, 3000, "goodness", 200},
+    {"LoggedUpToTheKeyword", {200, "badparam:email"}, 3001, "badparam", 200},
+    {"LeadingColons", {200, "::badparam:x"}, 3001, "::badparam", 200},
+    {"TrimmedFirst", {200, "\n good \n"}, 0, nullptr, 0},
+    {"EmptyAnswer", {200, ""}, 3000, "", 200},
+    {"OnlyColons", {200, ":::"}, 3000, "", 200},
+    {"ServerError", {500, "good"}, 3003, "badsys", 500}};
+
+// The service's answer decides, by its first keyword; the form is the same
+// every time.
+TEST_F(RegisterTest, KeywordOfTheAnswerDecides) {
+  size_t sent = 0;
+  for (const AnswerCase& c : kAnswers) {
+    SCOPED_TRACE(c.name);
+    server().Script(c.reply);
+    ExpectAnswer(Register(J(kRequest)), c.code);
+    std::vector<Received> received = server().Requests();
+    ASSERT_EQ(received.size(), ++sent);
+    EXPECT_EQ(received.back().body, kForm);
+    std::vector<Line> expected;
+    if (c.response) expected.push_back(RegisterError(c.status, c.response));
+    EXPECT_EQ(Logged(), expected);
+  }
+}
+
+TEST_F(RegisterTest, UnreachableServiceIsBadnetwork) {
+  SilentPort closed(false);
+  ConfigureHost(closed.Address());
+  ExpectAnswer(Register(J(kRequest)), 3002);
+  EXPECT_EQ(Logged(), std::vector<Line>{RegisterError(0, "badnetwork")});
+}
+
+// Version 1 posts its form whether or not an account is signed in.
+TEST_F(RegisterTest, SignedInAccountIsNotLookedAt) {
+  EXPECT_CALL(backend_, QueryInfo).Times(0);
+  ExpectAnswer(Register(J(kRequest)), 0);
+  EXPECT_EQ(server().Requests().size(), 1u);
+}
+
+// Version 1's deepest path runs through the form request and the HTTPS
+// client to the transfer: every platform call on it fails in turn, once and
+// from then on. One answer each time, a code of the service's vocabulary,
+// and every hash and list given back. The transfer itself makes no platform
+// call, so a closed port serves as well as the service and costs no TLS.
+TEST_F(RegisterTest, SurvivesTheFailureOfEachPlatformCall) {
+  const std::set<int> codes = {0, 3000, 3001, 3002, 3003, 3004, 3005, 3006};
+  const Json::Value params = J(kRequest);
+  SilentPort closed(false);
+  ConfigureHost(closed.Address());
+  talvseam::ClearFaults();
+  ExpectAnswer(Register(params), 3002);
+  const int calls = talvseam::CallCount();
+  for (bool persistent : {false, true}) {
+    for (int k = 0; k <= calls; ++k) {
+      SCOPED_TRACE("failing call " + std::to_string(k) + (persistent ? " and every call after it" : ""));
+      talvseam::ClearFaults();
+      talvseam::InjectFault("*", k, persistent, 5);
+      webapihost::Answer a = Register(params);
+      EXPECT_EQ(a.answers, 1) << a.exception;
+      EXPECT_EQ(codes.count(a.code), 1u) << a.code;
+      EXPECT_TRUE(a.data.isNull()) << a.data;
+      EXPECT_EQ(talvcore::LiveHashes(), 0);
+      EXPECT_EQ(talvcore::LiveLists(), 0);
+      EXPECT_EQ(talvcore::BadFrees(), std::vector<std::string>{});
+    }
+  }
+  Logged();
+}
+
+// --- The checks before the form, in their order ---
+
+struct CheckCase {
+  const char* name;
+  const char* params;
+  std::function<void(Sysroot&)> arrange;
+  int code;
+  std::function<std::vector<Line>()> logged;
+};
+
+const char kShortPassword[] = R"({"account": "ada@example.com", "password": "12345", "fullname": "Ada"})";
+void NoHost(Sysroot& root) { root.Write(kRelaydConf, "[relay]\nenabled = 1\n[pellix]\n"); }
+std::vector<Line> PasswordLine() {
+  return {LogLine("RegisterLengthsValid", "pellix passowrd length is invaild: %zd", ssize_t{5})};
+}
+
+const CheckCase kChecks[] = {
+    {"NoAccount", R"({"password": "secret 1", "fullname": "Ada"})", nullptr, 3001,
+     [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"AccountNotAnAddress", R"({"account": "ada", "password": "secret 1", "fullname": "Ada"})", nullptr,
+     3001, [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"NoPassword", R"({"account": "ada@example.com", "fullname": "Ada"})", nullptr, 3001,
+     [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"NoFullname", R"({"account": "ada@example.com", "password": "secret 1"})", nullptr, 3001,
+     [] { return std::vector<Line>{InvalidParameter("Register")}; }},
+    {"NoHost", kRequest, NoHost, 3001,
+     [] { return std::vector<Line>{LogLine("Register", "pellix host doesnot set")}; }},
+    {"LengthsBeforeHost", kShortPassword, NoHost, 3001, PasswordLine},
+    {"SerialBeforeLengths", kShortPassword, [](Sysroot&) { FailOnce("TLIBGetSerialNumber"); }, 3000,
+     [] { return std::vector<Line>{}; }},
+    {"FormRequestFails", kRequest, [](Sysroot&) { FailOnce("TALVZoneGet"); }, 3003,
+     [] {
+       const ErrorState s;
+       return std::vector<Line>{
+           LogLine("PellixAccountRegister", "failed to get time zone, size need: %d, err=[0x%04X %s:%d]",
+                   -1, s.code, s.file.c_str(), s.line),
+           LogLine("Register", "cannot register account")};
+     }},
+};
+
+TEST_F(RegisterTest, ChecksComeBeforeTheFormInTheirOrder) {
+  for (const CheckCase& c : kChecks) {
+    SCOPED_TRACE(c.name);
+    ResetDevice();
+    if (c.arrange) c.arrange(sysroot());
+    ExpectAnswer(Register(J(c.params)), c.code);
+    EXPECT_TRUE(server().Requests().empty());
+    EXPECT_EQ(Logged(), c.logged());
+  }
+}
+
+// --- Lengths, in bytes, for both versions ---
+
+enum class Refused { kNo, kPassword, kFullName };
+
+struct LengthCase {
+  const char* name;
+  std::string password;
+  std::string fullName;
+  Refused refused;
+};
+
+const LengthCase kLengths[] = {
+    {"Password5", "12345", "Ada", Refused::kPassword},
+    {"Password6", "123456", "Ada", Refused::kNo},
+    {"Password128", std::string(128, 'p'), "Ada", Refused::kNo},
+    {"Password129", std::string(129, 'p'), "Ada", Refused::kPassword},
+    {"PasswordTwoWideCharacters", WidePassword(2), "Ada", Refused::kNo},
+    {"Password32WideCharacters", WidePassword(32), "Ada", Refused::kNo},
+    {"Password33WideCharacters", WidePassword(33), "Ada", Refused::kPassword},
+    {"FullName1", "secret 1", "A", Refused::kFullName},
+    {"FullName2", "secret 1", "Al", Refused::kNo},
+    {"FullName256", "secret 1", std::string(256, 'n'), Refused::kNo},
+    {"FullName257", "secret 1", std::string(257, 'n'), Refused::kFullName},
+    {"FullNameOneWideCharacter", "secret 1", WideName(1), Refused::kNo},
+    {"FullName64WideCharacters", "secret 1", WideName(64), Refused::kNo},
+    {"FullName129WideCharacters", "secret 1", WideName(129), Refused::kFullName},
+    {"PasswordBeforeFullName", "12345", "A", Refused::kPassword},
+};
+
+Json::Value LengthParams(const LengthCase& c, bool v2) {
+  Json::Value params = J(R"({"account": "ada@example.com"})");
+  params["password"] = c.password;
+  params["fullname"] = c.fullName;
+  if (v2) params["critical_release"] = false;
+  return params;
+}
+
+std::vector<Line> LengthLines(const LengthCase& c) {
+  if (c.refused == Refused::kPassword)
+    return {LogLine("RegisterLengthsValid", "pellix passowrd length is invaild: %zd", ssize_t(c.password.size()))};
+  if (c.refused == Refused::kFullName)
+    return {LogLine("RegisterLengthsValid", "pellix fullname length is invaild: %s %zd", c.fullName.c_str(),
+                    ssize_t(c.fullName.size()))};
+  return {};
+}
+
+TEST_F(RegisterTest, LengthsCountBytes) {
+  size_t sent = 0;
+  for (const LengthCase& c : kLengths) {
+    SCOPED_TRACE(c.name);
+    const bool refused = c.refused != Refused::kNo;
+    ExpectAnswer(Register(LengthParams(c, false)), refused ? 3001 : 0);
+    if (!refused) ++sent;
+    EXPECT_EQ(server().Requests().size(), sent);
+    EXPECT_EQ(Logged(), LengthLines(c));
+  }
+}
+
+TEST_F(ModuleTest, RegisterV2LengthsCountBytes) {
+  ON_CALL(backend_, Register).WillByDefault(Return(Outcome{0, 0}));
+  for (const LengthCase& c : kLengths) {
+    SCOPED_TRACE(c.name);
+    talvseam::ClearJournal();
+    const bool refused = c.refused != Refused::kNo;
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", LengthParams(c, true));
+    EXPECT_EQ(a.code, refused ? 3001 : 0);
+    EXPECT_EQ(talvseam::JournalOf("TALVPELLIXAccountRegister").size(), refused ? 0u : 1u);
+    EXPECT_EQ(Logged(), LengthLines(c));
+  }
+}
+
+// --- Version 2 ---
+
+const char kV2Request[] =
+    R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace", "critical_release": true})";
+
+struct V2Case {
+  const char* name;
+  const char* params;
+  Outcome registered;              // left by the library's registration
+  std::vector<std::string> flags;  // critical_release, enews, enews_local_promotion, country as passed
+  int code;                        // 0: success
+  bool failedLine;
+};
+
+const V2Case kV2Cases[] = {
+    {"CriticalRelease", kV2Request, {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
+    {"EnewsSecond",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": false, "enews": true})",
+           {0, 0}, {"false", "true", "false", "(null)"}, 0, false},
+    {"LocalPromotionThird",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": false, "enews_local_promotion": true})",
+           {0, 0}, {"false", "false", "true", "(null)"}, 0, false},
+    {"EmptyCountryIsNull",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": true, "country": ""})",
+           {0, 0}, {"true", "false", "false", "(null)"}, 0, false},
+    {"CountryPassedOn",
+           R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace",
+               "critical_release": true, "country": "NL"})",
+           {0, 0}, {"true", "false", "false", "NL"}, 0, false},
+    {"FailedWithErrorZeroIsASuccess", kV2Request, {-1, 0}, {"true", "false", "false", "(null)"}, 0, true},
+    {"FailedWithError16", kV2Request, {-1, 16}, {"true", "false", "false", "(null)"}, 3005, true},
+    {"ErrorNumberDecides", kV2Request, {0, 16}, {"true", "false", "false", "(null)"}, 3005, false},
+};
+
+TEST_F(ModuleTest, RegisterV2RegistersThroughTheLibrary) {
+  for (const V2Case& c : kV2Cases) {
+    SCOPED_TRACE(c.name);
+    talvseam::ClearJournal();
+    ON_CALL(backend_, Register).WillByDefault(Return(c.registered));
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(c.params));
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_EQ(a.success, c.code == 0);
+    EXPECT_EQ(a.code, c.code);
+    EXPECT_EQ(a.data, Json::Value(Json::objectValue)) << a.data;
+    std::vector<talvseam::Call> calls = talvseam::JournalOf("TALVPELLIXAccountRegister");
+    ASSERT_EQ(calls.size(), 1u);
+    std::vector<std::string> args = {"ada@example.com", "secret 1", "Ada Lovelace"};
+    args.insert(args.end(), c.flags.begin(), c.flags.end());
+    EXPECT_EQ(calls[0].args, args);
+    std::vector<Line> expected;
+    if (c.failedLine)
+      expected.push_back(LogLine("Register_v2", "TALVPELLIXAccountRegister failed, email=%s, full_name=%s",
+                                 "ada@example.com", "Ada Lovelace"));
+    EXPECT_EQ(Logged(), expected);
+  }
+}
+
+TEST_F(ModuleTest, RegisterV2RefusesWhileSignedIn) {
+  EXPECT_CALL(backend_, QueryInfo(_, true, true))
+      .WillOnce(DoAll(SetArgReferee<0>(J(kSignedIn)), Return(Outcome{0, 0})));
+  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(kV2Request));
+  EXPECT_EQ(a.code, 3010);
+  EXPECT_EQ(a.data, J(R"({"account": "bound@example.com", "auth_key": "k-1", "activated": true})")) << a.data;
+  EXPECT_TRUE(talvseam::JournalOf("TALVPELLIXAccountRegister").empty());
+  EXPECT_EQ(Logged(),
+            std::vector<Line>{LogLine("RefuseWhileSignedIn", "Already logged in a Pellix account: %s. %s aborted.",
+                                      "bound@example.com", "Register")});
+}
+
+// Missing parameters and bad lengths are answered before anyone asks the
+// library whether an account is signed in.
+TEST_F(ModuleTest, RegisterV2ChecksParametersFirst) {
+  ON_CALL(backend_, QueryInfo(_, true, true))
+      .WillByDefault(DoAll(SetArgReferee<0>(J(kSignedIn)), Return(Outcome{0, 0})));
+  const struct {
+    const char* params;
+    std::vector<Line> logged;
+  } cases[] = {
+      {R"({"password": "secret 1", "fullname": "Ada", "critical_release": true})", {InvalidParameter("Register_v2")}},
+      {R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada"})",
+       {InvalidParameter("Register_v2")}},
+      {R"({"account": "ada@example.com", "password": "12345", "fullname": "Ada", "critical_release": true})",
+       {LogLine("RegisterLengthsValid", "pellix passowrd length is invaild: %zd", ssize_t{5})}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.params);
+    webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "register", J(c.params));
+    EXPECT_EQ(a.code, 3001);
+    EXPECT_EQ(a.data, Json::Value(Json::objectValue)) << a.data;
+    EXPECT_EQ(Logged(), c.logged);
+  }
+  EXPECT_TRUE(talvseam::JournalOf("TALVPELLIXAccountQueryInfo").empty());
+  EXPECT_TRUE(talvseam::JournalOf("TALVPELLIXAccountRegister").empty());
+}
+
+}  // namespace
+}  // namespace pellixtest

@@ -1,0 +1,70 @@
+#include "local_service.h"
+
+#include <dlfcn.h>
+
+#include "sdk/device.h"
+#include "seam/seam.h"
+#include "talv/tlibc.h"
+
+namespace pellixtest {
+
+const char kDeviceSerial[] = "Q21CA00042";
+const char kDeviceToken[] = "34f95f866f79350412fb710e70734910";
+const char kUserAgent[] = "Talvane-TS-464-20261101";
+const char kTokenX1[] = "b872b9c1b967c03e8c14ba8d0f4259cc";
+
+namespace {
+
+template <typename F>
+void Find(void* module, const char* name, F* function) {
+  *function = reinterpret_cast<F>(dlsym(module, name));
+  ASSERT_NE(*function, nullptr) << name << " is not exported";
+}
+
+}  // namespace
+
+void FailOnce(const char* op, int after) { talvseam::InjectFault(op, after, false, 0); }
+
+void LocalServiceTest::SetUp() {
+  ModuleTest::SetUp();
+  void* handle = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
+  ASSERT_NE(handle, nullptr) << dlerror();
+  Find(handle, "HttpsRequestSend", &HttpsRequestSend);
+  Find(handle, "HttpsResponseFree", &HttpsResponseFree);
+  Find(handle, "PellixAccountRegister", &PellixAccountRegister);
+  dlclose(handle);  // the fixture's own load keeps it
+  if (HasFatalFailure()) return;
+
+  sysroot_.reset(new Sysroot());
+  server_.reset(new HttpsServer(TestIdentities().trusted));
+  ResetDevice();
+}
+
+void LocalServiceTest::ResetDevice() {
+  talvseam::ClearFaults();
+  talvsdk::SetDevice(nullptr);
+  sysroot_->Write("/etc.defaults/VERSION", "majorversion=\"5\"\nbuildnumber=\"20261101\"\n");
+  sysroot_->Write("/etc.defaults/talvinfo.conf", std::string("upnpmodelname=TS-464\nserial=") + kDeviceSerial + "\n");
+  sysroot_->Write("/etc/talvinfo.conf", "language=ger\ntimezone=Amsterdam\n");
+  ConfigureHost(server_->Address());
+  // Lines that end in the error state read what the module left there.
+  TLIBCErrSetEx(TLIBC_ERR_NONE, "", 0);
+}
+
+void LocalServiceTest::TearDown() {
+  server_.reset();
+  sysroot_.reset();
+  ModuleTest::TearDown();
+}
+
+void LocalServiceTest::ConfigureHost(const std::string& host) {
+  sysroot_->Write("/usr/talv/etc/talvrelayd/talvrelayd.conf",
+                  "[relay]\nenabled = 1\n\n[pellix]\nhost = " + host + "\n");
+}
+
+void TrustedServiceTest::SetUp() {
+  if (!TrustProblem().empty()) GTEST_SKIP() << "no trusted namespace for the local HTTPS service: " << TrustProblem();
+  LocalServiceTest::SetUp();
+}
+
+}  // namespace pellixtest

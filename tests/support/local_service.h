@@ -1,0 +1,61 @@
+// Fixtures for the module's own HTTPS conversation: a development device's
+// files under a fresh sysroot, the account service on 127.0.0.1, and the
+// module's exported form-post and registration functions.
+#pragma once
+
+#include <memory>
+
+#include "account_register.h"
+#include "https_request.h"
+#include "support/https_server.h"
+#include "support/module_test.h"
+#include "support/sysroot.h"
+
+namespace pellixtest {
+
+// What the device's files say, and what follows from them.
+extern const char kDeviceSerial[];  // /etc.defaults/talvinfo.conf
+extern const char kDeviceToken[];   // the cloud library's token for kDeviceSerial
+extern const char kUserAgent[];     // model name and build number
+extern const char kTokenX1[];       // the cloud library's token for the serial "X1"
+
+// The platform error state as it is now, for lines that end in "[0x%04X %s:%d]".
+struct ErrorState {
+  int code = TLIBCErrGet();
+  std::string file = TLIBCErrorGetFile();
+  int line = TLIBCErrorGetLine();
+};
+
+// Platform operation `op` fails once, on its (after+1)-th call from now.
+void FailOnce(const char* op, int after = 0);
+
+class LocalServiceTest : public ModuleTest {
+ protected:
+  void SetUp() override;
+  void TearDown() override;
+
+  Sysroot& sysroot() { return *sysroot_; }
+  HttpsServer& server() { return *server_; }
+  // The service's host is the relay configuration's account-service host.
+  void ConfigureHost(const std::string& host);
+  // Back to the device of the test's start, for the next case of a table:
+  // its files and host, no faults, the SDK's own device, a clear error state.
+  void ResetDevice();
+
+  int (*HttpsRequestSend)(const HttpsRequest*, HttpsResponse*) = nullptr;
+  void (*HttpsResponseFree)(HttpsResponse*) = nullptr;
+  int (*PellixAccountRegister)(const AccountRegisterInfo*, HttpsResponse*) = nullptr;
+
+ private:
+  std::unique_ptr<Sysroot> sysroot_;
+  std::unique_ptr<HttpsServer> server_;
+};
+
+// For tests whose client must trust the server: skipped, saying why, where the
+// trusted namespace cannot be made.
+class TrustedServiceTest : public LocalServiceTest {
+ protected:
+  void SetUp() override;
+};
+
+}  // namespace pellixtest
