@@ -265,6 +265,68 @@ TEST_F(ServeTest, AccountPhpAndPkceSignIn) {
   });
 }
 
+// Both registrations reach the same accounts: version 2 through the device's
+// library, version 1 by the module's own HTTPS form post to account.php.
+TEST_F(ServeTest, RegistrationByBothVersions) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  const std::string ada = R"({"account":"ada@example.com","password":"secret1","fullname":"Ada Lovelace",
+                              "critical_release":true})";
+  Run({
+      {"version 2 signs the device in", kCenter, 2, "register", ada, R"({"success":true,"data":{}})"},
+      {"signed in with it", kCenter, 2, "query", "{}",
+       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true,
+           "critical_version_domain":"critical.pellix.example","is_logged_in":true}})"},
+      {"not over a signed-in account", kCenter, 2, "register",
+       R"({"account":"bob@example.com","password":"secret1","fullname":"Bob","critical_release":false})",
+       R"({"success":false,"error":{"code":3010,"details":{"account":"ada@example.com","auth_key":"<any>",
+           "activated":true}}})"},
+      {"sign out", kCenter, 2, "logout", "{}", R"({"success":true,"data":null})"},
+      {"version 2, address taken", kCenter, 2, "register", ada,
+       R"({"success":false,"error":{"code":3005,"details":{}}})"},
+      {"version 1, address taken", kCenter, 1, "register",
+       R"({"account":"ADA@example.com","password":"secret1","fullname":"Ada L"})",
+       R"({"success":false,"error":{"code":3005,"details":null}})"},
+      {"version 1 creates the account", kCenter, 1, "register",
+       R"({"account":"carol@example.com","password":"secret3","fullname":"Carol C"})",
+       R"({"success":true,"data":null})"},
+      {"and does not sign in", kCenter, 2, "query", "{}", kSignedOut},
+      {"the account signs in", kCenter, 2, "login", R"({"account":"carol@example.com","password":"secret3"})",
+       R"({"success":true,"data":{"account":"carol@example.com","auth_key":"<any>","activated":true}})"},
+  });
+}
+
+// What serve prints at start works as shown, pasted into a shell in order.
+TEST_F(ServeTest, AnnouncedCurlLinesWork) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  const std::string& text = host_->announcement();
+  const char* expected[] = {
+      R"({"success":true,"data":{"is_logged_in":false}})",
+      R"({"success":true,"data":{}})",
+      R"({"success":true,"data":{"full_name":"Ada Lovelace","email":"ada@example.com","country":"",
+          "notify_language":"enu","enews":false,"critical_release":true,"enews_local_promotion":false,
+          "critical_version_list":"","critical_version_domain":"critical.pellix.example"}})",
+      R"({"success":true,"data":null})",
+      R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})",
+  };
+  size_t n = 0;
+  for (size_t at = 0; (at = text.find("\n  curl ", at)) != std::string::npos; ++n) {
+    const std::string line = text.substr(at + 3, text.find('\n', at + 1) - at - 3);
+    at += 1;
+    ASSERT_LT(n, std::size(expected)) << line;
+    std::string out;
+    EXPECT_EQ(RunCommand(line, &out), 0) << line;
+    EXPECT_TRUE(Matches(J(expected[n]), J(out))) << line << "\n" << out;
+  }
+  EXPECT_EQ(n, std::size(expected));
+}
+
+TEST(Demo, Completes) {
+  std::string out, err;
+  EXPECT_EQ(RunCommand("'" WEBAPI_HOST "' demo", &out, &err), 0) << out << err;
+  EXPECT_NE(out.find("Every step answered as expected."), std::string::npos) << out;
+  EXPECT_EQ(out.find("NOT AS EXPECTED"), std::string::npos) << out;
+}
+
 TEST_F(ServeTest, StateSurvivesRestartAndKill) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Register("ada@example.com", "secret1");
