@@ -3,6 +3,8 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <fstream>
+#include <iterator>
 #include <thread>
 
 #include "account_php.h"
@@ -60,7 +62,9 @@ int Serve(const ServeOptions& o) {
     return 1;
   }
   std::string untrusted;
-  if (!TrustAuthority(state.service + "/ca.pem", state.service + "/ca-bundle.crt", &untrusted))
+  std::ifstream caPem(state.service + "/ca.pem");
+  const std::string ca((std::istreambuf_iterator<char>(caPem)), std::istreambuf_iterator<char>());
+  if (!TrustAuthorities(ca, state.service + "/ca-bundle.crt", &untrusted))
     std::fprintf(stderr,
                  "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
                  "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "

@@ -1,6 +1,6 @@
 #include "trust.h"
 
-#include <fcntl.h>
+#include <curl/curl.h>
 #include <sched.h>
 #include <sys/mount.h>
 #include <unistd.h>
@@ -11,75 +11,68 @@
 #include <sstream>
 
 namespace webapihost {
-
-const char kSystemBundle[] = "/etc/ssl/certs/ca-certificates.crt";
-
 namespace {
 
-std::string Slurp(const std::string& path, bool* ok) {
-  std::ifstream in(path);
-  std::stringstream text;
-  text << in.rdbuf();
-  *ok = static_cast<bool>(in);
-  return text.str();
-}
-
-bool WriteProc(const char* path, const std::string& text) {
-  int fd = open(path, O_WRONLY);
-  if (fd < 0) return false;
-  bool ok = write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  close(fd);
-  return ok;
+bool WriteFile(const std::string& path, const std::string& content) {
+  std::ofstream out(path, std::ios::binary | std::ios::trunc);
+  out << content;
+  return static_cast<bool>(out.flush());
 }
 
 std::string Failure(const std::string& what) { return what + ": " + std::strerror(errno); }
 
+// Without the right to make a mount namespace: a user namespace of our own,
+// mapped to the same ids so that files keep their owners, in which we may.
+bool EnterUserAndMountNamespace(std::string* why) {
+  const uid_t uid = getuid();
+  const gid_t gid = getgid();
+  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
+    *why = Failure("neither a mount namespace nor a user namespace can be made");
+    return false;
+  }
+  if (!WriteFile("/proc/self/setgroups", "deny") ||
+      !WriteFile("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1\n") ||
+      !WriteFile("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1\n")) {
+    *why = "cannot map ids in the user namespace";
+    return false;
+  }
+  return true;
+}
+
 }  // namespace
 
-bool TrustAuthority(const std::string& caPem, const std::string& bundle, std::string* why) {
-  bool readSystem = false, readCa = false;
-  const std::string system = Slurp(kSystemBundle, &readSystem);
-  const std::string ca = Slurp(caPem, &readCa);
-  if (!readSystem || !readCa) {
-    *why = std::string("cannot read ") + (readSystem ? caPem : kSystemBundle);
+std::string SystemBundle() {
+  CURL* curl = curl_easy_init();
+  char* path = nullptr;
+  if (curl) curl_easy_getinfo(curl, CURLINFO_CAINFO, &path);
+  std::string bundle = path ? path : "";
+  if (curl) curl_easy_cleanup(curl);
+  return bundle;
+}
+
+bool TrustAuthorities(const std::string& pems, const std::string& bundle, std::string* why) {
+  const std::string system = SystemBundle();
+  if (system.empty()) {
+    *why = "libcurl names no default CA bundle";
     return false;
   }
-  {
-    std::ofstream out(bundle, std::ios::trunc);
-    out << system << (system.empty() || system.back() == '\n' ? "" : "\n") << ca;
-    if (!out.flush()) {
-      *why = "cannot write " + bundle;
-      return false;
-    }
-  }
-  const uid_t uid = geteuid();
-  const gid_t gid = getegid();
-  if (uid == 0) {
-    if (unshare(CLONE_NEWNS) != 0) {
-      *why = Failure("unshare(CLONE_NEWNS)");
-      return false;
-    }
-  } else {
-    // Root of a user namespace of its own, mapped to the same ids, so that
-    // files keep their owners.
-    if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-      *why = Failure("unshare(CLONE_NEWUSER | CLONE_NEWNS)");
-      return false;
-    }
-    if (!WriteProc("/proc/self/setgroups", "deny") ||
-        !WriteProc("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1") ||
-        !WriteProc("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1")) {
-      *why = Failure("mapping the user namespace");
-      return false;
-    }
-  }
-  // Private first, so that the bind below does not reach the host's mounts.
-  if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
-    *why = Failure("making mounts private");
+  std::ifstream in(system, std::ios::binary);
+  std::stringstream authorities;
+  authorities << in.rdbuf();
+  if (!in || !WriteFile(bundle, authorities.str() + "\n" + pems)) {
+    *why = "cannot copy " + system + " into " + bundle;
     return false;
   }
-  if (mount(bundle.c_str(), kSystemBundle, nullptr, MS_BIND, nullptr) != 0) {
-    *why = Failure(std::string("binding ") + bundle + " over " + kSystemBundle);
+  if (unshare(CLONE_NEWNS) != 0 && !EnterUserAndMountNamespace(why)) return false;
+  // Private first, so that the bind does not reach the machine's mounts.
+  // Source and type mean nothing to these two mounts; "none" keeps memcheck
+  // from reading them as missing.
+  if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
+    *why = Failure("cannot make the mounts private");
+    return false;
+  }
+  if (mount(bundle.c_str(), system.c_str(), "none", MS_BIND, nullptr) != 0) {
+    *why = Failure("cannot bind " + bundle + " over " + system);
     return false;
   }
   return true;

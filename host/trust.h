@@ -1,20 +1,21 @@
-// Makes this process trust the simulated account service the way the device
-// trusts the real one: through the system's trust store.
+// Makes a process trust an authority the way the device trusts the real
+// account service: through the system's trust store, which libcurl reads.
 #pragma once
 
 #include <string>
 
 namespace webapihost {
 
-// The system's bundle of trusted authorities, as libcurl reads it.
-extern const char kSystemBundle[];
+// The CA bundle libcurl reads when a transfer names none (CURLINFO_CAINFO);
+// "" when it names none.
+std::string SystemBundle();
 
-// Writes `bundle`: the system's authorities and `caPem`, then enters a private
-// mount namespace (with a user namespace of its own when not root) and binds
-// `bundle` over kSystemBundle there, so that the change is seen by this
-// process only. Must run while the process has a single thread. False with
-// *why when the system refuses; the files this process sees are then
-// unchanged.
-bool TrustAuthority(const std::string& caPem, const std::string& bundle, std::string* why);
+// Makes this process, and it alone, trust `pems` (PEM certificates) besides
+// the system's authorities: writes both into the file `bundle`, enters a
+// private mount namespace (or, where that is refused, a user namespace of its
+// own with one) and binds `bundle` over SystemBundle() there. Must run while
+// the process has a single thread. False with *why when the system refuses;
+// the files this process sees are then unchanged.
+bool TrustAuthorities(const std::string& pems, const std::string& bundle, std::string* why);
 
 }  // namespace webapihost

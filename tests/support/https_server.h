@@ -48,8 +48,6 @@ const Identities& TestIdentities();
 void EnterTrustedNamespace();
 // Empty when the namespace is in place; otherwise why it could not be made.
 const std::string& TrustProblem();
-// The CA bundle libcurl reads when the caller names none.
-std::string CurlDefaultBundle();
 
 struct Reply {
   int status;
