@@ -23,6 +23,7 @@ cmake --build --preset fuzz -j "$jobs"
 ctest --preset fuzz -j "$jobs"
 
 bash scripts/coverage.sh
+bash scripts/analyze.sh
 
 cmake --preset default >/dev/null
 cmake --build --preset default -j "$jobs"
