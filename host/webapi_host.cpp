@@ -2,10 +2,13 @@
 //
 //   webapi-host [--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS]
 //   webapi-host [--module PATH] list
+//   webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N]
+//   webapi-host [--module PATH] demo
 //
-// Prints the answer envelope on stdout and the module's log lines on stderr.
-// Exit status: 0 success answer, 1 error answer, 2 bad invocation or no such
-// method, 3 the module cannot be loaded.
+// `call` prints the answer envelope on stdout and the module's log lines on
+// stderr. Exit status: 0 success answer, 1 error answer, 2 bad invocation or
+// no such method, 3 the module cannot be loaded. `serve` and `demo`: see
+// serve.h.
 #include <json/reader.h>
 #include <unistd.h>
 
@@ -18,30 +21,43 @@
 #include <vector>
 
 #include "harness.h"
+#include "serve.h"
+#include "state.h"
 #include "syslog_capture.h"
 
 namespace {
 
 const char kUsage[] =
     "usage: webapi-host [--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS_JSON]\n"
-    "       webapi-host [--module PATH] list\n";
+    "       webapi-host [--module PATH] list\n"
+    "       webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N]\n"
+    "       webapi-host [--module PATH] demo\n";
 
 int Usage(const std::string& problem) {
   std::cerr << "webapi-host: " << problem << "\n" << kUsage;
   return 2;
 }
 
-// The module built beside this program, unless PELLIXCENTER_SO names another.
-std::string DefaultModule() {
-  if (const char* env = std::getenv("PELLIXCENTER_SO")) return env;
+// The module built beside this program, or installed where the packages put
+// it, unless PELLIXCENTER_SO names another.
+std::string Self() {
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
-  if (n <= 0) return "pellixcenter.so";
-  std::string dir(self, static_cast<size_t>(n));
-  return dir.substr(0, dir.rfind('/') + 1) + "pellixcenter.so";
+  return n > 0 ? std::string(self, static_cast<size_t>(n)) : "webapi-host";
 }
 
-bool ParseVersion(const std::string& text, int* version) {
+std::string DefaultModule() {
+  if (const char* env = std::getenv("PELLIXCENTER_SO")) return env;
+  std::string self = Self();
+  const std::string dir = self.substr(0, self.rfind('/') + 1);
+  const std::string beside = dir + "pellixcenter.so";
+#ifdef PELLIX_INSTALLED_MODULE
+  if (access(beside.c_str(), F_OK) != 0) return dir + PELLIX_INSTALLED_MODULE;
+#endif
+  return beside;
+}
+
+bool ParseInt(const std::string& text, int* version) {
   errno = 0;
   char* end = nullptr;
   long v = std::strtol(text.c_str(), &end, 10);
@@ -73,6 +89,28 @@ int main(int argc, char** argv) {
   }
   if (i >= args.size()) return Usage("no command");
   const std::string command = args[i++];
+  if (command == "serve") {
+    webapihost::ServeOptions options;
+    options.module = modulePath;
+    options.language = language;
+    options.state = webapihost::DefaultStateDir();
+    for (; i < args.size(); ++i) {
+      if (i + 1 >= args.size()) return Usage(args[i] + " needs a value");
+      if (args[i] == "--state") {
+        options.state = args[++i];
+      } else if (args[i] == "--port") {
+        if (!ParseInt(args[++i], &options.port) || options.port < 0 || options.port > 65535)
+          return Usage("--port takes a port number, not \"" + args[i] + "\"");
+      } else {
+        return Usage("unknown serve option " + args[i]);
+      }
+    }
+    return webapihost::Serve(options);
+  }
+  if (command == "demo") {
+    if (i != args.size()) return Usage("demo takes no arguments");
+    return webapihost::Demo(Self(), modulePath, stdout);
+  }
   if (command != "call" && command != "list") return Usage("unknown command " + command);
   if (command == "call" && (args.size() - i < 3 || args.size() - i > 4))
     return Usage("call takes API VERSION METHOD [PARAMS_JSON]");
@@ -94,7 +132,7 @@ int main(int argc, char** argv) {
 
   const std::string api = args[i];
   int version = 0;
-  if (!ParseVersion(args[i + 1], &version)) return Usage("VERSION must be an integer, not \"" + args[i + 1] + "\"");
+  if (!ParseInt(args[i + 1], &version)) return Usage("VERSION must be an integer, not \"" + args[i + 1] + "\"");
   const std::string method = args[i + 2];
   Json::Value params(Json::objectValue);
   if (i + 3 < args.size()) {

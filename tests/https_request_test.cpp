@@ -7,6 +7,7 @@
 
 #include "support/curl_faults.h"
 #include "support/local_service.h"
+#include "trust.h"
 
 namespace pellixtest {
 namespace {
@@ -320,7 +321,7 @@ TEST_F(HttpsTest, ServerOutsideTheTrustStoreIsRefused) {
 
 // In the bundle, a certificate still has to name the host it serves.
 TEST_F(TrustedServiceTest, BundleVouchesForAServerOnlyUnderItsOwnName) {
-  EXPECT_EQ(CurlDefaultBundle(), "/etc/ssl/certs/ca-certificates.crt");
+  EXPECT_EQ(webapihost::SystemBundle(), "/etc/ssl/certs/ca-certificates.crt");
   HttpsServer misnamed(TestIdentities().misnamed);
   FieldHash fields(kRegister);
   const struct {

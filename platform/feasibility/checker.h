@@ -41,6 +41,25 @@ class ScriptedChecker : public Checker {
   std::map<int, Verdict> verdicts_;
 };
 
+// Reads the refusal reasons of the account sign-out afresh on every check
+// from a text file, so that they can be changed while the host runs:
+//
+//   # a comment
+//   hard = A backup to the cloud is running
+//   soft = The cloud drive is mounted
+//
+// Each line gives one reason of its grade; a grade with reasons refuses. No
+// file: every grade is feasible. A line of another form makes the check fail
+// (the core library's error state TLIBC_ERR_FILE).
+class ReasonsFileChecker : public Checker {
+ public:
+  explicit ReasonsFileChecker(std::string path) : path_(std::move(path)) {}
+  Verdict Check(int item, int type) override;
+
+ private:
+  std::string path_;
+};
+
 Checker* DefaultChecker();
 // Installs `checker` (not owned); nullptr restores the default.
 void SetChecker(Checker* checker);

@@ -1,5 +1,7 @@
 // The platform's feasibility check.
 
+#include <fstream>
+
 #include "checker.h"
 #include "seam/seam.h"
 #include "talv/feasibility.h"
@@ -17,6 +19,32 @@ class AlwaysFeasible : public Checker {
 }  // namespace
 
 Checker::~Checker() = default;
+
+Verdict ReasonsFileChecker::Check(int item, int type) {
+  Verdict verdict;
+  std::ifstream in(path_);
+  if (!in || item != FEASIBILITY_ITEM_ACCOUNT_LOGOUT) return verdict;
+  const char* grade = type == FEASIBILITY_CHECK_HARD ? "hard" : type == FEASIBILITY_CHECK_SOFT ? "soft" : "";
+  auto trim = [](const std::string& s) {
+    size_t b = s.find_first_not_of(" \t\r");
+    return b == std::string::npos ? std::string() : s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
+  };
+  for (std::string line; std::getline(in, line);) {
+    line = trim(line);
+    if (line.empty() || line[0] == '#') continue;
+    size_t eq = line.find('=');
+    std::string key = eq == std::string::npos ? "" : trim(line.substr(0, eq));
+    if (key != "hard" && key != "soft") {
+      verdict.result = -1;
+      verdict.error = TLIBC_ERR_FILE;
+      verdict.reasons.clear();
+      return verdict;
+    }
+    if (key == grade) verdict.reasons.push_back(trim(line.substr(eq + 1)));
+  }
+  verdict.result = verdict.reasons.empty() ? 0 : 1;
+  return verdict;
+}
 Checker* DefaultChecker() {
   static AlwaysFeasible checker;
   return &checker;

@@ -1,20 +1,18 @@
 #include "tls_trust.h"
 
-#include <curl/curl.h>
 #include <openssl/bn.h>
 #include <openssl/ec.h>
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
-#include <sched.h>
-#include <sys/mount.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
-#include <fstream>
+
+#include "trust.h"
 
 namespace pellixtest {
 namespace {
@@ -31,51 +29,6 @@ void AddExtension(X509* cert, X509V3_CTX* ctx, int nid, const std::string& value
 }
 
 std::string g_trustProblem = "the trusted namespace was never entered";
-
-bool WriteFile(const std::string& path, const std::string& content) {
-  std::ofstream out(path, std::ios::binary);
-  out << content;
-  return static_cast<bool>(out.flush());
-}
-
-// Without root: a user namespace of our own, in which we may mount.
-bool EnterUserAndMountNamespace(std::string* problem) {
-  const uid_t uid = getuid();
-  const gid_t gid = getgid();
-  if (unshare(CLONE_NEWUSER | CLONE_NEWNS) != 0) {
-    *problem = std::string("neither a mount namespace nor a user namespace can be made: ") + std::strerror(errno);
-    return false;
-  }
-  if (!WriteFile("/proc/self/setgroups", "deny") ||
-      !WriteFile("/proc/self/uid_map", std::to_string(uid) + " " + std::to_string(uid) + " 1\n") ||
-      !WriteFile("/proc/self/gid_map", std::to_string(gid) + " " + std::to_string(gid) + " 1\n")) {
-    *problem = "cannot map ids in the user namespace";
-    return false;
-  }
-  return true;
-}
-
-bool BindBundle(const std::string& bundle, const std::string& content, std::string* problem) {
-  // Source and type mean nothing to these two mounts; "none" keeps
-  // memcheck from reading them as missing.
-  if (mount("none", "/", "none", MS_REC | MS_PRIVATE, nullptr) != 0) {
-    *problem = std::string("cannot make the mounts private: ") + std::strerror(errno);
-    return false;
-  }
-  char dir[] = "/tmp/pellix-trust-XXXXXX";
-  if (!mkdtemp(dir)) {
-    *problem = std::string("cannot make a folder for the bundle: ") + std::strerror(errno);
-    return false;
-  }
-  const std::string file = std::string(dir) + "/ca-certificates.crt";
-  bool bound = WriteFile(file, content) && mount(file.c_str(), bundle.c_str(), "none", MS_BIND, nullptr) == 0;
-  const int error = errno;
-  // The mount keeps the file alive; nothing needs to stay behind in /tmp.
-  unlink(file.c_str());
-  rmdir(dir);
-  if (!bound) *problem = "cannot bind the bundle over " + bundle + ": " + std::strerror(error);
-  return bound;
-}
 
 }  // namespace
 
@@ -129,35 +82,24 @@ const Identities& TestIdentities() {
   return identities;
 }
 
-std::string CurlDefaultBundle() {
-  CURL* curl = curl_easy_init();
-  char* path = nullptr;
-  if (curl) curl_easy_getinfo(curl, CURLINFO_CAINFO, &path);
-  std::string bundle = path ? path : "";
-  if (curl) curl_easy_cleanup(curl);
-  return bundle;
-}
-
 // Only the test's own identities: the machine's 140-odd CAs would have
 // libcurl parse them again for every handle, 25 ms a transfer, and no test
 // talks to anything they vouch for.
 void EnterTrustedNamespace() {
   const Identities& ids = TestIdentities();
-  const std::string bundle = CurlDefaultBundle();
-  if (bundle.empty()) {
-    g_trustProblem = "libcurl names no default CA bundle";
+  char dir[] = "/tmp/pellix-trust-XXXXXX";
+  if (!mkdtemp(dir)) {
+    g_trustProblem = std::string("cannot make a folder for the bundle: ") + std::strerror(errno);
     return;
   }
+  const std::string file = std::string(dir) + "/ca-certificates.crt";
   std::string problem;
-  if (unshare(CLONE_NEWNS) != 0 && !EnterUserAndMountNamespace(&problem)) {
-    g_trustProblem = problem;
-    return;
-  }
-  if (!BindBundle(bundle, ids.trusted.Pem() + ids.misnamed.Pem() + ids.expired.Pem(), &problem)) {
-    g_trustProblem = problem;
-    return;
-  }
-  g_trustProblem.clear();
+  const bool trusted =
+      webapihost::TrustAuthorities(ids.trusted.Pem() + ids.misnamed.Pem() + ids.expired.Pem(), file, &problem, true);
+  // The mount keeps the file alive; nothing needs to stay behind in /tmp.
+  unlink(file.c_str());
+  rmdir(dir);
+  g_trustProblem = trusted ? "" : problem;
 }
 
 const std::string& TrustProblem() { return g_trustProblem; }

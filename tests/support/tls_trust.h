@@ -41,12 +41,10 @@ const Identities& TestIdentities();
 // Call first in main() (or LLVMFuzzerInitialize), while the process has one
 // thread: makes the identities and moves the process into a private mount
 // namespace whose CA bundle (the file libcurl reads by default) holds the
-// trusted test identities and nothing else. Nothing outside the process sees
-// the change.
+// trusted test identities and nothing else (host/trust.h). Nothing outside
+// the process sees the change.
 void EnterTrustedNamespace();
 // Empty when the namespace is in place; otherwise why it could not be made.
 const std::string& TrustProblem();
-// The CA bundle libcurl reads when the caller names none.
-std::string CurlDefaultBundle();
 
 }  // namespace pellixtest

@@ -1,0 +1,116 @@
+#include "client.h"
+
+#include <fcntl.h>
+#include <httplib.h>
+#include <json/reader.h>
+#include <json/writer.h>
+#include <poll.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace webapihost {
+
+TempDir::TempDir() {
+  char dir[] = "/tmp/webapi-host-XXXXXX";
+  path_ = mkdtemp(dir) ? dir : "";
+}
+TempDir::~TempDir() {
+  std::error_code ec;
+  if (!path_.empty()) std::filesystem::remove_all(path_, ec);
+}
+
+ServeProcess::ServeProcess(const std::string& program, const std::string& module, const std::string& state,
+                           const std::string& log)
+    : log_(log) {
+  int out[2];
+  if (pipe(out) != 0) return;
+  pid_ = fork();
+  if (pid_ == 0) {
+    dup2(out[1], STDOUT_FILENO);
+    int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    dup2(fd, STDERR_FILENO);
+    close(out[0]);
+    execl(program.c_str(), "webapi-host", "--module", module.c_str(), "serve", "--state", state.c_str(), "--port",
+          "0", static_cast<char*>(nullptr));
+    _exit(127);
+  }
+  close(out[1]);
+  // The announcement's first line names the URL.
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+  while (announced_.find("Stop with") == std::string::npos && std::chrono::steady_clock::now() < deadline) {
+    pollfd p{out[0], POLLIN, 0};
+    if (poll(&p, 1, 100) <= 0) continue;
+    char buffer[4096];
+    ssize_t n = read(out[0], buffer, sizeof(buffer));
+    if (n <= 0) break;
+    announced_.append(buffer, static_cast<size_t>(n));
+  }
+  close(out[0]);
+  size_t at = announced_.find("http://127.0.0.1:");
+  if (at != std::string::npos) port_ = static_cast<int>(std::strtol(announced_.c_str() + at + 17, nullptr, 10));
+}
+
+ServeProcess::~ServeProcess() {
+  if (pid_ > 0) Stop(SIGKILL);
+}
+
+int ServeProcess::Stop(int signal) {
+  if (pid_ <= 0) return -1;
+  kill(pid_, signal);
+  int status = 0;
+  waitpid(pid_, &status, 0);
+  pid_ = -1;
+  return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
+}
+
+std::string ServeProcess::Log() const {
+  std::ifstream in(log_);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+namespace {
+
+Reply Parse(const httplib::Result& result) {
+  Reply reply;
+  if (!result) return reply;
+  reply.status = result->status;
+  reply.text = result->body;
+  while (!reply.text.empty() && reply.text.back() == '\n') reply.text.pop_back();
+  Json::CharReaderBuilder builder;
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  std::string errors;
+  const std::string& body = result->body;
+  if (!reader->parse(body.data(), body.data() + body.size(), &reply.body, &errors)) reply.body = Json::Value();
+  return reply;
+}
+
+}  // namespace
+
+Reply Entry(int port, const std::string& api, int version, const std::string& method, const Json::Value& params) {
+  Json::Value body = params;
+  body["api"] = api;
+  body["version"] = version;
+  body["method"] = method;
+  Json::StreamWriterBuilder writer;
+  httplib::Client client("127.0.0.1", port);
+  client.set_read_timeout(std::chrono::seconds(60));
+  return Parse(client.Post("/webapi/entry", Json::writeString(writer, body), "application/json"));
+}
+
+Reply PostForm(int port, const std::string& path, const Json::Value& fields) {
+  httplib::Params params;
+  for (const std::string& name : fields.getMemberNames()) params.emplace(name, fields[name].asString());
+  httplib::Client client("127.0.0.1", port);
+  return Parse(client.Post(path, params));
+}
+
+}  // namespace webapihost

@@ -1,0 +1,406 @@
+#include "devhost.h"
+
+#include <httplib.h>
+#include <json/reader.h>
+#include <json/writer.h>
+#include <openssl/rand.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstdlib>
+
+namespace webapihost {
+
+const char kHttpUser[] = "admin";
+const char VerifierApi::kApi[] = "TALV.Remote.Credential.Verifier";
+
+namespace {
+
+constexpr auto kVerifierLifetime = std::chrono::minutes(10);
+
+// The two methods whose privilege guard changes the process's ids.
+bool ChangesIdentity(const Call& call) {
+  return call.api == "TALV.Core.PellixCenter.Login" && call.version == 1 &&
+         (call.method == "pkce_login" || call.method == "pkce_config_get");
+}
+
+Answer HostError(int code, const std::string& reason) {
+  Answer a;
+  a.code = code;
+  a.data = Json::Value(Json::objectValue);
+  a.data["reason"] = reason;
+  return a;
+}
+
+Answer Success(const Json::Value& data) {
+  Answer a;
+  a.found = true;
+  a.success = true;
+  a.answers = 1;
+  a.data = data;
+  return a;
+}
+
+std::string Compact(const Json::Value& value) {
+  Json::StreamWriterBuilder b;
+  b["indentation"] = "";
+  return Json::writeString(b, value);
+}
+
+// Strict JSON: one value, nothing after it, no comments, no repeated keys.
+bool ParseJson(const std::string& text, Json::Value* value, std::string* errors) {
+  Json::CharReaderBuilder builder;
+  Json::CharReaderBuilder::strictMode(&builder.settings_);
+  builder["strictRoot"] = false;  // a field may be true, null or "text"
+  std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
+  return reader->parse(text.data(), text.data() + text.size(), value, errors);
+}
+
+// A field's text as a parameter: JSON for an object, an array, a quoted
+// string, true, false or null; the text itself otherwise, so that a password
+// or a key made of digits stays a string.
+bool FieldValue(const std::string& text, Json::Value* value) {
+  if (text == "true" || text == "false" || text == "null" ||
+      (!text.empty() && (text[0] == '{' || text[0] == '[' || text[0] == '"'))) {
+    std::string errors;
+    return ParseJson(text, value, &errors);
+  }
+  *value = Json::Value(text);
+  return true;
+}
+
+bool Version(const Json::Value& v, int* version) {
+  if (v.isInt()) {
+    *version = v.asInt();
+    return true;
+  }
+  if (!v.isString()) return false;
+  const std::string text = v.asString();
+  errno = 0;
+  char* end = nullptr;
+  long n = std::strtol(text.c_str(), &end, 10);
+  if (text.empty() || *end || errno || n < INT_MIN || n > INT_MAX) return false;
+  *version = static_cast<int>(n);
+  return true;
+}
+
+bool IsJsonBody(const httplib::Request& req) {
+  return req.get_header_value("Content-Type").find("application/json") != std::string::npos;
+}
+
+// Every field of a request by name: query and form fields as text (see
+// FieldValue when `typed`), the members of a JSON body as they are. A name
+// given twice, a field that looks like JSON but is not, or a body that is not
+// a JSON object makes it malformed.
+bool Fields(const httplib::Request& req, bool typed, Json::Value* fields, std::string* problem) {
+  *fields = Json::Value(Json::objectValue);
+  auto add = [&](const std::string& name, const Json::Value& value) {
+    if (fields->isMember(name)) {
+      *problem = "parameter \"" + name + "\" is given twice";
+      return false;
+    }
+    (*fields)[name] = value;
+    return true;
+  };
+  for (const auto& kv : req.params) {
+    Json::Value value(kv.second);
+    if (typed && !FieldValue(kv.second, &value)) {
+      *problem = "parameter \"" + kv.first + "\" looks like JSON but is not: " + kv.second;
+      return false;
+    }
+    if (!add(kv.first, value)) return false;
+  }
+  for (const auto& kv : req.files) {
+    Json::Value value(kv.second.content);
+    if (typed && !FieldValue(kv.second.content, &value)) {
+      *problem = "parameter \"" + kv.first + "\" looks like JSON but is not";
+      return false;
+    }
+    if (!add(kv.first, value)) return false;
+  }
+  if (IsJsonBody(req)) {
+    Json::Value body;
+    std::string errors;
+    if (!ParseJson(req.body, &body, &errors) || !body.isObject()) {
+      *problem = "the body is not a JSON object" + (errors.empty() ? std::string() : ": " + errors);
+      return false;
+    }
+    for (const std::string& name : body.getMemberNames())
+      if (!add(name, body[name])) return false;
+  } else if (!req.body.empty() && req.params.empty() && req.files.empty() &&
+             req.get_header_value("Content-Type").find("application/x-www-form-urlencoded") == std::string::npos) {
+    *problem = "the body must be form fields or a JSON object (Content-Type: application/json)";
+    return false;
+  }
+  return true;
+}
+
+bool Decode(const httplib::Request& req, Call* call, std::string* problem) {
+  Json::Value fields;
+  if (!Fields(req, true, &fields, problem)) return false;
+  const Json::Value api = fields["api"], method = fields["method"], version = fields["version"];
+  if (!api.isString() || api.asString().empty() || !method.isString() || method.asString().empty()) {
+    *problem = "\"api\", \"version\" and \"method\" are required";
+    return false;
+  }
+  if (!Version(version, &call->version)) {
+    *problem = "\"version\" must be an integer, not " + (version.isNull() ? "absent" : Compact(version));
+    return false;
+  }
+  call->api = api.asString();
+  call->method = method.asString();
+  for (const char* name : {"api", "version", "method"}) fields.removeMember(name);
+  call->params = fields;
+  return true;
+}
+
+void Reply(httplib::Response& res, int status, const std::string& body) {
+  res.status = status;
+  res.set_content(body + "\n", "application/json");
+}
+
+}  // namespace
+
+int HttpStatus(const Answer& a) {
+  if (a.found) return a.answers > 0 ? 200 : 500;
+  switch (a.code) {
+    case kErrBadRequest:
+      return 400;
+    case kErrForbidden:
+      return 403;
+    case kErrTooLarge:
+      return 413;
+    case kErrNoSuchApi:
+    case kErrNoSuchMethod:
+    case kErrNoSuchVersion:
+      return 404;
+    default:
+      return 500;
+  }
+}
+
+Answer VerifierApi::Create() {
+  // 48 random bytes make a 64-character verifier of RFC 7636's alphabet.
+  unsigned char bytes[48];
+  if (RAND_bytes(bytes, sizeof(bytes)) != 1) return HostError(kErrUnknown, "no random bytes");
+  static const char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789-_";
+  std::string verifier;
+  for (size_t i = 0; i < sizeof(bytes); i += 3) {
+    uint32_t n = (bytes[i] << 16) | (bytes[i + 1] << 8) | bytes[i + 2];
+    for (int shift = 18; shift >= 0; shift -= 6) verifier += alphabet[(n >> shift) & 63];
+  }
+  const std::string challenge = pellixsim::S256Challenge(verifier);
+  const auto now = std::chrono::steady_clock::now();
+  {
+    std::lock_guard<std::mutex> lock(mu_);
+    for (auto it = byChallenge_.begin(); it != byChallenge_.end();)
+      it = it->second.second <= now ? byChallenge_.erase(it) : std::next(it);
+    byChallenge_[challenge] = {verifier, now + kVerifierLifetime};
+  }
+  Json::Value data;
+  data["challenge"] = challenge;
+  data["code_challenge_method"] = "S256";
+  return Success(data);
+}
+
+Answer VerifierApi::Get(const Json::Value& params, const std::string& user) {
+  if (user != "root") return HostError(kErrForbidden, "only root may read a verifier");
+  const Json::Value& challenge = params["challenge"];
+  if (!challenge.isString()) return HostError(kErrBadRequest, "\"challenge\" (a string) is required");
+  std::lock_guard<std::mutex> lock(mu_);
+  auto it = byChallenge_.find(challenge.asString());
+  if (it == byChallenge_.end() || it->second.second <= std::chrono::steady_clock::now()) {
+    Answer a = HostError(kErrNoVerifier, "no verifier for this challenge");
+    a.found = true;  // the API answered
+    a.answers = 1;
+    return a;
+  }
+  Json::Value data;
+  data["verifier"] = it->second.first;
+  return Success(data);
+}
+
+DevHost::DevHost(const Module* module, pellixsim::Service* service, FILE* log, std::string language)
+    : module_(module), service_(service), log_(log), language_(std::move(language)), server_(new httplib::Server()) {}
+
+DevHost::~DevHost() = default;
+
+Answer DevHost::Run(const Call& call) {
+  if (module_->Find(call.api, call.version, call.method))
+    return module_->Call(call.api, call.version, call.method, call.params, call.language);
+  if (call.api == VerifierApi::kApi && call.version == 1) {
+    if (call.method == "create") return verifier_.Create();
+    if (call.method == "get") return verifier_.Get(call.params, call.user);
+    return HostError(kErrNoSuchMethod, "no method " + call.method + " in " + call.api + " version 1");
+  }
+  if (call.api == VerifierApi::kApi) return HostError(kErrNoSuchVersion, call.api + " has only version 1");
+  bool api = false;
+  bool version = false;
+  for (const TALV::APITableEntry* row = module_->Table(); row->szAPI; ++row) {
+    if (call.api != row->szAPI) continue;
+    api = true;
+    version = version || row->iVersion == call.version;
+  }
+  if (!api) return HostError(kErrNoSuchApi, "no API " + call.api);
+  if (!version) return HostError(kErrNoSuchVersion, "no version " + std::to_string(call.version) + " of " + call.api);
+  return HostError(kErrNoSuchMethod,
+                   "no method " + call.method + " in " + call.api + " version " + std::to_string(call.version));
+}
+
+Answer DevHost::Dispatch(const Call& call) {
+  if (ChangesIdentity(call)) {
+    std::unique_lock<std::shared_mutex> alone(identity_);
+    return Run(call);
+  }
+  std::shared_lock<std::shared_mutex> shared(identity_);
+  return Run(call);
+}
+
+int DevHost::Exec(Json::Value& result, const std::string& api, int version, const std::string& method,
+                  const Json::Value& params, const std::string& user) {
+  Call call;
+  call.api = api;
+  call.version = version;
+  call.method = method;
+  call.params = params.isObject() ? params : Json::Value(Json::objectValue);
+  call.user = user;
+  Answer a = Run(call);
+  result = Json::Value(Json::objectValue);
+  result["success"] = a.success;
+  if (a.success) {
+    result["data"] = a.data;
+  } else {
+    result["error"]["code"] = a.code;
+  }
+  return a.found ? 0 : -1;
+}
+
+void DevHost::Log(const std::string& line) {
+  if (!log_) return;
+  std::lock_guard<std::mutex> lock(logMu_);
+  (void)std::fprintf(log_, "%s\n", line.c_str());
+  (void)std::fflush(log_);
+}
+
+void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
+  const auto start = std::chrono::steady_clock::now();
+  Call call;
+  call.language = language_;
+  std::string problem;
+  Answer answer = Decode(req, &call, &problem) ? Dispatch(call) : HostError(kErrBadRequest, problem);
+  const int status = HttpStatus(answer);
+  Reply(res, status, Envelope(answer));
+  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  const std::string outcome = answer.success ? "success" : "code " + std::to_string(answer.code);
+  char line[512];
+  (void)std::snprintf(line, sizeof(line), "%s %s %d %s: %d %s, %.1f ms", req.method.c_str(),
+                call.api.empty() ? "-" : call.api.c_str(), call.version, call.method.empty() ? "-" : call.method.c_str(),
+                status, outcome.c_str(), ms);
+  std::string text = line;
+  if (!answer.found) text += " (" + answer.data["reason"].asString() + ")";
+  if (answer.threw) text += " (the handler threw: " + answer.exception + ")";
+  if (answer.found && answer.answers != 1) text += " (" + std::to_string(answer.answers) + " answers)";
+  Log(text);
+}
+
+// The browser's side of the account service: what a user does in a web page
+// of the service, which the device never sees.
+void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
+  const auto start = std::chrono::steady_clock::now();
+  Json::Value fields;
+  std::string problem;
+  uint32_t error = pellixsim::kBadParam;
+  Json::Value answer(Json::objectValue);
+  if (!Fields(req, false, &fields, &problem)) {
+    answer["error"] = problem;
+    Reply(res, 400, Compact(answer));
+    return;
+  }
+  auto text = [&](const char* name, const std::string& fallback = "") {
+    return fields[name].isString() ? fields[name].asString() : fallback;
+  };
+  const Json::Value login = service_->PkceConfig("login");
+  if (req.path == "/sim/authorize") {
+    std::string code;
+    const std::string redirect = text("redirect_uri", login["redirect_uri"].asString());
+    error = service_->IssueGrant(text("email"), text("password"), text("client_id", pellixsim::kClientId), redirect,
+                                 text("code_challenge"), text("code_challenge_method", "S256"), &code);
+    answer["grant_code"] = code;
+    answer["redirect_uri"] = redirect;
+    answer["expires_in"] = static_cast<Json::Int64>(service_->options().grantLifetime);
+  } else if (req.path == "/sim/register") {
+    pellixsim::NewAccount account;
+    account.email = text("email");
+    account.password = text("password");
+    account.fullName = text("full_name");
+    account.country = text("country");
+    error = service_->Register("", account);
+    answer["email"] = account.email;
+    answer["registered"] = true;
+  } else {
+    std::string token;
+    error = service_->IssueAccessToken(text("email"), text("password"), &token);
+    answer["access_token"] = token;
+    answer["token_type"] = "Bearer";
+    answer["expires_in"] = static_cast<Json::Int64>(service_->options().tokenLifetime);
+  }
+  int status = 200;
+  if (error != pellixsim::kOk) {
+    answer = Json::Value(Json::objectValue);
+    answer["account_error"] = error;
+    answer["error"] = error == pellixsim::kBadAuth    ? "wrong e-mail address or password"
+                      : error == pellixsim::kBadParam ? "missing or malformed field"
+                      : error == pellixsim::kInUse    ? "the e-mail address is taken"
+                                                      : "the service failed";
+    status = error == pellixsim::kBadAuth   ? 401
+             : error == pellixsim::kBadParam ? 400
+             : error == pellixsim::kInUse    ? 409
+                                             : 500;
+  }
+  Reply(res, status, Compact(answer));
+  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  char line[256];
+  (void)std::snprintf(line, sizeof(line), "%s %s: %d, %.1f ms", req.method.c_str(), req.path.c_str(), status, ms);
+  Log(line);
+}
+
+int DevHost::Bind(int port) {
+  httplib::Server& s = *server_;
+  s.set_payload_max_length(kMaxBody);
+  // Room for keep-alive connections of several clients at once.
+  s.new_task_queue = [] { return new httplib::ThreadPool(16); };
+  auto entry = [this](const httplib::Request& req, httplib::Response& res) { Entry(req, res); };
+  s.Get("/webapi/entry", entry);
+  s.Post("/webapi/entry", entry);
+  auto browser = [this](const httplib::Request& req, httplib::Response& res) { Browser(req, res); };
+  s.Post("/sim/authorize", browser);
+  s.Post("/sim/token", browser);
+  s.Post("/sim/register", browser);
+  auto notAllowed = [this](const httplib::Request& req, httplib::Response& res) {
+    Reply(res, 405, Envelope(HostError(kErrBadRequest, "use GET or POST")));
+    Log(req.method + " " + req.path + ": 405");
+  };
+  for (const char* path : {"/webapi/entry"}) {
+    s.Put(path, notAllowed);
+    s.Delete(path, notAllowed);
+    s.Patch(path, notAllowed);
+  }
+  // Errors the server finds before a handler runs: an unknown path, a body
+  // over the limit, a request it cannot parse.
+  s.set_error_handler([this](const httplib::Request& req, httplib::Response& res) {
+    if (!res.body.empty()) return;
+    Answer a = res.status == 413   ? HostError(kErrTooLarge, "the body is larger than " + std::to_string(kMaxBody) +
+                                                                 " bytes")
+               : res.status == 404 ? HostError(kErrBadRequest, "no such path: the web API is at /webapi/entry")
+                                   : HostError(kErrBadRequest, "malformed HTTP request");
+    res.set_content(Envelope(a) + "\n", "application/json");
+    Log(req.method + " " + (req.path.empty() ? "-" : req.path) + ": " + std::to_string(res.status));
+  });
+  if (port == 0) return s.bind_to_any_port("127.0.0.1");
+  return s.bind_to_port("127.0.0.1", port) ? port : -1;
+}
+
+bool DevHost::Serve() { return server_->listen_after_bind(); }
+void DevHost::Stop() { server_->stop(); }
+
+}  // namespace webapihost

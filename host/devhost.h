@@ -1,0 +1,122 @@
+// The development host: the device's web API host over HTTP on 127.0.0.1.
+//
+// It serves /webapi/entry for the module's table and for the host's own
+// credential-verifier API, runs other web APIs in-process for the module
+// (talvwebapi::Runner), and serves the browser's side of the simulated
+// account service under /sim/.
+//
+// Concurrency. The HTTP server runs each request on one thread of its pool,
+// from decoding to answer. What the host serialises, and what it need not:
+// - the privilege guard of pkce_login and pkce_config_get changes the
+//   effective user and group ids of the whole process, and puts back the ids
+//   its own entry saw: those two methods run alone (an exclusive lock), every
+//   other request holds the lock shared, so no request runs under ids that
+//   another request raised, and no guard restores ids under another's feet;
+// - the account error number of the account-client stand-in is per thread,
+//   read by the handler on the thread that set it: nothing to serialise;
+// - the SQLite connection of the account service: its Store serialises each
+//   transaction (service rules are atomic, passwords hashed outside the lock);
+// - the verifier store and the log have locks of their own; the seam's
+//   journal and the system-log capture are safe for concurrent use.
+#pragma once
+
+#include <json/value.h>
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <shared_mutex>
+#include <string>
+
+#include "harness.h"
+#include "service.h"
+#include "webapi/runner.h"
+
+namespace httplib {
+class Server;
+class Request;
+class Response;
+}  // namespace httplib
+
+namespace webapihost {
+
+// The host's own error codes (100 to 199), beside kErrUnknown (100: the
+// handler threw or gave no answer) and kErrNoSuchMethod (103).
+constexpr int kErrBadRequest = 101;     // malformed request, HTTP 400
+constexpr int kErrNoSuchApi = 102;      // HTTP 404
+constexpr int kErrNoSuchVersion = 104;  // the API exists, not in that version; HTTP 404
+constexpr int kErrForbidden = 105;      // not for this user; HTTP 403
+constexpr int kErrTooLarge = 106;       // body over kMaxBody; HTTP 413
+constexpr int kErrNoVerifier = 107;     // no verifier for that challenge
+
+constexpr size_t kMaxBody = size_t{64} * 1024;
+// HTTP requests run as the interface's administrator; the module runs the
+// verifier API as "root", and only root may read a verifier.
+extern const char kHttpUser[];
+
+struct Call {
+  std::string api;
+  int version = 0;
+  std::string method;
+  Json::Value params{Json::objectValue};
+  std::string user = kHttpUser;
+  std::string language = "enu";
+};
+
+// TALV.Remote.Credential.Verifier version 1: the device's PKCE code
+// verifiers. `create` makes one and answers its S256 challenge; `get` gives
+// the verifier of a challenge to root. A verifier lasts ten minutes.
+class VerifierApi {
+ public:
+  static const char kApi[];
+  Answer Create();
+  Answer Get(const Json::Value& params, const std::string& user);
+
+ private:
+  std::mutex mu_;
+  std::map<std::string, std::pair<std::string, std::chrono::steady_clock::time_point>> byChallenge_;
+};
+
+class DevHost : public talvwebapi::Runner {
+ public:
+  // `log` receives one line per request (nullptr: none); every HTTP request
+  // comes from an interface in `language`.
+  DevHost(const Module* module, pellixsim::Service* service, FILE* log, std::string language);
+  ~DevHost() override;
+
+  // One web API request, with the locks of the comment above.
+  Answer Dispatch(const Call& call);
+  // The runner: the module runs another API in-process, on a thread that
+  // already holds its lock.
+  int Exec(Json::Value& result, const std::string& api, int version, const std::string& method,
+           const Json::Value& params, const std::string& user) override;
+
+  // Binds 127.0.0.1:port (0: any free port); the port, or -1.
+  int Bind(int port);
+  // Serves until Stop(); false when it could not.
+  bool Serve();
+  void Stop();
+
+ private:
+  Answer Run(const Call& call);  // no locks
+  void Entry(const httplib::Request& req, httplib::Response& res);
+  void Browser(const httplib::Request& req, httplib::Response& res);
+  void Log(const std::string& line);
+
+  const Module* module_;
+  pellixsim::Service* service_;
+  FILE* log_;
+  const std::string language_;
+  std::mutex logMu_;
+  std::shared_mutex identity_;
+  VerifierApi verifier_;
+  std::unique_ptr<httplib::Server> server_;
+};
+
+// The HTTP status of an answer: 200 for every answer a handler gave (its
+// error codes are the web API's), the host's own codes by their meaning.
+int HttpStatus(const Answer& answer);
+
+}  // namespace webapihost

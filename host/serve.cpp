@@ -1,0 +1,143 @@
+#include "serve.h"
+
+#include <pthread.h>
+#include <signal.h>
+
+#include <fstream>
+#include <iterator>
+#include <thread>
+
+#include "account_php.h"
+#include "backend.h"
+#include "devhost.h"
+#include "feasibility/checker.h"
+#include "harness.h"
+#include "pellix/backend.h"
+#include "seam/seam.h"
+#include "state.h"
+#include "syslog_capture.h"
+#include "trust.h"
+#include "webapi/runner.h"
+
+namespace webapihost {
+namespace {
+
+// The examples printed at start; each works as shown on a fresh state (the
+// registration then answers 3010 or 3005 on later runs, which is the point).
+void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp) {
+  const std::string entry = url + "/webapi/entry";
+  (void)std::fprintf(out,
+               "webapi-host: serving pellixcenter.so at %s\n"
+               "  state folder %s (device %s, %s, build %s)\n"
+               "  %s\n"
+               "Try:\n"
+               "  curl -s '%s?api=TALV.Core.PellixCenter&version=2&method=query'\n"
+               "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=register "
+               "-d account=ada@example.com -d password=secret1 -d fullname='Ada Lovelace' -d critical_release=true\n"
+               "  curl -s %s -H 'Content-Type: application/json' "
+               "-d '{\"api\":\"TALV.Core.PellixCenter.Account\",\"version\":1,\"method\":\"get\"}'\n"
+               "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=logout -d force=true\n"
+               "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=login "
+               "-d account=ada@example.com -d password=secret1\n"
+               "Stop with Ctrl-C.\n",
+               entry.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
+               accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
+  (void)std::fflush(out);
+}
+
+}  // namespace
+
+int Serve(const ServeOptions& o) {
+  StateFolder state;
+  std::string error;
+  if (!OpenState(o.state, &state, &error)) {
+    (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    return 1;
+  }
+  // The module trusts the service's endpoint through the trust store, as the
+  // device trusts the real service; the namespace that makes it so has to be
+  // entered before any thread starts.
+  if (!pellixsim::MakeCertificates(state.service, &error)) {
+    (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    return 1;
+  }
+  std::string untrusted;
+  std::ifstream caPem(state.service + "/ca.pem");
+  const std::string ca((std::istreambuf_iterator<char>(caPem)), std::istreambuf_iterator<char>());
+  if (!TrustAuthorities(ca, state.service + "/ca-bundle.crt", &untrusted))
+    (void)std::fprintf(stderr,
+                 "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
+                 "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "
+                 "the service\n",
+                 untrusted.c_str());
+  std::unique_ptr<pellixsim::Store> store = pellixsim::Store::Open(state.Database(), &error);
+  if (!store) {
+    (void)std::fprintf(stderr,
+                 "webapi-host: the account service's database cannot be used: %s\n"
+                 "  Move it away to start with no accounts, or pick another folder with --state.\n",
+                 error.c_str());
+    return 1;
+  }
+
+  syslogcapture::SetEcho(o.log);
+  std::unique_ptr<Module> module = Module::Load(o.module, &error);
+  if (!module) {
+    (void)std::fprintf(stderr, "webapi-host: cannot load module: %s\n", error.c_str());
+    return 3;
+  }
+
+  // Signals are taken by one thread of their own: blocked here, before the
+  // server's threads exist, so that they inherit the mask.
+  sigset_t stopSignals;
+  sigemptyset(&stopSignals);
+  sigaddset(&stopSignals, SIGINT);
+  sigaddset(&stopSignals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
+
+  pellixsim::Service service(store.get(), pellixsim::Options());
+  DevHost host(module.get(), &service, o.log, o.language.empty() ? "enu" : o.language);
+  const int port = host.Bind(o.port);
+  if (port < 0) {
+    (void)std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n", o.port);
+    return 2;
+  }
+  const std::string url = "http://127.0.0.1:" + std::to_string(port);
+  service.SetBaseUrl(url);
+  pellixsim::SimBackend backend(&service, pellixsim::DeviceFacts{state.serial, state.language, state.timezone});
+  talvfeasibility::ReasonsFileChecker reasons(state.ReasonsFile());
+  pellixsim::AccountPhp accountPhp(&service);
+  const int phpPort = accountPhp.Start(state.service, &error);
+  const std::string phpHost = phpPort > 0 ? "127.0.0.1:" + std::to_string(phpPort) : "";
+  if (phpPort < 0) (void)std::fprintf(stderr, "webapi-host: %s; version-1 registration has no host\n", error.c_str());
+  if (!WriteRelayHost(state, phpHost, &error)) {
+    (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    return 1;
+  }
+  const std::string phpLine =
+      phpPort < 0 ? "account.php is not served"
+                  : "account.php at https://" + phpHost + "/account.php, " +
+                        (untrusted.empty() ? "trusted through " + state.service + "/ca.pem"
+                                           : "not trusted by the module: " + untrusted);
+  // Nobody reads the seam's journal here; it would only keep the arguments of
+  // the latest calls, passwords among them, for as long as the host runs.
+  talvseam::SetJournaling(false);
+  talvpellix::SetBackend(&backend);
+  talvwebapi::SetRunner(&host);
+  talvfeasibility::SetChecker(&reasons);
+
+  std::thread([&host, stopSignals] {
+    int signal = 0;
+    sigwait(&stopSignals, &signal);
+    host.Stop();
+  }).detach();
+  Announce(o.out, url, state, phpLine);
+  bool served = host.Serve();
+  accountPhp.Stop();
+
+  talvpellix::SetBackend(nullptr);
+  talvwebapi::SetRunner(nullptr);
+  talvfeasibility::SetChecker(nullptr);
+  return served ? 0 : 1;
+}
+
+}  // namespace webapihost

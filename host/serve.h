@@ -1,0 +1,28 @@
+// `webapi-host serve` and `webapi-host demo`.
+#pragma once
+
+#include <cstdio>
+#include <string>
+
+namespace webapihost {
+
+struct ServeOptions {
+  std::string module;     // path of pellixcenter.so
+  std::string state;      // the state folder
+  int port = 8080;        // 0: any free port
+  std::string language;   // the interface language of requests
+  FILE* out = stdout;     // where the URL and the examples go
+  FILE* log = stderr;     // one line per request, and the module's log
+};
+
+// Serves until SIGINT or SIGTERM. Exit status: 0 after a signal, 1 when the
+// state folder or its database cannot be used, 2 a bad port, 3 the module
+// cannot be loaded.
+int Serve(const ServeOptions& options);
+
+// Starts a host on a free port and a temporary state folder, in a child
+// process, and drives a whole account life cycle through it, printing each
+// request and answer. 0 when every step answered as expected.
+int Demo(const std::string& self, const std::string& module, FILE* out);
+
+}  // namespace webapihost

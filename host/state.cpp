@@ -1,0 +1,143 @@
+#include "state.h"
+
+#include <openssl/rand.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+
+#include "seam/seam.h"
+#include "talv/sdk.h"
+#include "talv/tlibc.h"
+
+namespace webapihost {
+namespace {
+
+namespace fs = std::filesystem;
+
+// A new device's serial number: the model's prefix and seven random digits.
+std::string NewSerial() {
+  unsigned char bytes[7];
+  if (RAND_bytes(bytes, sizeof(bytes)) != 1) std::abort();
+  std::string serial = "Q26CA";
+  for (unsigned char b : bytes) serial += static_cast<char>('0' + b % 10);
+  return serial;
+}
+
+// Writes `content` to `path` through a temporary file and a rename, so a
+// file is either absent or whole.
+bool WriteFile(const std::string& path, const std::string& content, std::string* error) {
+  std::error_code ec;
+  fs::create_directories(fs::path(path).parent_path(), ec);
+  if (ec) {
+    *error = "cannot create " + fs::path(path).parent_path().string() + ": " + ec.message();
+    return false;
+  }
+  const std::string temporary = path + ".new";
+  {
+    std::ofstream out(temporary, std::ios::trunc);
+    out << content;
+    out.flush();
+    if (!out) {
+      *error = "cannot write " + temporary + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  if (std::rename(temporary.c_str(), path.c_str()) != 0) {
+    *error = "cannot write " + path + ": " + std::strerror(errno);
+    return false;
+  }
+  return true;
+}
+
+bool WriteIfMissing(const std::string& path, const std::string& content, std::string* error) {
+  std::error_code ec;
+  if (fs::exists(path, ec)) return true;
+  return WriteFile(path, content, error);
+}
+
+bool ReadKey(const std::string& absolute, const char* key, std::string* value, std::string* error) {
+  char buffer[256];
+  if (TLIBCFileGetKeyValue(absolute.c_str(), key, buffer, sizeof(buffer), 0) <= 0) {
+    *error = talvseam::ResolvePath(absolute) + ": no " + key;
+    return false;
+  }
+  *value = buffer;
+  return true;
+}
+
+}  // namespace
+
+std::string DefaultStateDir() {
+  const char* xdg = std::getenv("XDG_STATE_HOME");
+  if (xdg && *xdg) return std::string(xdg) + "/webapi-host";
+  const char* home = std::getenv("HOME");
+  return std::string(home && *home ? home : ".") + "/.local/state/webapi-host";
+}
+
+bool OpenState(const std::string& root, StateFolder* state, std::string* error) {
+  std::error_code ec;
+  fs::create_directories(root, ec);
+  if (ec || !fs::is_directory(root, ec)) {
+    *error = "cannot use " + root + " as the state folder: " + (ec ? ec.message() : "not a folder");
+    return false;
+  }
+  state->root = fs::absolute(root).lexically_normal().string();
+  while (state->root.size() > 1 && state->root.back() == '/') state->root.pop_back();
+  state->device = state->root + "/device";
+  state->service = state->root + "/service";
+  if (access(state->root.c_str(), W_OK) != 0) {
+    *error = "cannot write in the state folder " + state->root + ": " + std::strerror(errno);
+    return false;
+  }
+  fs::create_directories(state->service, ec);
+  if (ec) {
+    *error = "cannot create " + state->service + ": " + ec.message();
+    return false;
+  }
+  // A fresh device: factory settings, a serial number of its own, a build,
+  // the interface's language and a time zone; no account and nothing refused.
+  const std::string d = state->device;
+  if (!WriteIfMissing(d + "/etc.defaults/talvinfo.conf",
+                      "# Factory settings of the simulated device\nupnpmodelname=TS-464\nserial=" + NewSerial() + "\n",
+                      error) ||
+      !WriteIfMissing(d + "/etc.defaults/VERSION", "majorversion=\"5\"\nminorversion=\"2\"\nbuildnumber=\"20261101\"\n",
+                      error) ||
+      !WriteIfMissing(d + "/etc/talvinfo.conf", "# Settings of the simulated device\nlanguage=enu\ntimezone=Amsterdam\n",
+                      error) ||
+      !WriteIfMissing(state->ReasonsFile(),
+                      "# Why the account sign-out is refused now, one reason a line:\n"
+                      "#   hard = <reason>   nothing overrides it\n"
+                      "#   soft = <reason>   the request's \"force\" overrides it\n",
+                      error))
+    return false;
+
+  // The device's facts as its platform reads them: any file that a user
+  // broke is reported here, before a request meets it.
+  talvseam::SetSysroot(d);
+  char serial[64];
+  char zone[256];
+  int needed = 0;
+  if (TLIBGetSerialNumber(serial, sizeof(serial)) < 0 || !*serial) {
+    *error = d + "/etc.defaults/talvinfo.conf: no serial";
+    return false;
+  }
+  if (TALVZoneGet(zone, sizeof(zone), &needed) < 0) {
+    *error = d + "/etc/talvinfo.conf: no timezone";
+    return false;
+  }
+  state->serial = serial;
+  state->timezone = zone;
+  return ReadKey("/etc.defaults/talvinfo.conf", "upnpmodelname", &state->model, error) &&
+         ReadKey("/etc.defaults/VERSION", "buildnumber", &state->build, error) &&
+         ReadKey("/etc/talvinfo.conf", "language", &state->language, error);
+}
+
+bool WriteRelayHost(const StateFolder& state, const std::string& host, std::string* error) {
+  return WriteFile(state.RelayConf(), "[relay]\nenabled = 1\n\n[pellix]\nhost = " + host + "\n", error);
+}
+
+}  // namespace webapihost

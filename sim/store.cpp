@@ -1,0 +1,181 @@
+#include "store.h"
+
+namespace pellixsim {
+namespace {
+
+constexpr int kSchemaVersion = 1;
+
+// E-mail addresses are unique regardless of letter case (`email_key` is the
+// lower-case form); the address is kept as it was registered.
+const char kSchema[] = R"sql(
+CREATE TABLE IF NOT EXISTS accounts(
+  id INTEGER PRIMARY KEY,
+  email TEXT NOT NULL,
+  email_key TEXT NOT NULL UNIQUE,
+  salt TEXT NOT NULL,
+  hash TEXT NOT NULL,
+  iterations INTEGER NOT NULL,
+  full_name TEXT NOT NULL,
+  country TEXT NOT NULL DEFAULT '',
+  notify_language TEXT NOT NULL DEFAULT 'enu',
+  timezone TEXT NOT NULL DEFAULT '',
+  enews INTEGER NOT NULL DEFAULT 0,
+  critical_release INTEGER NOT NULL DEFAULT 0,
+  enews_local_promotion INTEGER NOT NULL DEFAULT 0,
+  critical_version_list TEXT NOT NULL DEFAULT '',
+  activated INTEGER NOT NULL DEFAULT 1,
+  registered_from TEXT NOT NULL DEFAULT '',
+  created INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS auth_keys(
+  auth_key TEXT PRIMARY KEY,
+  account_id INTEGER NOT NULL REFERENCES accounts(id),
+  serial TEXT NOT NULL,
+  issued INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS bindings(
+  serial TEXT PRIMARY KEY,
+  account_id INTEGER NOT NULL REFERENCES accounts(id),
+  auth_key TEXT NOT NULL,
+  since INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS access_tokens(
+  token TEXT PRIMARY KEY,
+  account_id INTEGER NOT NULL REFERENCES accounts(id),
+  expires INTEGER NOT NULL);
+CREATE TABLE IF NOT EXISTS grants(
+  code TEXT PRIMARY KEY,
+  account_id INTEGER NOT NULL REFERENCES accounts(id),
+  client_id TEXT NOT NULL,
+  redirect_uri TEXT NOT NULL,
+  challenge TEXT NOT NULL,
+  expires INTEGER NOT NULL,
+  used INTEGER NOT NULL DEFAULT 0);
+CREATE TABLE IF NOT EXISTS purchases(
+  id INTEGER PRIMARY KEY,
+  account_id INTEGER NOT NULL REFERENCES accounts(id),
+  app TEXT NOT NULL,
+  serial TEXT NOT NULL,
+  price TEXT NOT NULL,
+  currency TEXT NOT NULL,
+  paypal TEXT NOT NULL,
+  date TEXT NOT NULL);
+)sql";
+
+std::string Failure(sqlite3* db, const std::string& what) { return what + ": " + sqlite3_errmsg(db); }
+
+}  // namespace
+
+Statement::Statement(sqlite3* db, const char* sql) : db_(db) {
+  if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) throw StoreError(Failure(db, sql));
+}
+Statement::~Statement() { sqlite3_finalize(stmt_); }
+
+Statement& Statement::Bind(const std::string& text) {
+  sqlite3_bind_text(stmt_, next_++, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
+  return *this;
+}
+Statement& Statement::Bind(const char* text) {
+  if (text) return Bind(std::string(text));
+  sqlite3_bind_null(stmt_, next_++);
+  return *this;
+}
+Statement& Statement::Bind(int64_t value) {
+  sqlite3_bind_int64(stmt_, next_++, value);
+  return *this;
+}
+
+bool Statement::Step() {
+  int rc = sqlite3_step(stmt_);
+  if (rc == SQLITE_ROW) return true;
+  if (rc == SQLITE_DONE) return false;
+  throw StoreError(Failure(db_, sqlite3_sql(stmt_)));
+}
+void Statement::Run() {
+  while (Step()) {
+  }
+}
+
+std::string Statement::Text(int column) const {
+  const unsigned char* text = sqlite3_column_text(stmt_, column);
+  return text ? std::string(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt_, column)) : "";
+}
+int64_t Statement::Int(int column) const { return sqlite3_column_int64(stmt_, column); }
+bool Statement::IsNull(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
+
+std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) {
+  sqlite3* db = nullptr;
+  int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
+                           nullptr);
+  std::unique_ptr<Store> store(db ? new Store(db) : nullptr);
+  if (rc != SQLITE_OK) {
+    *error = path + ": cannot open: " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+    return nullptr;
+  }
+  sqlite3_busy_timeout(db, 5000);
+  sqlite3_extended_result_codes(db, 1);
+  try {
+    // A file that is not a database fails here, on its first read.
+    int64_t schema = 0;
+    std::string verdict = "no answer";
+    {
+      Statement version(db, "PRAGMA user_version");
+      if (version.Step()) schema = version.Int(0);
+    }
+    if (schema > kSchemaVersion) {
+      *error = path + ": written by a newer version (schema " + std::to_string(schema) + ")";
+      return nullptr;
+    }
+    {
+      Statement check(db, "PRAGMA quick_check");
+      if (check.Step()) verdict = check.Text(0);
+    }
+    if (verdict != "ok") {
+      *error = path + ": damaged: " + verdict;
+      return nullptr;
+    }
+    // WAL with NORMAL sync: a killed process loses nothing committed, and
+    // readers do not wait on the writer's fsync.
+    Statement(db, "PRAGMA journal_mode=WAL").Run();
+    if (!store->Exec("PRAGMA synchronous=NORMAL") || !store->Exec("PRAGMA foreign_keys=ON")) {
+      *error = path + ": " + store->LastFailure();
+      return nullptr;
+    }
+  } catch (const StoreError& e) {
+    *error = path + ": not a usable database: " + e.what();
+    return nullptr;
+  }
+  // Creating the tables is also the first write: an unwritable file or folder
+  // is refused here rather than on the first request.
+  uint32_t created = store->Transaction(1, [](sqlite3* db) -> uint32_t {
+    char* message = nullptr;
+    if (sqlite3_exec(db, kSchema, nullptr, nullptr, &message) != SQLITE_OK) {
+      std::string failure = message ? message : "cannot create tables";
+      sqlite3_free(message);
+      throw StoreError(failure);
+    }
+    Statement(db, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str()).Run();
+    return 0;
+  });
+  if (created != 0) {
+    *error = path + ": cannot write: " + store->LastFailure();
+    return nullptr;
+  }
+  return store;
+}
+
+Store::~Store() { sqlite3_close_v2(db_); }
+
+bool Store::Exec(const char* sql) {
+  char* message = nullptr;
+  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return true;
+  Note(std::string(sql) + ": " + (message ? message : sqlite3_errmsg(db_)));
+  sqlite3_free(message);
+  return false;
+}
+
+void Store::Note(const std::string& failure) { lastFailure_ = failure; }
+
+std::string Store::LastFailure() const {
+  std::lock_guard<std::mutex> lock(mu_);
+  return lastFailure_;
+}
+
+}  // namespace pellixsim

@@ -1,0 +1,537 @@
+// webapi-host serve, end to end: real HTTP against a host the test starts on
+// a free port with a temporary state folder.
+#include <gtest/gtest.h>
+#include <httplib.h>
+#include <signal.h>
+#include <sqlite3.h>
+
+#include <atomic>
+#include <fstream>
+#include <map>
+#include <set>
+#include <thread>
+
+#include "support/module_test.h"
+#include "talv/cloud.h"
+#include "support/process.h"
+#include "client.h"
+
+namespace pellixtest {
+namespace {
+
+using webapihost::Entry;
+using webapihost::PostForm;
+using webapihost::Reply;
+using webapihost::ServeProcess;
+using webapihost::TempDir;
+
+const char kCenter[] = "TALV.Core.PellixCenter";
+const char kAccount[] = "TALV.Core.PellixCenter.Account";
+const char kAny[] = "<any>";
+
+// `expected` with kAny standing for any value; objects must have the same keys.
+::testing::AssertionResult Matches(const Json::Value& expected, const Json::Value& actual, const std::string& at = "") {
+  if (expected.isString() && expected.asString() == kAny) return ::testing::AssertionSuccess();
+  if (expected.isObject() && actual.isObject()) {
+    if (expected.getMemberNames() != actual.getMemberNames())
+      return ::testing::AssertionFailure() << at << ": members differ: " << actual;
+    for (const std::string& name : expected.getMemberNames()) {
+      auto r = Matches(expected[name], actual[name], at + "." + name);
+      if (!r) return r;
+    }
+    return ::testing::AssertionSuccess();
+  }
+  if (expected.isArray() && actual.isArray() && expected.size() == actual.size()) {
+    for (Json::ArrayIndex i = 0; i < expected.size(); ++i) {
+      auto r = Matches(expected[i], actual[i], at + "[" + std::to_string(i) + "]");
+      if (!r) return r;
+    }
+    return ::testing::AssertionSuccess();
+  }
+  if (expected == actual) return ::testing::AssertionSuccess();
+  return ::testing::AssertionFailure() << at << ": expected " << expected << " got " << actual;
+}
+
+std::string Substitute(std::string text, const std::map<std::string, std::string>& vars) {
+  for (const auto& kv : vars)
+    for (size_t at; (at = text.find("$" + kv.first)) != std::string::npos;) text.replace(at, kv.first.size() + 1, kv.second);
+  return text;
+}
+
+class ServeTest : public ::testing::Test {
+ protected:
+  void Start() {
+    host_.reset(new ServeProcess(WEBAPI_HOST, PELLIXCENTER_SO, dir_.path() + "/state",
+                                 dir_.path() + "/serve." + std::to_string(++started_) + ".log"));
+    ASSERT_GT(host_->port(), 0) << host_->Log();
+    size_t at = host_->announcement().find("(device ");
+    ASSERT_NE(at, std::string::npos);
+    vars_["serial"] = host_->announcement().substr(at + 8, host_->announcement().find(',', at) - at - 8);
+  }
+  void Register(const std::string& email, const std::string& password) {
+    Json::Value fields;
+    fields["email"] = email;
+    fields["password"] = password;
+    fields["full_name"] = "Test User";
+    ASSERT_EQ(PostForm(host_->port(), "/sim/register", fields).status, 200);
+  }
+  void Reasons(const std::string& text) { std::ofstream(dir_.path() + "/state/device/logout-reasons.conf") << text; }
+
+  struct Step {
+    const char* what;
+    const char* api;
+    int version;
+    const char* method;
+    std::string params;  // JSON; $name is replaced by a captured value
+    std::string expect;  // the envelope; "<any>" matches anything
+    const char* capture = nullptr;  // keep data.auth_key under this name
+  };
+  void Run(const std::vector<Step>& steps) {
+    for (const Step& s : steps) {
+      SCOPED_TRACE(s.what);
+      Reply r = Entry(host_->port(), s.api, s.version, s.method, J(Substitute(s.params, vars_)));
+      EXPECT_EQ(r.status, 200);
+      EXPECT_TRUE(Matches(J(Substitute(s.expect, vars_)), r.body)) << r.body;
+      if (s.capture) vars_[s.capture] = r.body["data"]["auth_key"].asString();
+    }
+  }
+
+  TempDir dir_;
+  int started_ = 0;
+  std::unique_ptr<ServeProcess> host_;
+  std::map<std::string, std::string> vars_;
+};
+
+const char kSignedOut[] = R"({"success":true,"data":{"is_logged_in":false}})";
+
+TEST_F(ServeTest, AccountLifeCycle) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Run({
+      {"fresh device", kCenter, 2, "query", "{}", kSignedOut},
+      {"no profile", kAccount, 1, "get", "{}", kSignedOut},
+      {"no history", "TALV.Core.PellixCenter.Purchase", 1, "list", "{}",
+       R"({"success":false,"error":{"code":3000,"details":{}}})"},
+      {"no account to change", kAccount, 1, "set", R"({"enews":true})",
+       R"({"success":false,"error":{"code":3000,"details":null}})"},
+  });
+  Register("Ada@Example.com", "secret1");
+  Register("bob@example.com", "123456");
+  Reply dup = PostForm(host_->port(), "/sim/register", J(R"({"email":"ADA@example.com","password":"xxxxxx",
+                                                             "full_name":"Another Ada"})"));
+  EXPECT_EQ(dup.status, 409);
+  EXPECT_EQ(dup.body["account_error"], 16);
+
+  Run({
+      {"wrong password", kCenter, 2, "login", R"({"account":"ada@example.com","password":"secret2"})",
+       R"({"success":false,"error":{"code":3004,"details":{}}})"},
+      {"unknown address", kCenter, 2, "login", R"({"account":"eve@example.com","password":"secret1"})",
+       R"({"success":false,"error":{"code":3004,"details":{}}})"},
+      {"sign in", kCenter, 2, "login", R"({"account":"ada@EXAMPLE.com","password":"secret1"})",
+       R"({"success":true,"data":{"account":"ada@EXAMPLE.com","auth_key":"<any>","activated":true}})", "key"},
+      {"no second sign-in", kCenter, 2, "login", R"({"account":"bob@example.com","password":"123456"})",
+       R"({"success":false,"error":{"code":3010,"details":{"account":"Ada@Example.com","auth_key":"$key",
+           "activated":true}}})"},
+      {"signed in", kCenter, 2, "query", "{}",
+       R"({"success":true,"data":{"account":"Ada@Example.com","auth_key":"$key","activated":true,
+           "critical_version_domain":"critical.pellix.example","is_logged_in":true}})"},
+      {"change the profile", kAccount, 1, "set",
+       R"({"full_name":"Ada King","enews":true,"country":"GB","critical_version_list":"5.2"})",
+       R"({"success":true,"data":null})"},
+      {"the profile changed", kAccount, 1, "get", "{}",
+       R"({"success":true,"data":{"full_name":"Ada King","email":"Ada@Example.com","country":"GB",
+           "notify_language":"enu","enews":true,"critical_release":false,"enews_local_promotion":false,
+           "critical_version_list":"5.2","critical_version_domain":"critical.pellix.example"}})"},
+      {"another account's address", kAccount, 1, "set", R"({"email":"BOB@example.com"})",
+       R"({"success":false,"error":{"code":3005,"details":null}})"},
+      {"new password alone", kAccount, 1, "set", R"({"new_password":"secret2"})",
+       R"({"success":false,"error":{"code":3001,"details":null}})"},
+      {"wrong current password", kAccount, 1, "set", R"({"current_password":"nope!!","new_password":"secret2"})",
+       R"({"success":false,"error":{"code":3004,"details":null}})"},
+      {"history", "TALV.Core.PellixCenter.Purchase", 1, "list", R"({"date_from":"2000-01-01"})",
+       R"({"success":true,"data":{"language":"enu","total":1,"purchases":[{"app":"cloud_backup_trial",
+           "name":"Cloud backup, 30-day trial","serial":"","price":"0.00","currency":"USD","paypal":"",
+           "date":"<any>"}]}})"},
+      {"malformed date", "TALV.Core.PellixCenter.Purchase", 1, "list", R"({"date_to":"tomorrow"})",
+       R"({"success":false,"error":{"code":3001,"details":{}}})"},
+      {"unknown key error", kCenter, 2, "handle_apikey_error", R"({"apikey_error":"bogus"})",
+       R"({"success":false,"error":{"code":3001,"details":{}}})"},
+      {"expired key", kCenter, 2, "handle_apikey_error", R"({"apikey_error":"expired"})",
+       R"({"success":true,"data":{"auth_key":"<any>"}})", "key"},
+      {"iframe", kCenter, 2, "get_iframe_info", "{}",
+       R"({"success":true,"data":{"url":"<any>","is_logged_in":true,"account":"Ada@Example.com"}})"},
+  });
+
+  Reasons("hard = A backup to the cloud is running\nsoft = The cloud drive is mounted\n");
+  Run({{"hard refusal, forced or not", kCenter, 2, "logout", R"({"force":true})",
+        R"({"success":false,"error":{"code":3014,"details":{"check_type":"hard",
+            "reasons":["A backup to the cloud is running"]}}})"}});
+  Reasons("hard: no equals sign\n");
+  Run({{"a reasons file the check cannot read", kCenter, 2, "logout", R"({"force":true})",
+        R"({"success":false,"error":{"code":3014,"details":{"check_type":"hard","reasons":null}}})"}});
+  Reasons("# only a soft reason\nsoft = The cloud drive is mounted\n");
+  Run({
+      {"soft refusal", kCenter, 2, "logout", "{}",
+       R"({"success":false,"error":{"code":3014,"details":{"check_type":"soft",
+           "reasons":["The cloud drive is mounted"]}}})"},
+      {"forced sign-out", kCenter, 2, "logout", R"({"force":true})", R"({"success":true,"data":null})"},
+      {"signed out", kCenter, 2, "query", "{}", kSignedOut},
+      {"nobody to sign out", kCenter, 2, "logout", R"({"force":true})", R"({"success":true,"data":null})"},
+      {"key of another device", kCenter, 2, "login_by_key", R"({"serial":"OTHER","auth_key":"$key"})",
+       R"({"success":false,"error":{"code":3004,"details":null}})"},
+      {"sign in by key", kCenter, 2, "login_by_key", R"({"serial":"$serial","auth_key":"$key"})",
+       R"({"success":true,"data":{"account":"Ada@Example.com","auth_key":"$key","activated":true}})"},
+      {"sign out", kCenter, 2, "logout", R"({"force":true})", R"({"success":true,"data":null})"},
+      {"unknown token", kCenter, 2, "oauth_login", R"({"access_token":"0000"})",
+       R"({"success":false,"error":{"code":3004,"details":{}}})"},
+  });
+  Reply token = PostForm(host_->port(), "/sim/token", J(R"({"email":"bob@example.com","password":"123456"})"));
+  ASSERT_EQ(token.status, 200) << token.body;
+  EXPECT_EQ(PostForm(host_->port(), "/sim/token", J(R"({"email":"bob@example.com","password":"1234567"})")).status,
+            401);
+  vars_["token"] = token.body["access_token"].asString();
+  Run({{"sign in by token", kCenter, 2, "oauth_login", R"({"access_token":"$token"})",
+        R"({"success":true,"data":{"account":"bob@example.com","auth_key":"<any>","activated":true}})"}});
+  EXPECT_EQ(host_->Stop(SIGTERM), 0);
+}
+
+// The service's HTTPS endpoint answers from the same state, with a
+// certificate of the state's own authority, and the module's PKCE sign-in
+// runs through the verifier API the host serves.
+TEST_F(ServeTest, AccountPhpAndPkceSignIn) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  const std::string& text = host_->announcement();
+  size_t at = text.find("https://127.0.0.1:");
+  ASSERT_NE(at, std::string::npos) << text;
+  EXPECT_NE(text.find("trusted through"), std::string::npos) << text;
+  const int phpPort = std::atoi(text.c_str() + at + 18);
+  std::ifstream relay(dir_.path() + "/state/device/usr/talv/etc/talvrelayd/talvrelayd.conf");
+  std::string conf((std::istreambuf_iterator<char>(relay)), std::istreambuf_iterator<char>());
+  EXPECT_NE(conf.find("host = 127.0.0.1:" + std::to_string(phpPort)), std::string::npos) << conf;
+
+  char token[33];
+  ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken(vars_["serial"].c_str(), token, sizeof(token)), 0);
+  httplib::Params form{{"serial", vars_["serial"]}, {"token", token},           {"action", "register"},
+                       {"email", "ada@example.com"}, {"passwd", "secret1"}, {"full_name", "Ada Lovelace"}};
+  // By name (the certificate has it too): httplib's check of an IP address
+  // against the certificate reads uninitialised bytes.
+  httplib::SSLClient untrusting("localhost", phpPort);
+  untrusting.set_address_family(AF_INET);
+  untrusting.set_ca_cert_path("/nonexistent");
+  untrusting.enable_server_certificate_verification(true);
+  EXPECT_FALSE(untrusting.Post("/account.php", form));
+  httplib::SSLClient client("localhost", phpPort);
+  client.set_address_family(AF_INET);
+  client.set_ca_cert_path((dir_.path() + "/state/service/ca.pem").c_str());
+  client.enable_server_certificate_verification(true);
+  httplib::Result r = client.Post("/account.php", form);
+  ASSERT_TRUE(r) << httplib::to_string(r.error());
+  EXPECT_EQ(r->body, "good\n");
+  EXPECT_EQ(client.Post("/account.php", form)->body, "account_inused\n");
+
+  Reply config = Entry(host_->port(), "TALV.Core.PellixCenter.Login", 1, "pkce_config_get");
+  ASSERT_TRUE(config.body["success"].asBool()) << config.body;
+  const Json::Value login = config.body["data"]["login"];
+  EXPECT_EQ(login["code_challenge_method"], "S256");
+  Reply created = Entry(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
+  vars_["challenge"] = created.body["data"]["challenge"].asString();
+  Json::Value authorize;
+  authorize["email"] = "ada@example.com";
+  authorize["password"] = "secret1";
+  authorize["code_challenge"] = vars_["challenge"];
+  EXPECT_EQ(PostForm(host_->port(), "/sim/authorize", J(R"({"email":"ada@example.com","password":"x",
+                                                             "code_challenge":"abc"})")).status, 400);
+  Reply grant = PostForm(host_->port(), "/sim/authorize", authorize);
+  ASSERT_EQ(grant.status, 200) << grant.body;
+  vars_["code"] = grant.body["grant_code"].asString();
+  vars_["client"] = login["client_id"].asString();
+  vars_["redirect"] = login["redirect_uri"].asString();
+  const std::string exchange = R"({"code_challenge":"$challenge","grant_code":"$code","client_id":"$client",
+                                   "token_endpoint":"-","redirect_uri":"$redirect"})";
+  Run({
+      {"PKCE sign-in", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange,
+       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})"},
+      {"signed in", kCenter, 2, "query", "{}",
+       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true,
+           "critical_version_domain":"critical.pellix.example","is_logged_in":true}})"},
+      {"PKCE sign-out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}", R"({"success":true,"data":null})"},
+      {"nobody to sign out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}",
+       R"({"success":false,"error":{"code":3000,"details":null}})"},
+      {"a code signs in once", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange,
+       R"({"success":false,"error":{"code":3004,"details":null}})"},
+      {"a challenge the device never made", "TALV.Core.PellixCenter.Login", 1, "pkce_login",
+       R"({"code_challenge":"x","grant_code":"$code","client_id":"$client","token_endpoint":"-",
+           "redirect_uri":"$redirect"})",
+       R"({"success":false,"error":{"code":3003,"details":null}})"},
+  });
+}
+
+// Both registrations reach the same accounts: version 2 through the device's
+// library, version 1 by the module's own HTTPS form post to account.php.
+TEST_F(ServeTest, RegistrationByBothVersions) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  const std::string ada = R"({"account":"ada@example.com","password":"secret1","fullname":"Ada Lovelace",
+                              "critical_release":true})";
+  Run({
+      {"version 2 signs the device in", kCenter, 2, "register", ada, R"({"success":true,"data":{}})"},
+      {"signed in with it", kCenter, 2, "query", "{}",
+       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true,
+           "critical_version_domain":"critical.pellix.example","is_logged_in":true}})"},
+      {"not over a signed-in account", kCenter, 2, "register",
+       R"({"account":"bob@example.com","password":"secret1","fullname":"Bob","critical_release":false})",
+       R"({"success":false,"error":{"code":3010,"details":{"account":"ada@example.com","auth_key":"<any>",
+           "activated":true}}})"},
+      {"sign out", kCenter, 2, "logout", "{}", R"({"success":true,"data":null})"},
+      {"version 2, address taken", kCenter, 2, "register", ada,
+       R"({"success":false,"error":{"code":3005,"details":{}}})"},
+      {"version 1, address taken", kCenter, 1, "register",
+       R"({"account":"ADA@example.com","password":"secret1","fullname":"Ada L"})",
+       R"({"success":false,"error":{"code":3005,"details":null}})"},
+      {"version 1 creates the account", kCenter, 1, "register",
+       R"({"account":"carol@example.com","password":"secret3","fullname":"Carol C"})",
+       R"({"success":true,"data":null})"},
+      {"and does not sign in", kCenter, 2, "query", "{}", kSignedOut},
+      {"the account signs in", kCenter, 2, "login", R"({"account":"carol@example.com","password":"secret3"})",
+       R"({"success":true,"data":{"account":"carol@example.com","auth_key":"<any>","activated":true}})"},
+  });
+}
+
+// What serve prints at start works as shown, pasted into a shell in order.
+TEST_F(ServeTest, AnnouncedCurlLinesWork) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  const std::string& text = host_->announcement();
+  const char* expected[] = {
+      R"({"success":true,"data":{"is_logged_in":false}})",
+      R"({"success":true,"data":{}})",
+      R"({"success":true,"data":{"full_name":"Ada Lovelace","email":"ada@example.com","country":"",
+          "notify_language":"enu","enews":false,"critical_release":true,"enews_local_promotion":false,
+          "critical_version_list":"","critical_version_domain":"critical.pellix.example"}})",
+      R"({"success":true,"data":null})",
+      R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})",
+  };
+  size_t n = 0;
+  for (size_t at = 0; (at = text.find("\n  curl ", at)) != std::string::npos; ++n) {
+    const std::string line = text.substr(at + 3, text.find('\n', at + 1) - at - 3);
+    at += 1;
+    ASSERT_LT(n, std::size(expected)) << line;
+    std::string out;
+    EXPECT_EQ(RunCommand(line, &out), 0) << line;
+    EXPECT_TRUE(Matches(J(expected[n]), J(out))) << line << "\n" << out;
+  }
+  EXPECT_EQ(n, std::size(expected));
+}
+
+TEST(Demo, Completes) {
+  std::string out, err;
+  EXPECT_EQ(RunCommand("'" WEBAPI_HOST "' demo", &out, &err), 0) << out << err;
+  EXPECT_NE(out.find("Every step answered as expected."), std::string::npos) << out;
+  EXPECT_EQ(out.find("NOT AS EXPECTED"), std::string::npos) << out;
+}
+
+TEST_F(ServeTest, StateSurvivesRestartAndKill) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Register("ada@example.com", "secret1");
+  Reply in = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
+  ASSERT_TRUE(in.body["success"].asBool()) << in.body;
+  const std::string serial = vars_["serial"];
+  EXPECT_EQ(host_->Stop(SIGTERM), 0);
+
+  ASSERT_NO_FATAL_FAILURE(Start());
+  EXPECT_EQ(vars_["serial"], serial) << "the device keeps its serial";
+  Reply q = Entry(host_->port(), kCenter, 2, "query");
+  EXPECT_EQ(q.body["data"]["auth_key"], in.body["data"]["auth_key"]) << q.body;
+
+  // Killed while profile changes are under way: every change that was
+  // answered is there after a restart, and the database opens.
+  std::atomic<int> answered{0};
+  std::atomic<bool> stop{false};
+  std::thread writer([&] {
+    for (int n = 0; !stop; ++n) {
+      Reply r = Entry(host_->port(), kAccount, 1, "set", J("{\"critical_version_list\":\"" + std::to_string(n) + "\"}"));
+      if (r.status != 200) break;
+      answered = n;
+    }
+  });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
+  while (answered < 20 && std::chrono::steady_clock::now() < deadline)
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  EXPECT_EQ(host_->Stop(SIGKILL), -SIGKILL);
+  stop = true;
+  writer.join();
+  const int last = answered;
+
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Reply get = Entry(host_->port(), kAccount, 1, "get");
+  ASSERT_TRUE(get.body["success"].asBool()) << get.body;
+  const int kept = std::stoi(get.body["data"]["critical_version_list"].asString());
+  EXPECT_GE(kept, last);
+  EXPECT_LE(kept, last + 1);  // the one under way when killed may have committed
+}
+
+TEST_F(ServeTest, ConcurrentClientsAllAnsweredNothingLost) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Register("ada@example.com", "secret1");
+  ASSERT_TRUE(Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"))
+                  .body["success"]
+                  .asBool());
+  constexpr int kClients = 8, kRequests = 200;
+  std::vector<std::set<std::string>> keys(kClients), challenges(kClients);
+  std::vector<int> wrong(kClients, 0);
+  std::vector<std::thread> clients;
+  const auto start = std::chrono::steady_clock::now();
+  for (int c = 0; c < kClients; ++c) {
+    clients.emplace_back([&, c] {
+      for (int n = 0; n < kRequests; ++n) {
+        Reply r;
+        switch (n % 4) {
+          case 0:  // a read
+            r = Entry(host_->port(), kCenter, 2, "query");
+            if (r.body["data"]["account"] != "ada@example.com") ++wrong[c];
+            break;
+          case 1:  // a write of the service: a new key for the binding
+            r = Entry(host_->port(), kCenter, 2, "handle_apikey_error", J(R"({"apikey_error":"expired"})"));
+            keys[c].insert(r.body["data"]["auth_key"].asString());
+            break;
+          case 2:  // the host's own API
+            r = Entry(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
+            challenges[c].insert(r.body["data"]["challenge"].asString());
+            break;
+          default:  // a refusal
+            r = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"x@example.com","password":"123456"})"));
+            if (r.body["error"]["code"] != 3010) ++wrong[c];
+        }
+        if (r.status != 200 || (n % 4 != 3 && !r.body["success"].asBool())) ++wrong[c];
+      }
+    });
+  }
+  for (std::thread& t : clients) t.join();
+  const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  std::set<std::string> allKeys, allChallenges;
+  for (int c = 0; c < kClients; ++c) {
+    EXPECT_EQ(wrong[c], 0) << "client " << c;
+    allKeys.insert(keys[c].begin(), keys[c].end());
+    allChallenges.insert(challenges[c].begin(), challenges[c].end());
+  }
+  EXPECT_EQ(allKeys.size(), size_t{kClients * kRequests / 4});
+  EXPECT_EQ(allChallenges.size(), size_t{kClients * kRequests / 4});
+  std::printf("[ measure  ] %d requests from %d clients in %.2f s: %.0f requests/s\n", kClients * kRequests, kClients,
+              seconds, kClients * kRequests / seconds);
+  EXPECT_EQ(host_->Stop(SIGTERM), 0);
+
+  // Every key the service handed out is in its database, one per sign-in
+  // and one per renewal, and the binding holds the last of them.
+  const std::string log = host_->Log();
+  size_t lines = 0;
+  for (size_t at = 0; (at = log.find(" TALV.", at)) != std::string::npos; ++at) ++lines;
+  EXPECT_GE(lines, size_t{kClients * kRequests});
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open_v2((dir_.path() + "/state/service/account.db").c_str(), &db, SQLITE_OPEN_READONLY, nullptr),
+            SQLITE_OK);
+  sqlite3_stmt* count = nullptr;
+  ASSERT_EQ(sqlite3_prepare_v2(db, "SELECT COUNT(*) FROM auth_keys", -1, &count, nullptr), SQLITE_OK);
+  ASSERT_EQ(sqlite3_step(count), SQLITE_ROW);
+  EXPECT_EQ(sqlite3_column_int(count, 0), 1 + kClients * kRequests / 4);
+  sqlite3_finalize(count);
+  sqlite3_close(db);
+}
+
+TEST_F(ServeTest, MalformedRequestsAreRefused) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  httplib::Client client("127.0.0.1", host_->port());
+  struct Case {
+    const char* what;
+    const char* method;  // HTTP
+    const char* target;
+    std::string body;
+    const char* contentType;
+    int status;
+    int code;
+  } cases[] = {
+      {"no api", "GET", "/webapi/entry?version=2&method=query", "", "", 400, 101},
+      {"no method", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=2", "", "", 400, 101},
+      {"version not a number", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=two&method=query", "", "",
+       400, 101},
+      {"unknown API", "GET", "/webapi/entry?api=TALV.Nothing&version=1&method=query", "", "", 404, 102},
+      {"no such method", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=nothing", "", "", 404, 103},
+      {"no such version", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=1&method=query", "", "", 404, 103},
+      {"API without that version", "GET", "/webapi/entry?api=TALV.Core.PellixCenter.Account&version=2&method=get",
+       "", "", 404, 104},
+      {"field that is broken JSON", "GET",
+       "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=login&account=%7Bx&password=1", "", "", 400, 101},
+      {"field given twice", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=query&a=1&a=2", "", "",
+       400, 101},
+      {"body not JSON", "POST", "/webapi/entry", "{\"api\":", "application/json", 400, 101},
+      {"body an array", "POST", "/webapi/entry", "[1]", "application/json", 400, 101},
+      {"JSON body repeats a field", "POST", "/webapi/entry?api=TALV.Core.PellixCenter",
+       R"({"api":"TALV.Core.PellixCenter","version":2,"method":"query"})", "application/json", 400, 101},
+      {"body of another kind", "POST", "/webapi/entry", "api=1", "text/plain", 400, 101},
+      {"oversized body", "POST", "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=query",
+       std::string(65 * 1024, 'a'), "application/octet-stream", 413, 106},
+      {"other path", "GET", "/webapi/other", "", "", 404, 101},
+      {"verifier for a user not root", "GET",
+       "/webapi/entry?api=TALV.Remote.Credential.Verifier&version=1&method=get&challenge=x", "", "", 403, 105},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    httplib::Result r = std::string(c.method) == "GET" ? client.Get(c.target)
+                                                         : client.Post(c.target, c.body, c.contentType);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, c.status) << r->body;
+    Json::Value body = J(r->body);
+    EXPECT_EQ(body["success"], false);
+    EXPECT_EQ(body["error"]["code"], c.code) << r->body;
+    EXPECT_TRUE(body["error"]["details"]["reason"].isString()) << r->body;
+  }
+  // The host is still serving.
+  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+}
+
+TEST_F(ServeTest, FieldsKeepTheirTypes) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Register("ada@example.com", "000123");
+  httplib::Client client("127.0.0.1", host_->port());
+  auto form = [&](const std::string& fields) {
+    httplib::Result r = client.Post("/webapi/entry", fields, "application/x-www-form-urlencoded");
+    return r ? J(r->body) : Json::Value();
+  };
+  // A password of digits stays text; so does a name of digits.
+  EXPECT_EQ(form("api=TALV.Core.PellixCenter&version=2&method=login&account=ada%40example.com&password=000123")
+                ["success"],
+            true);
+  EXPECT_EQ(form("api=TALV.Core.PellixCenter.Account&version=1&method=set&full_name=12345&enews=true"),
+            J(R"({"success":true,"data":null})"));
+  EXPECT_EQ(form("api=TALV.Core.PellixCenter.Account&version=1&method=set&country=%22%7B%7D%22&critical_release=false"),
+            J(R"({"success":true,"data":null})"));
+  Json::Value got = form("api=TALV.Core.PellixCenter.Account&version=1&method=get");
+  EXPECT_EQ(got["data"]["full_name"], "12345");
+  EXPECT_EQ(got["data"]["enews"], true);
+  EXPECT_EQ(got["data"]["critical_release"], false);
+  EXPECT_EQ(got["data"]["country"], "{}") << "a quoted string is that string";
+  // A quoted "true" is a string, which the module will not take as a flag:
+  // the handler throws and the host answers 100.
+  EXPECT_EQ(form("api=TALV.Core.PellixCenter.Account&version=1&method=set&enews=%22true%22")["error"]["code"], 100);
+}
+
+TEST_F(ServeTest, UnusableStateIsRefusedWithAMessage) {
+  const std::string state = dir_.path() + "/state";
+  ASSERT_EQ(std::system(("mkdir -p '" + state + "/service'").c_str()), 0);
+  std::ofstream(state + "/service/account.db") << "this is not a database, and it is long enough to say so clearly";
+  std::ofstream(dir_.path() + "/file") << "x";
+  struct Case {
+    std::string state;
+    const char* says;
+  } cases[] = {
+      {state, "account.db: not a usable database"},
+      {dir_.path() + "/file", "cannot use"},
+      {dir_.path() + "/file/below", "cannot use"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.state);
+    std::string out, err;
+    EXPECT_EQ(RunCommand("'" WEBAPI_HOST "' serve --port 0 --state '" + c.state + "'", &out, &err), 1);
+    EXPECT_NE(err.find(c.says), std::string::npos) << err;
+    EXPECT_EQ(out, "");
+  }
+}
+
+}  // namespace
+}  // namespace pellixtest

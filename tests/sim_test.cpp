@@ -1,0 +1,414 @@
+// The simulated account service's rules, on a database of its own.
+#include <gtest/gtest.h>
+#include <json/writer.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <fstream>
+
+#include "account_php.h"
+#include "service.h"
+#include "talv/cloud.h"
+
+namespace pellixsim {
+namespace {
+
+const char kSerial[] = "Q21CA00042";
+
+class ServiceTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    char dir[] = "/tmp/pellix-sim-XXXXXX";
+    ASSERT_NE(mkdtemp(dir), nullptr);
+    dir_ = dir;
+    std::string error;
+    store_ = Store::Open(dir_ + "/account.db", &error);
+    ASSERT_NE(store_, nullptr) << error;
+    Options options;
+    options.passwordIterations = 1000;  // the rules, not the cost, are under test here
+    options.baseUrl = "http://127.0.0.1:1";
+    options.now = [this] { return now_; };
+    service_.reset(new Service(store_.get(), options));
+  }
+  void TearDown() override {
+    service_.reset();
+    store_.reset();
+    std::system(("rm -rf '" + dir_ + "'").c_str());
+  }
+
+  NewAccount Account(const std::string& email, const std::string& password = "secret1") {
+    NewAccount a;
+    a.email = email;
+    a.password = password;
+    a.fullName = "Ada Lovelace";
+    return a;
+  }
+  std::string Grant(const std::string& verifier, const std::string& email = "ada@example.com") {
+    std::string code;
+    EXPECT_EQ(service_->IssueGrant(email, "secret1", kClientId, "app:/done", S256Challenge(verifier), "S256", &code),
+              kOk);
+    return code;
+  }
+
+  std::string dir_;
+  int64_t now_ = 1767225600;  // 2026-01-01
+  std::unique_ptr<Store> store_;
+  std::unique_ptr<Service> service_;
+};
+
+TEST(Password, HashIsSaltedAndVerifiesOnlyTheSamePassword) {
+  PasswordHash a = HashPassword("correct horse", 2000);
+  PasswordHash b = HashPassword("correct horse", 2000);
+  EXPECT_EQ(a.iterations, 2000);
+  EXPECT_EQ(a.salt.size(), 32u);
+  EXPECT_EQ(a.hash.size(), 64u);
+  EXPECT_NE(a.salt, b.salt);
+  EXPECT_NE(a.hash, b.hash);
+  EXPECT_TRUE(VerifyPassword("correct horse", a));
+  EXPECT_TRUE(VerifyPassword("correct horse", b));
+  EXPECT_FALSE(VerifyPassword("correct hors", a));
+  EXPECT_FALSE(VerifyPassword("", a));
+  // The iteration count is part of the hash: a record with another count fails.
+  PasswordHash other = a;
+  other.iterations = 2001;
+  EXPECT_FALSE(VerifyPassword("correct horse", other));
+  other.iterations = 0;
+  EXPECT_FALSE(VerifyPassword("correct horse", other));
+}
+
+TEST(Password, Pbkdf2OfAKnownVector) {
+  // PBKDF2-HMAC-SHA256 of "password" over "salt", one round, 32 bytes: the
+  // widely published vector.
+  PasswordHash known{"salt", "120fb6cffcf8b32c43e7225256c4f837a86548c92ccc35480805987cb70be17b", 1};
+  EXPECT_TRUE(VerifyPassword("password", known));
+}
+
+TEST(Pkce, S256OfTheRfc7636Example) {
+  EXPECT_EQ(S256Challenge("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"), "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM");
+  // BASE64URL, no padding: 43 characters without '+', '/' or '='.
+  for (const char* verifier : {"", "a", "~~~~", "0123456789"}) {
+    std::string c = S256Challenge(verifier);
+    EXPECT_EQ(c.size(), 43u) << verifier;
+    EXPECT_EQ(c.find_first_of("+/="), std::string::npos) << c;
+  }
+}
+
+TEST_F(ServiceTest, RegistrationRules) {
+  ASSERT_EQ(service_->Register(kSerial, Account("Ada@Example.com")), kOk);
+  struct Case {
+    const char* what;
+    NewAccount account;
+    uint32_t error;
+  } cases[] = {
+      {"same address", Account("Ada@Example.com"), kInUse},
+      {"same address, other case", Account("ada@EXAMPLE.COM"), kInUse},
+      {"no domain", Account("ada@"), kBadParam},
+      {"blank in address", Account("ada lovelace@example.com"), kBadParam},
+      {"short password", Account("bob@example.com", "12345"), kBadParam},
+      {"long password", Account("bob@example.com", std::string(129, 'p')), kBadParam},
+      {"another address", Account("bob@example.com", "123456"), kOk},
+  };
+  for (const Case& c : cases) EXPECT_EQ(service_->Register(kSerial, c.account), c.error) << c.what;
+  NewAccount noName = Account("carol@example.com");
+  noName.fullName = "C";
+  EXPECT_EQ(service_->Register(kSerial, noName), kBadParam);
+  // Registering does not sign the device in.
+  Json::Value info;
+  EXPECT_EQ(service_->Query(kSerial, &info), kNotSignedIn);
+}
+
+TEST_F(ServiceTest, OneDeviceRegistersAtMostFiveAccounts) {
+  for (int i = 0; i < 5; ++i)
+    ASSERT_EQ(service_->Register(kSerial, Account("user" + std::to_string(i) + "@example.com")), kOk);
+  EXPECT_EQ(service_->Register(kSerial, Account("user5@example.com")), kSerialLimit);
+  EXPECT_EQ(service_->Register("OTHER", Account("user5@example.com")), kOk);
+}
+
+TEST_F(ServiceTest, SignInBindsTheDeviceWithANewKey) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  EXPECT_EQ(info["email"], "ada@example.com");
+  const std::string firstKey = info["auth_key"].asString();
+  EXPECT_EQ(firstKey.size(), 32u);
+  EXPECT_EQ(info["activated"], true);
+  EXPECT_EQ(info["full_name"], "Ada Lovelace");
+  for (const char* member : {"critical_version_domain", "country", "notify_language", "enews", "critical_release",
+                             "enews_local_promotion", "critical_version_list"})
+    EXPECT_TRUE(info.isMember(member)) << member;
+
+  Json::Value again;
+  ASSERT_EQ(service_->SignIn(kSerial, "ADA@example.com", "secret1", &again), kOk);
+  EXPECT_NE(again["auth_key"].asString(), firstKey);
+  Json::Value queried;
+  ASSERT_EQ(service_->Query(kSerial, &queried), kOk);
+  EXPECT_EQ(queried["auth_key"], again["auth_key"]);
+  // Another device is not signed in by this.
+  Json::Value none;
+  EXPECT_EQ(service_->Query("OTHER", &none), kNotSignedIn);
+}
+
+TEST_F(ServiceTest, SignInRefusals) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  const std::string key = info["auth_key"].asString();
+  ASSERT_EQ(service_->SignOut(kSerial), kOk);
+
+  EXPECT_EQ(service_->SignIn(kSerial, "ada@example.com", "secret2", &info), kBadAuth);
+  EXPECT_EQ(service_->SignIn(kSerial, "nobody@example.com", "secret1", &info), kBadAuth);
+  EXPECT_EQ(service_->SignInByKey(kSerial, kSerial, "0123", &info), kBadAuth);
+  // A key is good only with the serial it was issued to.
+  EXPECT_EQ(service_->SignInByKey(kSerial, "OTHER", key, &info), kBadAuth);
+  EXPECT_EQ(service_->SignInByToken(kSerial, "no-such-token", &info), kBadAuth);
+  Json::Value none;
+  EXPECT_EQ(service_->Query(kSerial, &none), kNotSignedIn);
+
+  // The key of an earlier sign-in signs in again after a sign-out.
+  Json::Value byKey;
+  EXPECT_EQ(service_->SignInByKey(kSerial, kSerial, key, &byKey), kOk);
+  EXPECT_EQ(byKey["email"], "ada@example.com");
+  EXPECT_EQ(byKey["auth_key"], key) << "the binding keeps the key it was made with";
+}
+
+TEST_F(ServiceTest, SignOutTwiceReportsNoAccount) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  EXPECT_EQ(service_->SignOut(kSerial), kOk);
+  EXPECT_EQ(service_->SignOut(kSerial), kNotSignedIn);
+  Json::Value answer;
+  EXPECT_EQ(service_->Update(kSerial, ProfileChange()), kNotSignedIn);
+  EXPECT_EQ(service_->Purchases(kSerial, PurchaseQuery(), &answer), kNotSignedIn);
+  EXPECT_EQ(service_->ApiKeyError(kSerial, "expired", &answer), kNotSignedIn);
+}
+
+TEST_F(ServiceTest, AccessTokensExpire) {
+  ASSERT_EQ(service_->Register(kSerial, Account("ada@example.com")), kOk);
+  std::string token;
+  EXPECT_EQ(service_->IssueAccessToken("ada@example.com", "wrong!", &token), kBadAuth);
+  ASSERT_EQ(service_->IssueAccessToken("ada@example.com", "secret1", &token), kOk);
+  Json::Value info;
+  EXPECT_EQ(service_->SignInByToken(kSerial, token, &info), kOk);
+  EXPECT_EQ(info["email"], "ada@example.com");
+  // A token may sign in again while it lasts, not after.
+  now_ += 3599;
+  EXPECT_EQ(service_->SignInByToken(kSerial, token, &info), kOk);
+  now_ += 1;
+  EXPECT_EQ(service_->SignInByToken(kSerial, token, &info), kBadAuth);
+}
+
+TEST_F(ServiceTest, GrantIsSingleUseAndChecked) {
+  ASSERT_EQ(service_->Register(kSerial, Account("ada@example.com")), kOk);
+  const std::string verifier = "dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk";
+  Json::Value info;
+
+  const std::string code = Grant(verifier);
+  ASSERT_EQ(code.size(), 32u);
+  EXPECT_EQ(service_->SignInByGrant(kSerial, kClientId, code, verifier, "app:/done", &info), kOk);
+  EXPECT_EQ(info["email"], "ada@example.com");
+  EXPECT_EQ(service_->SignInByGrant(kSerial, kClientId, code, verifier, "app:/done", &info), kBadAuth)
+      << "a code signs in once";
+
+  // Each mismatch refuses the exchange and spends the code.
+  struct Case {
+    const char* what;
+    std::string client, verifier, redirect;
+  } cases[] = {
+      {"wrong verifier", kClientId, verifier + "x", "app:/done"},
+      {"other client", "someone-else", verifier, "app:/done"},
+      {"other redirect", kClientId, verifier, "app:/elsewhere"},
+      {"challenge given as verifier", kClientId, S256Challenge(verifier), "app:/done"},
+  };
+  for (const Case& c : cases) {
+    const std::string spent = Grant(verifier);
+    EXPECT_EQ(service_->SignInByGrant(kSerial, c.client, spent, c.verifier, c.redirect, &info), kBadAuth) << c.what;
+    EXPECT_EQ(service_->SignInByGrant(kSerial, kClientId, spent, verifier, "app:/done", &info), kBadAuth) << c.what;
+  }
+  EXPECT_EQ(service_->SignInByGrant(kSerial, kClientId, "no-such-code", verifier, "app:/done", &info), kBadAuth);
+
+  // A code lasts five minutes.
+  const std::string late = Grant(verifier);
+  now_ += 300;
+  EXPECT_EQ(service_->SignInByGrant(kSerial, kClientId, late, verifier, "app:/done", &info), kBadAuth);
+  now_ -= 1;
+  const std::string inTime = Grant(verifier);
+  now_ += 299;
+  EXPECT_EQ(service_->SignInByGrant(kSerial, kClientId, inTime, verifier, "app:/done", &info), kOk);
+}
+
+TEST_F(ServiceTest, GrantRequest) {
+  ASSERT_EQ(service_->Register(kSerial, Account("ada@example.com")), kOk);
+  const std::string challenge = S256Challenge("v");
+  std::string code;
+  EXPECT_EQ(service_->IssueGrant("ada@example.com", "secret1", kClientId, "r", challenge, "plain", &code), kBadParam);
+  EXPECT_EQ(service_->IssueGrant("ada@example.com", "secret1", kClientId, "r", "short", "S256", &code), kBadParam);
+  EXPECT_EQ(service_->IssueGrant("ada@example.com", "secret1", "", "r", challenge, "S256", &code), kBadParam);
+  EXPECT_EQ(service_->IssueGrant("ada@example.com", "nope!!", kClientId, "r", challenge, "S256", &code), kBadAuth);
+  EXPECT_EQ(service_->IssueGrant("ada@example.com", "secret1", kClientId, "r", challenge, "S256", &code), kOk);
+}
+
+TEST_F(ServiceTest, ProfileChanges) {
+  Json::Value info;
+  ASSERT_EQ(service_->Register(kSerial, Account("bob@example.com")), kOk);
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+
+  ProfileChange c;
+  c.fullName = "Ada King";
+  c.country = "GB";
+  c.enews = 1;
+  c.criticalRelease = 0;
+  c.criticalVersionList = "5.2,5.3";
+  ASSERT_EQ(service_->Update(kSerial, c), kOk);
+  ASSERT_EQ(service_->Query(kSerial, &info), kOk);
+  EXPECT_EQ(info["full_name"], "Ada King");
+  EXPECT_EQ(info["country"], "GB");
+  EXPECT_EQ(info["enews"], true);
+  EXPECT_EQ(info["critical_release"], false);
+  EXPECT_EQ(info["enews_local_promotion"], false) << "not given: unchanged";
+  EXPECT_EQ(info["critical_version_list"], "5.2,5.3");
+
+  struct Case {
+    const char* what;
+    ProfileChange change;
+    uint32_t error;
+  } cases[4];
+  cases[0] = {"address of another account", ProfileChange(), kInUse};
+  cases[0].change.email = "BOB@example.com";
+  cases[1] = {"new password without the current one", ProfileChange(), kBadParam};
+  cases[1].change.newPassword = "another1";
+  cases[2] = {"wrong current password", ProfileChange(), kBadAuth};
+  cases[2].change.newPassword = "another1";
+  cases[2].change.currentPassword = "secret2";
+  cases[3] = {"malformed address", ProfileChange(), kBadParam};
+  cases[3].change.email = "ada";
+  for (const Case& k : cases) EXPECT_EQ(service_->Update(kSerial, k.change), k.error) << k.what;
+
+  ProfileChange password;
+  password.currentPassword = "secret1";
+  password.newPassword = "another1";
+  password.email = "ada.king@example.com";
+  ASSERT_EQ(service_->Update(kSerial, password), kOk);
+  EXPECT_EQ(service_->SignIn(kSerial, "ada@example.com", "another1", &info), kBadAuth);
+  EXPECT_EQ(service_->SignIn(kSerial, "ada.king@example.com", "secret1", &info), kBadAuth);
+  EXPECT_EQ(service_->SignIn(kSerial, "ada.king@example.com", "another1", &info), kOk);
+}
+
+TEST_F(ServiceTest, PurchaseHistoryFilters) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  auto count = [&](const char* from, const char* to, Json::Value apps, uint32_t expected) {
+    PurchaseQuery q;
+    q.language = "ger";
+    q.dateFrom = from;
+    q.dateTo = to;
+    q.apps = apps;
+    Json::Value result(Json::objectValue);
+    EXPECT_EQ(service_->Purchases(kSerial, q, &result), expected);
+    return result["total"].asInt();
+  };
+  Json::Value trial(Json::arrayValue), other(Json::arrayValue);
+  trial.append("cloud_backup_trial");
+  other.append("something_else");
+  EXPECT_EQ(count(nullptr, nullptr, Json::Value(), kOk), 1);
+  EXPECT_EQ(count("2026-01-01", "2026-01-01", trial, kOk), 1);
+  EXPECT_EQ(count("2026-01-02", nullptr, Json::Value(), kOk), 0);
+  EXPECT_EQ(count(nullptr, "2025-12-31", Json::Value(), kOk), 0);
+  EXPECT_EQ(count(nullptr, nullptr, other, kOk), 0);
+  count("yesterday", nullptr, Json::Value(), kBadParam);
+  count(nullptr, nullptr, Json::Value("cloud_backup_trial"), kBadParam);
+
+  PurchaseQuery q;
+  q.language = "ger";
+  Json::Value result(Json::objectValue);
+  ASSERT_EQ(service_->Purchases(kSerial, q, &result), kOk);
+  EXPECT_EQ(result["purchases"][0]["name"], "Cloud-Sicherung, 30 Tage zur Probe");
+  EXPECT_EQ(result["purchases"][0]["serial"], kSerial);
+  EXPECT_EQ(result["purchases"][0]["date"], "2026-01-01");
+}
+
+TEST_F(ServiceTest, ApiKeyErrors) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  Json::Value answer;
+  EXPECT_EQ(service_->ApiKeyError(kSerial, "whatever", &answer), kBadParam);
+  ASSERT_EQ(service_->ApiKeyError(kSerial, "expired", &answer), kOk);
+  EXPECT_NE(answer["auth_key"], info["auth_key"]);
+  ASSERT_EQ(service_->Query(kSerial, &info), kOk);
+  EXPECT_EQ(answer["auth_key"], info["auth_key"]);
+  ASSERT_EQ(service_->ApiKeyError(kSerial, "revoked", &answer), kOk);
+  EXPECT_EQ(service_->Query(kSerial, &info), kNotSignedIn);
+}
+
+TEST_F(ServiceTest, StateSurvivesReopening) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  service_.reset();
+  store_.reset();
+  std::string error;
+  store_ = Store::Open(dir_ + "/account.db", &error);
+  ASSERT_NE(store_, nullptr) << error;
+  Options options;
+  service_.reset(new Service(store_.get(), options));
+  Json::Value again;
+  ASSERT_EQ(service_->Query(kSerial, &again), kOk);
+  EXPECT_EQ(again["auth_key"], info["auth_key"]);
+}
+
+TEST_F(ServiceTest, AccountFormKeywords) {
+  char token[33];
+  ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken(kSerial, token, sizeof(token)), 0);
+  using Form = std::multimap<std::string, std::string>;
+  auto form = [&](const std::string& email, const std::string& password = "secret1") {
+    return Form{{"serial", kSerial}, {"token", token},       {"action", "register"}, {"email", email},
+                {"passwd", password}, {"full_name", "Ada L"}, {"notify_lang", "ger"},  {"timezone", "Europe/Berlin"},
+                {"serial", kSerial}};
+  };
+  Form wrongToken = form("eve@example.com");
+  wrongToken.find("token")->second = "0123";
+  Form noAction = form("eve@example.com");
+  noAction.erase("action");
+  struct Case {
+    const char* what;
+    Form form;
+    const char* keyword;
+  } cases[] = {
+      {"new account", form("ada@example.com"), "good"},
+      {"same address", form("ADA@example.com"), "account_inused"},
+      {"token of another device", wrongToken, "badauth"},
+      {"no action", noAction, "badparam"},
+      {"short password", form("bob@example.com", "12345"), "badparam"},
+      {"second", form("u2@example.com"), "good"},
+      {"third", form("u3@example.com"), "good"},
+      {"fourth", form("u4@example.com"), "good"},
+      {"fifth", form("u5@example.com"), "good"},
+      {"one too many for the device", form("u6@example.com"), "serial_exceed_max_account_register"},
+  };
+  for (const Case& c : cases) EXPECT_EQ(AnswerAccountForm(service_.get(), c.form), c.keyword) << c.what;
+  // What the form carried is the account's.
+  Json::Value info;
+  ASSERT_EQ(service_->SignIn(kSerial, "ada@example.com", "secret1", &info), kOk);
+  EXPECT_EQ(info["notify_language"], "ger");
+  EXPECT_EQ(info["full_name"], "Ada L");
+}
+
+TEST(Store, RefusesWhatIsNotItsDatabase) {
+  char dir[] = "/tmp/pellix-store-XXXXXX";
+  ASSERT_NE(mkdtemp(dir), nullptr);
+  const std::string base = dir;
+  std::ofstream(base + "/garbage.db") << std::string(4096, 'x');
+  struct Case {
+    std::string path;
+    const char* says;
+  } cases[] = {
+      {base + "/garbage.db", "not a usable database"},
+      {base + "/missing/folder/account.db", "cannot open"},
+  };
+  for (const Case& c : cases) {
+    std::string error;
+    EXPECT_EQ(Store::Open(c.path, &error), nullptr) << c.path;
+    EXPECT_NE(error.find(c.says), std::string::npos) << error;
+    EXPECT_EQ(error.find(c.path), 0u) << error;
+  }
+  std::system(("rm -rf '" + base + "'").c_str());
+}
+
+}  // namespace
+}  // namespace pellixsim
