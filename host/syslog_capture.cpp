@@ -30,10 +30,10 @@ void Record(int priority, const char* format, va_list args) {
   int n = std::vsnprintf(nullptr, 0, format, copy);
   va_end(copy);
   std::string text(n > 0 ? static_cast<size_t>(n) : 0, '\0');
-  if (n > 0) std::vsnprintf(&text[0], text.size() + 1, format, args);
+  if (n > 0) (void)std::vsnprintf(&text[0], text.size() + 1, format, args);
   Sink& s = S();
   std::lock_guard<std::mutex> lock(s.mu);
-  if (s.echo) std::fprintf(s.echo, "<%d> %s\n", priority, text.c_str());
+  if (s.echo) (void)std::fprintf(s.echo, "<%d> %s\n", priority, text.c_str());
   s.history.push_back(Line{priority, text});
   if (s.history.size() > kHistoryLimit) s.history.pop_front();
   s.lines.push_back(Line{priority, std::move(text)});
@@ -81,10 +81,12 @@ __attribute__((visibility("default"))) void syslog(int priority, const char* for
 }
 
 // The forms a module built with _FORTIFY_SOURCE calls.
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's own name
 __attribute__((visibility("default"))) void __vsyslog_chk(int priority, int, const char* format, va_list args) {
   syslogcapture::Record(priority, format, args);
 }
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the C library's own name
 __attribute__((visibility("default"))) void __syslog_chk(int priority, int, const char* format, ...) {
   va_list args;
   va_start(args, format);

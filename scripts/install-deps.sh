@@ -8,6 +8,7 @@ packages=(
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev openssl ca-certificates curl
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libsqlite3-dev
   valgrind clang libclang-rt-14-dev
+  abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format
   chromium chromium-driver python3-selenium
 )
 

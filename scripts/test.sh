@@ -1,8 +1,9 @@
 #!/usr/bin/env bash
 # Installs what is missing, builds every tree and runs its tests: the
 # sanitizer tree, the valgrind tree (every test under memcheck), the fuzz tree
-# (each libFuzzer target for PELLIX_FUZZ_SECONDS, 60 by default), and last the
-# release tree, so that the output ends with ctest's own summary.
+# (each libFuzzer target for PELLIX_FUZZ_SECONDS, 60 by default), the coverage
+# tree (fails below its threshold), and last the release tree with the ABI
+# check, so that the output ends with ctest's own summary.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -20,6 +21,9 @@ ctest --preset valgrind -j "$jobs"
 cmake --preset fuzz -DPELLIX_FUZZ_SECONDS="${PELLIX_FUZZ_SECONDS:-60}" >/dev/null
 cmake --build --preset fuzz -j "$jobs"
 ctest --preset fuzz -j "$jobs"
+
+bash scripts/coverage.sh
+bash scripts/analyze.sh
 
 cmake --preset default >/dev/null
 cmake --build --preset default -j "$jobs"

@@ -77,7 +77,7 @@ class PellixException : public std::exception {
 class AccountPkceService {
  public:
   AccountPkceService();
-  ~AccountPkceService();
+  ~AccountPkceService();  // NOLINT(performance-trivially-destructible): the library's, defined out of line
   AccountPkceService(const AccountPkceService&) = delete;
   AccountPkceService& operator=(const AccountPkceService&) = delete;
 

@@ -27,7 +27,7 @@ int TALVCloudServiceQbtokenGenerateToken(const char* serial, char* token, int to
   std::string input = std::string(serial) + ":" + kDeviceSecret;
   unsigned char digest[SHA256_DIGEST_LENGTH];
   SHA256(reinterpret_cast<const unsigned char*>(input.data()), input.size(), digest);
-  for (int i = 0; i < 16; ++i) std::snprintf(token + 2 * i, 3, "%02x", digest[i]);
+  for (size_t i = 0; i < 16; ++i) (void)std::snprintf(token + 2 * i, 3, "%02x", digest[i]);
   return 0;
 }
 

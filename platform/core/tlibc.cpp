@@ -38,7 +38,7 @@ size_t ListBytes(int slots) { return offsetof(TLIBC_SZLIST, pszItem) + sizeof(ch
 
 std::string Address(const void* p) {
   char text[32];
-  std::snprintf(text, sizeof(text), "%p", p);
+  (void)std::snprintf(text, sizeof(text), "%p", p);
   return text;
 }
 

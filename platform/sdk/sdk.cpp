@@ -64,7 +64,7 @@ int TLIBGetSerialNumber(char* buffer, int size) {
     TLIBCErrSetEx(TLIBC_ERR_NOT_FOUND, "sdk.cpp", __LINE__);
     return -1;
   }
-  std::snprintf(buffer, size, "%s", serial.c_str());
+  (void)std::snprintf(buffer, size, "%s", serial.c_str());
   return 0;
 }
 
