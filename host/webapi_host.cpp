@@ -64,7 +64,7 @@ bool IsFolder(const std::string& path) {
 std::string DefaultPages() {
   const std::string self = Self();
   const std::string bin = self.substr(0, self.rfind('/'));
-  const std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/web";
+  std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/web";
   if (IsFolder(installed)) return installed;
 #ifdef WEBAPI_HOST_PAGES
   if (IsFolder(WEBAPI_HOST_PAGES)) return WEBAPI_HOST_PAGES;
