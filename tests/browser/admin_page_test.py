@@ -92,7 +92,7 @@ def chromium():
     for argument in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
                      "--window-size=1100,1300", "--no-first-run", "--no-default-browser-check",
                      "--disable-extensions", "--disable-background-networking", "--disable-sync",
-                     "--password-store=basic", "--lang=en-US"):
+                     "--password-store=basic", "--lang=en-US", "--hide-scrollbars"):
         options.add_argument(argument)
     profile = tempfile.mkdtemp(prefix="chromium-profile.")
     options.add_argument("--user-data-dir=" + profile)
