@@ -177,17 +177,43 @@ class AdminPageTest(unittest.TestCase):
         self.wait_text("#st-account", "Signed in as " + EMAIL)
         self.assertFalse(self.find("#pw-password").get_attribute("value"), "the password stays in the form")
 
-    def test_pkce_sign_in_through_the_account_service(self):
-        self.assertEqual(self.host.post("/sim/register", {"email": EMAIL, "password": PASSWORD,
-                                                          "full_name": "Ada Lovelace"})["registered"], True)
+    def test_created_by_version_1_then_signed_in_by_pkce_key_and_token(self):
+        if "trusted through" in self.host.announcement:
+            self.find("#f-register input[name=version][value='1']").click()
+            self.assertFalse(self.find("#reg-country").is_displayed(), "version 1 takes no country")
+            self.type_into("#reg-email", EMAIL)
+            self.type_into("#reg-name", "Ada Lovelace")
+            self.type_into("#reg-password", PASSWORD, enter=True)
+            self.wait_text("#register .outcome", "Account %s created. Sign in with it" % EMAIL)
+            self.assertEqual(self.find("#st-account").text, "Not signed in")
+        else:  # no namespace to trust the HTTPS service in: the account made another way
+            self.host.post("/sim/register", {"email": EMAIL, "password": PASSWORD, "full_name": "Ada Lovelace"})
+
         self.find("input[name=signin-way][value=pkce]").click()
         self.type_into("#pk-email", EMAIL)
         self.type_into("#pk-password", "not hers", enter=True)
         self.wait_text("#signin .outcome", "code 3004")
-
         self.type_into("#pk-password", PASSWORD, enter=True)
         self.wait_text("#st-account", "Signed in as " + EMAIL)
-        self.assertEqual(self.host.entry(CENTER, 2, "query")["data"]["account"], EMAIL)
+        key = self.find("#st-key").text
+
+        # The key of that sign-in, offered by the page after a sign-out.
+        self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
+        self.driver.refresh()
+        self.wait_text("#st-account", "Not signed in")
+        self.find("input[name=signin-way][value=key]").click()
+        self.assertEqual(self.find("#key-key").get_attribute("value"), key)
+        serial = self.host.announcement.split("(device ", 1)[1].split(",", 1)[0]
+        self.type_into("#key-serial", serial, enter=True)
+        self.wait_text("#st-account", "Signed in as " + EMAIL)
+
+        self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
+        self.driver.refresh()
+        self.wait_text("#st-account", "Not signed in")
+        token = self.host.post("/sim/token", {"email": EMAIL, "password": PASSWORD})["access_token"]
+        self.find("input[name=signin-way][value=token]").click()
+        self.type_into("#tok-token", token, enter=True)
+        self.wait_text("#st-account", "Signed in as " + EMAIL)
 
     def test_profile_sends_only_changes_and_shows_them_after_reload(self):
         self.register_signed_in()
