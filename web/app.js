@@ -234,7 +234,8 @@ onSubmit($('#f-register'), async (form) => {
   }
   const answer = await call(CENTER, version, 'register', params);
   if (!answer.success) return failed(section, answer);
-  field(form, 'password').value = '';
+  form.reset();
+  $('#f-register .v2-only').hidden = registerVersion() !== 2;
   if (version === 2) {
     report($('#status'), 'ok', `Account ${params.account} created; this device is signed in with it.`);
     await refreshStatus();
