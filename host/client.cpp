@@ -54,7 +54,7 @@ ServeProcess::ServeProcess(const std::string& program, const std::string& module
   }
   close(out[0]);
   size_t at = announced_.find("http://127.0.0.1:");
-  if (at != std::string::npos) port_ = std::atoi(announced_.c_str() + at + 17);
+  if (at != std::string::npos) port_ = static_cast<int>(std::strtol(announced_.c_str() + at + 17, nullptr, 10));
 }
 
 ServeProcess::~ServeProcess() {
@@ -110,7 +110,7 @@ Reply PostForm(int port, const std::string& path, const Json::Value& fields) {
   httplib::Params params;
   for (const std::string& name : fields.getMemberNames()) params.emplace(name, fields[name].asString());
   httplib::Client client("127.0.0.1", port);
-  return Parse(client.Post(path.c_str(), params));
+  return Parse(client.Post(path, params));
 }
 
 }  // namespace webapihost

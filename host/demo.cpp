@@ -29,7 +29,7 @@ class Tour {
   Json::Value Call(const char* title, const char* api, int version, const char* method, const Json::Value& params,
                    int code = 0) {
     Head(title);
-    std::fprintf(out_, "    > %s %d %s %s\n", api, version, method, Compact(params).c_str());
+    (void)std::fprintf(out_, "    > %s %d %s %s\n", api, version, method, Compact(params).c_str());
     Reply r = Entry(port_, api, version, method, params);
     const bool expected = r.status == 200 && (code == 0 ? r.body["success"].asBool() : r.body["error"]["code"] == code);
     Tail(r, expected);
@@ -39,19 +39,19 @@ class Tour {
   // What the user does in the service's web pages.
   Json::Value Browser(const char* title, const char* path, const Json::Value& fields) {
     Head(title);
-    std::fprintf(out_, "    > POST %s %s\n", path, Compact(fields).c_str());
+    (void)std::fprintf(out_, "    > POST %s %s\n", path, Compact(fields).c_str());
     Reply r = PostForm(port_, path, fields);
     Tail(r, r.status == 200);
     return r.body;
   }
 
-  void Note(const std::string& text) { std::fprintf(out_, "\n    (%s)\n", text.c_str()); }
+  void Note(const std::string& text) { (void)std::fprintf(out_, "\n    (%s)\n", text.c_str()); }
   int failed() const { return failed_; }
 
  private:
-  void Head(const char* title) { std::fprintf(out_, "\n%2d. %s\n", ++step_, title); }
+  void Head(const char* title) { (void)std::fprintf(out_, "\n%2d. %s\n", ++step_, title); }
   void Tail(const Reply& r, bool expected) {
-    std::fprintf(out_, "    < %d %s%s\n", r.status, r.text.c_str(), expected ? "" : "   <-- NOT AS EXPECTED");
+    (void)std::fprintf(out_, "    < %d %s%s\n", r.status, r.text.c_str(), expected ? "" : "   <-- NOT AS EXPECTED");
     if (!expected) ++failed_;
   }
 
@@ -74,13 +74,13 @@ int Demo(const std::string& self, const std::string& module, FILE* out) {
   const std::string state = dir.path() + "/state";
   ServeProcess host(self, module, state, dir.path() + "/serve.log");
   if (host.port() < 0) {
-    std::fprintf(out, "demo: the host did not start:\n%s", host.Log().c_str());
+    (void)std::fprintf(out, "demo: the host did not start:\n%s", host.Log().c_str());
     return 1;
   }
   const std::string& text = host.announcement();
   const size_t at = text.find("(device ");
   const std::string serial = at == std::string::npos ? "" : text.substr(at + 8, text.find(',', at) - at - 8);
-  std::fprintf(out, "A host of its own on port %d, with a fresh device %s in %s.\n", host.port(), serial.c_str(),
+  (void)std::fprintf(out, "A host of its own on port %d, with a fresh device %s in %s.\n", host.port(), serial.c_str(),
                state.c_str());
 
   Tour t(out, host.port());
@@ -146,10 +146,10 @@ int Demo(const std::string& self, const std::string& module, FILE* out) {
 
   host.Stop(SIGTERM);
   if (t.failed()) {
-    std::fprintf(out, "\n%d steps did not answer as expected. The host's log:\n%s", t.failed(), host.Log().c_str());
+    (void)std::fprintf(out, "\n%d steps did not answer as expected. The host's log:\n%s", t.failed(), host.Log().c_str());
     return 1;
   }
-  std::fprintf(out, "\nEvery step answered as expected.\n");
+  (void)std::fprintf(out, "\nEvery step answered as expected.\n");
   return 0;
 }
 

@@ -207,7 +207,7 @@ Answer VerifierApi::Create() {
 
 Answer VerifierApi::Get(const Json::Value& params, const std::string& user) {
   if (user != "root") return HostError(kErrForbidden, "only root may read a verifier");
-  const Json::Value challenge = params["challenge"];
+  const Json::Value& challenge = params["challenge"];
   if (!challenge.isString()) return HostError(kErrBadRequest, "\"challenge\" (a string) is required");
   std::lock_guard<std::mutex> lock(mu_);
   auto it = byChallenge_.find(challenge.asString());
@@ -280,8 +280,8 @@ int DevHost::Exec(Json::Value& result, const std::string& api, int version, cons
 void DevHost::Log(const std::string& line) {
   if (!log_) return;
   std::lock_guard<std::mutex> lock(logMu_);
-  std::fprintf(log_, "%s\n", line.c_str());
-  std::fflush(log_);
+  (void)std::fprintf(log_, "%s\n", line.c_str());
+  (void)std::fflush(log_);
 }
 
 void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
@@ -295,7 +295,7 @@ void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   const std::string outcome = answer.success ? "success" : "code " + std::to_string(answer.code);
   char line[512];
-  std::snprintf(line, sizeof(line), "%s %s %d %s: %d %s, %.1f ms", req.method.c_str(),
+  (void)std::snprintf(line, sizeof(line), "%s %s %d %s: %d %s, %.1f ms", req.method.c_str(),
                 call.api.empty() ? "-" : call.api.c_str(), call.version, call.method.empty() ? "-" : call.method.c_str(),
                 status, outcome.c_str(), ms);
   std::string text = line;
@@ -362,7 +362,7 @@ void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
   Reply(res, status, Compact(answer));
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   char line[256];
-  std::snprintf(line, sizeof(line), "%s %s: %d, %.1f ms", req.method.c_str(), req.path.c_str(), status, ms);
+  (void)std::snprintf(line, sizeof(line), "%s %s: %d, %.1f ms", req.method.c_str(), req.path.c_str(), status, ms);
   Log(line);
 }
 

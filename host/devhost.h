@@ -51,7 +51,7 @@ constexpr int kErrForbidden = 105;      // not for this user; HTTP 403
 constexpr int kErrTooLarge = 106;       // body over kMaxBody; HTTP 413
 constexpr int kErrNoVerifier = 107;     // no verifier for that challenge
 
-constexpr size_t kMaxBody = 64 * 1024;
+constexpr size_t kMaxBody = size_t{64} * 1024;
 // HTTP requests run as the interface's administrator; the module runs the
 // verifier API as "root", and only root may read a verifier.
 extern const char kHttpUser[];

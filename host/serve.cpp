@@ -27,7 +27,7 @@ namespace {
 void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp,
               const std::string& pages) {
   const std::string entry = url + "/webapi/entry";
-  std::fprintf(out,
+  (void)std::fprintf(out,
                "webapi-host: serving pellixcenter.so at %s\n"
                "  administration page %s\n"
                "  state folder %s (device %s, %s, build %s)\n"
@@ -44,7 +44,7 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
                "Stop with Ctrl-C.\n",
                entry.c_str(), pages.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
                accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
-  std::fflush(out);
+  (void)std::fflush(out);
 }
 
 }  // namespace
@@ -53,28 +53,28 @@ int Serve(const ServeOptions& o) {
   StateFolder state;
   std::string error;
   if (!OpenState(o.state, &state, &error)) {
-    std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
   // The module trusts the service's endpoint through the trust store, as the
   // device trusts the real service; the namespace that makes it so has to be
   // entered before any thread starts.
   if (!pellixsim::MakeCertificates(state.service, &error)) {
-    std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
   std::string untrusted;
   std::ifstream caPem(state.service + "/ca.pem");
   const std::string ca((std::istreambuf_iterator<char>(caPem)), std::istreambuf_iterator<char>());
   if (!TrustAuthorities(ca, state.service + "/ca-bundle.crt", &untrusted))
-    std::fprintf(stderr,
+    (void)std::fprintf(stderr,
                  "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
                  "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "
                  "the service\n",
                  untrusted.c_str());
   std::unique_ptr<pellixsim::Store> store = pellixsim::Store::Open(state.Database(), &error);
   if (!store) {
-    std::fprintf(stderr,
+    (void)std::fprintf(stderr,
                  "webapi-host: the account service's database cannot be used: %s\n"
                  "  Move it away to start with no accounts, or pick another folder with --state.\n",
                  error.c_str());
@@ -84,7 +84,7 @@ int Serve(const ServeOptions& o) {
   syslogcapture::SetEcho(o.log);
   std::unique_ptr<Module> module = Module::Load(o.module, &error);
   if (!module) {
-    std::fprintf(stderr, "webapi-host: cannot load module: %s\n", error.c_str());
+    (void)std::fprintf(stderr, "webapi-host: cannot load module: %s\n", error.c_str());
     return 3;
   }
 
@@ -101,7 +101,7 @@ int Serve(const ServeOptions& o) {
   host.SetPages(o.pages);
   const int port = host.Bind(o.port);
   if (port < 0) {
-    std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n", o.port);
+    (void)std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n", o.port);
     return 2;
   }
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
@@ -111,9 +111,9 @@ int Serve(const ServeOptions& o) {
   pellixsim::AccountPhp accountPhp(&service);
   const int phpPort = accountPhp.Start(state.service, &error);
   const std::string phpHost = phpPort > 0 ? "127.0.0.1:" + std::to_string(phpPort) : "";
-  if (phpPort < 0) std::fprintf(stderr, "webapi-host: %s; version-1 registration has no host\n", error.c_str());
+  if (phpPort < 0) (void)std::fprintf(stderr, "webapi-host: %s; version-1 registration has no host\n", error.c_str());
   if (!WriteRelayHost(state, phpHost, &error)) {
-    std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
   const std::string phpLine =

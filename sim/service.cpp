@@ -61,7 +61,7 @@ std::string Day(int64_t seconds) {
   struct tm tm;
   gmtime_r(&t, &tm);
   char text[16];
-  std::strftime(text, sizeof(text), "%Y-%m-%d", &tm);
+  (void)std::strftime(text, sizeof(text), "%Y-%m-%d", &tm);
   return text;
 }
 
