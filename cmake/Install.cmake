@@ -41,6 +41,24 @@ set(PELLIX_STANDINS talvseam tlibc talvwebapi talvpellix talvsdk talvcloud talvr
 set_target_properties(${PELLIX_STANDINS} PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS ${PELLIX_STANDINS} LIBRARY DESTINATION ${PELLIX_DEVKIT_DIR} COMPONENT devkit)
 install(TARGETS webapihost ARCHIVE DESTINATION ${PELLIX_DEVKIT_DIR} COMPONENT devkit)
+
+# webapi-host loads the installed module, whose platform libraries are the
+# stand-ins here: the host links every one of them (kept even where it uses
+# none of their symbols), so that the module's needs are met by what is
+# already loaded, and finds them through its own search path.
+file(RELATIVE_PATH PELLIX_MODULE_FROM_BIN /${CMAKE_INSTALL_BINDIR} /${PELLIX_MODULE_DIR}/pellixcenter.so)
+file(RELATIVE_PATH PELLIX_DEVKIT_FROM_BIN /${CMAKE_INSTALL_BINDIR} /${PELLIX_DEVKIT_DIR})
+target_compile_definitions(webapi-host PRIVATE PELLIX_INSTALLED_MODULE="${PELLIX_MODULE_FROM_BIN}")
+target_link_libraries(webapi-host PRIVATE talvwebapi talvpellix tlibc talvsdk talvcloud talvrelay talvfeasibility)
+target_link_options(webapi-host PRIVATE LINKER:--no-as-needed)
+set_target_properties(webapi-host PROPERTIES INSTALL_RPATH "$ORIGIN/${PELLIX_DEVKIT_FROM_BIN}")
+install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+set(PELLIX_MANPAGE ${CMAKE_BINARY_DIR}/webapi-host.1.gz)
+add_custom_command(OUTPUT ${PELLIX_MANPAGE}
+                   COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/packaging/webapi-host.1 > ${PELLIX_MANPAGE}
+                   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/webapi-host.1)
+add_custom_target(manpage ALL DEPENDS ${PELLIX_MANPAGE})
+install(FILES ${PELLIX_MANPAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT devkit)
 install(FILES host/harness.h host/syslog_capture.h DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit)
 install(DIRECTORY platform/ DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit
         FILES_MATCHING PATTERN "*.h")

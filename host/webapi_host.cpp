@@ -39,7 +39,8 @@ int Usage(const std::string& problem) {
   return 2;
 }
 
-// The module built beside this program, unless PELLIXCENTER_SO names another.
+// The module built beside this program, or installed where the packages put
+// it, unless PELLIXCENTER_SO names another.
 std::string Self() {
   char self[PATH_MAX];
   ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
@@ -49,7 +50,12 @@ std::string Self() {
 std::string DefaultModule() {
   if (const char* env = std::getenv("PELLIXCENTER_SO")) return env;
   std::string self = Self();
-  return self.substr(0, self.rfind('/') + 1) + "pellixcenter.so";
+  const std::string dir = self.substr(0, self.rfind('/') + 1);
+  const std::string beside = dir + "pellixcenter.so";
+#ifdef PELLIX_INSTALLED_MODULE
+  if (access(beside.c_str(), F_OK) != 0) return dir + PELLIX_INSTALLED_MODULE;
+#endif
+  return beside;
 }
 
 bool IsFolder(const std::string& path) {
