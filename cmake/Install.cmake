@@ -53,6 +53,9 @@ target_link_libraries(webapi-host PRIVATE talvwebapi talvpellix tlibc talvsdk ta
 target_link_options(webapi-host PRIVATE LINKER:--no-as-needed)
 set_target_properties(webapi-host PROPERTIES INSTALL_RPATH "$ORIGIN/${PELLIX_DEVKIT_FROM_BIN}")
 install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+# webapi-host looks for its administration page in ../share/webapi-host/web
+# from its own folder before the source tree's web/.
+install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)
 set(PELLIX_MANPAGE ${CMAKE_BINARY_DIR}/webapi-host.1.gz)
 add_custom_command(OUTPUT ${PELLIX_MANPAGE}
                    COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/packaging/webapi-host.1 > ${PELLIX_MANPAGE}

@@ -8,6 +8,8 @@
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
+#include <fstream>
+#include <iterator>
 
 namespace webapihost {
 
@@ -364,6 +366,31 @@ void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
   Log(line);
 }
 
+// The page's files are named by a pattern of the route, which has no '/' nor
+// "..", so nothing outside the folder can be named.
+void DevHost::Page(const httplib::Request& req, httplib::Response& res) {
+  const std::string name = req.path == "/" ? "index.html" : req.path.substr(1);
+  const std::string type = name.size() > 4 && name.compare(name.size() - 4, 4, ".css") == 0  ? "text/css"
+                           : name.size() > 3 && name.compare(name.size() - 3, 3, ".js") == 0 ? "text/javascript"
+                           : name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0 ? "image/png"
+                           : name.size() > 4 && name.compare(name.size() - 4, 4, ".svg") == 0 ? "image/svg+xml"
+                                                                                               : "text/html";
+  std::ifstream file(pages_ + "/" + name, std::ios::binary);
+  if (pages_.empty() || !file) {
+    res.status = 404;
+    res.set_content(pages_.empty() ? "This host serves no administration page: its folder was not found.\n"
+                                   : "No such page.\n",
+                    "text/plain; charset=utf-8");
+  } else {
+    const std::string body((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    // The page is edited while the host runs; a reload must show the edit.
+    res.set_header("Cache-Control", "no-store");
+    res.set_header("X-Content-Type-Options", "nosniff");
+    res.set_content(body, type + (type.rfind("text/", 0) == 0 ? "; charset=utf-8" : ""));
+  }
+  Log(req.method + " " + req.path + ": " + std::to_string(res.status));
+}
+
 int DevHost::Bind(int port) {
   httplib::Server& s = *server_;
   s.set_payload_max_length(kMaxBody);
@@ -376,6 +403,8 @@ int DevHost::Bind(int port) {
   s.Post("/sim/authorize", browser);
   s.Post("/sim/token", browser);
   s.Post("/sim/register", browser);
+  s.Get(R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))",
+        [this](const httplib::Request& req, httplib::Response& res) { Page(req, res); });
   auto notAllowed = [this](const httplib::Request& req, httplib::Response& res) {
     Reply(res, 405, Envelope(HostError(kErrBadRequest, "use GET or POST")));
     Log(req.method + " " + req.path + ": 405");

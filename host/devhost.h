@@ -93,6 +93,9 @@ class DevHost : public talvwebapi::Runner {
   int Exec(Json::Value& result, const std::string& api, int version, const std::string& method,
            const Json::Value& params, const std::string& user) override;
 
+  // The administration page's folder, served at / (empty: no page). Call
+  // before Bind.
+  void SetPages(std::string folder) { pages_ = std::move(folder); }
   // Binds 127.0.0.1:port (0: any free port); the port, or -1.
   int Bind(int port);
   // Serves until Stop(); false when it could not.
@@ -103,6 +106,7 @@ class DevHost : public talvwebapi::Runner {
   Answer Run(const Call& call);  // no locks
   void Entry(const httplib::Request& req, httplib::Response& res);
   void Browser(const httplib::Request& req, httplib::Response& res);
+  void Page(const httplib::Request& req, httplib::Response& res);
   void Log(const std::string& line);
 
   const Module* module_;
@@ -113,6 +117,7 @@ class DevHost : public talvwebapi::Runner {
   std::shared_mutex identity_;
   VerifierApi verifier_;
   std::unique_ptr<httplib::Server> server_;
+  std::string pages_;
 };
 
 // The HTTP status of an answer: 200 for every answer a handler gave (its

@@ -24,10 +24,12 @@ namespace {
 
 // The examples printed at start; each works as shown on a fresh state (the
 // registration then answers 3010 or 3005 on later runs, which is the point).
-void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp) {
+void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp,
+              const std::string& pages) {
   const std::string entry = url + "/webapi/entry";
   (void)std::fprintf(out,
                "webapi-host: serving pellixcenter.so at %s\n"
+               "  administration page %s\n"
                "  state folder %s (device %s, %s, build %s)\n"
                "  %s\n"
                "Try:\n"
@@ -40,7 +42,7 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
                "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=login "
                "-d account=ada@example.com -d password=secret1\n"
                "Stop with Ctrl-C.\n",
-               entry.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
+               entry.c_str(), pages.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
                accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
   (void)std::fflush(out);
 }
@@ -96,6 +98,7 @@ int Serve(const ServeOptions& o) {
 
   pellixsim::Service service(store.get(), pellixsim::Options());
   DevHost host(module.get(), &service, o.log, o.language.empty() ? "enu" : o.language);
+  host.SetPages(o.pages);
   const int port = host.Bind(o.port);
   if (port < 0) {
     (void)std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n", o.port);
@@ -130,7 +133,9 @@ int Serve(const ServeOptions& o) {
     sigwait(&stopSignals, &signal);
     host.Stop();
   }).detach();
-  Announce(o.out, url, state, phpLine);
+  Announce(o.out, url, state, phpLine,
+           o.pages.empty() ? "not served: no folder web/ beside the program or in the source tree"
+                           : url + "/ (from " + o.pages + ")");
   bool served = host.Serve();
   accountPhp.Stop();
 

@@ -11,6 +11,7 @@ struct ServeOptions {
   std::string state;      // the state folder
   int port = 8080;        // 0: any free port
   std::string language;   // the interface language of requests
+  std::string pages;      // the administration page's folder (empty: none)
   FILE* out = stdout;     // where the URL and the examples go
   FILE* log = stderr;     // one line per request, and the module's log
 };

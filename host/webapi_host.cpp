@@ -10,6 +10,7 @@
 // no such method, 3 the module cannot be loaded. `serve` and `demo`: see
 // serve.h.
 #include <json/reader.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -57,6 +58,26 @@ std::string DefaultModule() {
   return beside;
 }
 
+bool IsFolder(const std::string& path) {
+  struct stat st;
+  return stat(path.c_str(), &st) == 0 && S_ISDIR(st.st_mode);
+}
+
+// The administration page's folder. An installed host finds it at
+// <prefix>/share/webapi-host/web beside its <prefix>/bin; one run from its
+// build tree finds the source tree's web/, whose path the build records, so
+// that an edit to the page shows at the next reload without a rebuild.
+std::string DefaultPages() {
+  const std::string self = Self();
+  const std::string bin = self.substr(0, self.rfind('/'));
+  std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/web";
+  if (IsFolder(installed)) return installed;
+#ifdef WEBAPI_HOST_PAGES
+  if (IsFolder(WEBAPI_HOST_PAGES)) return WEBAPI_HOST_PAGES;
+#endif
+  return "";
+}
+
 bool ParseInt(const std::string& text, int* version) {
   errno = 0;
   char* end = nullptr;
@@ -94,6 +115,7 @@ int main(int argc, char** argv) {
     options.module = modulePath;
     options.language = language;
     options.state = webapihost::DefaultStateDir();
+    options.pages = DefaultPages();
     for (; i < args.size(); ++i) {
       if (i + 1 >= args.size()) return Usage(args[i] + " needs a value");
       if (args[i] == "--state") {

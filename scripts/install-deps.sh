@@ -9,6 +9,7 @@ packages=(
   libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libsqlite3-dev
   valgrind clang libclang-rt-14-dev
   abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format
+  chromium chromium-driver python3-selenium
 )
 
 missing=()

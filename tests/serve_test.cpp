@@ -485,6 +485,43 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
   EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
 }
 
+// The administration page comes from its folder with the types a browser
+// insists on (a script served as text/plain is not run), and no name can
+// reach outside that folder.
+TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  EXPECT_NE(host_->announcement().find("administration page http://127.0.0.1:"), std::string::npos)
+      << host_->announcement();
+  httplib::Client client("127.0.0.1", host_->port());
+  struct Case {
+    const char* path;
+    int status;
+    const char* type;     // prefix of Content-Type
+    const char* content;  // found in the body
+  } cases[] = {
+      {"/", 200, "text/html", "<title>"},
+      {"/index.html", 200, "text/html", "/app.js"},
+      {"/app.js", 200, "text/javascript", "/webapi/entry"},
+      {"/messages.js", 200, "text/javascript", "3014"},
+      {"/style.css", 200, "text/css", "focus-visible"},
+      {"/nothing.js", 404, "text/plain", "No such page"},
+      {"/../CMakeLists.txt", 404, "application/json", "\"code\":101"},
+      {"/%2e%2e/CMakeLists.txt", 404, "application/json", "\"code\":101"},
+      {"/.hidden.js", 404, "application/json", "\"code\":101"},
+      {"/sub/app.js", 404, "application/json", "\"code\":101"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    auto res = client.Get(c.path);
+    ASSERT_TRUE(res);
+    EXPECT_EQ(res->status, c.status);
+    EXPECT_EQ(res->get_header_value("Content-Type").rfind(c.type, 0), 0u) << res->get_header_value("Content-Type");
+    EXPECT_NE(res->body.find(c.content), std::string::npos) << res->body;
+  }
+  // The page and the web API side by side on one origin.
+  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+}
+
 TEST_F(ServeTest, FieldsKeepTheirTypes) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Register("ada@example.com", "000123");
