@@ -12,6 +12,7 @@
 #include <fstream>
 
 #include "support/local_service.h"
+#include "support/process.h"
 #include "support/tls_server.h"
 
 namespace pellixtest {
@@ -115,14 +116,6 @@ TEST_F(HostileTest, StrictBuildFailsTheHandshakeItself) {
     ExpectCase(c, ExpectTurnedAway(send, hostile, c.curlResult), true);
   }
   dlclose(strict);
-}
-
-long StatusKiB(const char* field) {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::strlen(field)));
-  return -1;
 }
 
 // Nothing bounds the answer but the 30-second time-out: the client holds it

@@ -4,10 +4,10 @@
 #include <dirent.h>
 
 #include <cstring>
-#include <fstream>
 
 #include "seam/seam.h"
 #include "support/local_service.h"
+#include "support/process.h"
 #include "support/tls_server.h"
 
 namespace pellixtest {
@@ -21,14 +21,6 @@ int OpenDescriptors() {
     if (entry->d_name[0] != '.') ++n;
   closedir(dir);
   return n - 1;  // the directory's own
-}
-
-long ResidentKiB() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-  return -1;
 }
 
 TEST_F(TrustedServiceTest, TenThousandPostsLeaveNoDescriptorBehind) {
@@ -51,7 +43,7 @@ TEST_F(TrustedServiceTest, TenThousandPostsLeaveNoDescriptorBehind) {
   for (int i = 0; i < kWarmUp; ++i) ASSERT_TRUE(post()) << "warm-up post " << i;
   service.Take();  // the server has closed its side of each
   const int before = OpenDescriptors();
-  const long residentBefore = ResidentKiB();
+  const long residentBefore = StatusKiB("VmRSS:");
   for (int i = 0; i < kPosts; ++i) {
     if (!post()) FAIL() << "post " << i << " failed";
     if (i % 1000 == 999) service.Take();
@@ -60,7 +52,7 @@ TEST_F(TrustedServiceTest, TenThousandPostsLeaveNoDescriptorBehind) {
   const int after = OpenDescriptors();
   RecordProperty("descriptors_before", before);
   RecordProperty("descriptors_after", after);
-  RecordProperty("rss_growth_kib", static_cast<int>(ResidentKiB() - residentBefore));
+  RecordProperty("rss_growth_kib", static_cast<int>(StatusKiB("VmRSS:") - residentBefore));
   EXPECT_EQ(after, before) << "descriptors open after " << kPosts << " posts";
   EXPECT_EQ(Logged(), std::vector<syslogcapture::Line>{});
 }

@@ -3,24 +3,15 @@
 // bookkeeping would be measured instead).
 #include <unistd.h>
 
-#include <fstream>
-
 #include "seam/seam.h"
 #include "support/module_test.h"
+#include "support/process.h"
 
 namespace pellixtest {
 namespace {
 
 using ::testing::Return;
 using talvpellix::Outcome;
-
-long ResidentKiB() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line))
-    if (line.rfind("VmRSS:", 0) == 0) return std::stol(line.substr(6));
-  return -1;
-}
 
 TEST_F(ModuleTest, MillionRequestsDoNotGrowTheProcess) {
   // Requests that neither log nor fail, across the handlers' kinds: the
@@ -46,12 +37,12 @@ TEST_F(ModuleTest, MillionRequestsDoNotGrowTheProcess) {
   constexpr int kWarmUp = 50000;
   long before = 0;
   for (int i = 0; i < kTotal; ++i) {
-    if (i == kWarmUp) before = ResidentKiB();
+    if (i == kWarmUp) before = StatusKiB("VmRSS:");
     const auto& r = requests[i % 5];
     webapihost::Answer a = module().Call(r.api, r.version, r.method, r.params);
     if (a.answers != 1 || !a.success) FAIL() << r.method << " failed at request " << i;
   }
-  const long after = ResidentKiB();
+  const long after = StatusKiB("VmRSS:");
   RecordProperty("rss_growth_kib", static_cast<int>(after - before));
   EXPECT_LT(after - before, 1024) << "KiB grown over " << kTotal - kWarmUp << " requests";
   EXPECT_EQ(Logged(), std::vector<syslogcapture::Line>{});

@@ -5,6 +5,8 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
+#include <fstream>
 
 namespace pellixtest {
 namespace {
@@ -37,6 +39,14 @@ int RunCommand(const std::string& command, std::string* out, std::string* err) {
   }
   unlink(errPath);
   return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+long StatusKiB(const char* field) {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  while (std::getline(status, line))
+    if (line.rfind(field, 0) == 0) return std::stol(line.substr(std::strlen(field)));
+  return -1;
 }
 
 }  // namespace pellixtest

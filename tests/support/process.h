@@ -1,4 +1,4 @@
-// Runs a shell command for a test.
+// Runs a shell command for a test, and reads the test process's own figures.
 #pragma once
 
 #include <string>
@@ -9,5 +9,9 @@ namespace pellixtest {
 // exit) with its standard output in *out and, when `err` is not null, its
 // standard error in *err.
 int RunCommand(const std::string& command, std::string* out, std::string* err = nullptr);
+
+// A size of this process from /proc/self/status, in KiB: `field` as
+// "VmRSS:" (resident now) or "VmHWM:" (resident at the peak); -1 if absent.
+long StatusKiB(const char* field);
 
 }  // namespace pellixtest
