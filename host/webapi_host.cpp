@@ -51,7 +51,7 @@ std::string DefaultModule() {
   if (const char* env = std::getenv("PELLIXCENTER_SO")) return env;
   std::string self = Self();
   const std::string dir = self.substr(0, self.rfind('/') + 1);
-  const std::string beside = dir + "pellixcenter.so";
+  std::string beside = dir + "pellixcenter.so";
 #ifdef PELLIX_INSTALLED_MODULE
   if (access(beside.c_str(), F_OK) != 0) return dir + PELLIX_INSTALLED_MODULE;
 #endif
