@@ -38,8 +38,8 @@ class FixedBackend : public talvpellix::Backend {
   talvpellix::Outcome Register(const char*, const char*, const char*, bool, bool, bool, const char*) override {
     return {0, 0};
   }
-  talvpellix::Outcome SetInfo(const char*, const char*, const char*, const char*, const char*, const char*,
-                              const char*, BOOL, BOOL, BOOL, const char*) override {
+  talvpellix::Outcome SetInfo(const char*, const char*, const char*, const char*, const char*, const char*, const char*,
+                              BOOL, BOOL, BOOL, const char*) override {
     return {0, 0};
   }
   talvpellix::Outcome PurchaseList(const char*, const char*, const char*, Json::Value&, Json::Value&, Json::Value&,

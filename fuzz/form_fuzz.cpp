@@ -86,8 +86,8 @@ Expected Build(const Fields& fields) {
     const size_t added = f.first.size() + encoded.size() + 2;
     if (used + added + 1 > kFormSize) {
       e.result = -1;
-      e.line = "buffer size not enough: total: 2048, used: " + std::to_string(used) +
-               ", newly add; " + std::to_string(added);
+      e.line = "buffer size not enough: total: 2048, used: " + std::to_string(used) + ", newly add; " +
+               std::to_string(added);
       return e;
     }
     e.form += (e.form.empty() ? "" : "&") + f.first + "=" + encoded;
@@ -157,15 +157,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
 
   Expected e = Build(fields);
   if (tokenResult < 0) {
-    e = {-1, "", givenSerial ? "TALVCloudServiceQbtokenGenerateToken Failed, err=" : "Fail to get serial token of this QB, err=",
-         true};
+    e = {
+        -1, "",
+        givenSerial ? "TALVCloudServiceQbtokenGenerateToken Failed, err=" : "Fail to get serial token of this QB, err=",
+        true};
   } else if (nKeys <= 0) {
     e = {-1, "", "no key in the hash, ERR=", true};
   }
 
   syslogcapture::Take();
   const std::string host = gProcess->service->Address();
-  const HttpsRequest request{host.c_str(), "account.php", params, 0, hasUsername ? username.c_str() : nullptr,
+  const HttpsRequest request{host.c_str(),
+                             "account.php",
+                             params,
+                             0,
+                             hasUsername ? username.c_str() : nullptr,
                              hasPasswd ? passwd.c_str() : nullptr};
   HttpsResponse response{7, nullptr};
   const int result = gProcess->send(&request, &response);

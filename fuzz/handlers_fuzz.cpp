@@ -26,8 +26,8 @@ namespace {
 
 FuzzedDataProvider* gData = nullptr;  // the current input, for the scripted platform
 
-
 // Names the handlers read, so that the fuzzer finds them quickly.
+// clang-format off
 const char* const kNames[] = {"account",  "password",     "fullname",       "serial",        "auth_key",
                               "access_token", "apikey_error", "force",      "critical_release", "enews",
                               "enews_local_promotion", "country", "full_name", "email", "current_password",
@@ -35,6 +35,7 @@ const char* const kNames[] = {"account",  "password",     "fullname",       "ser
                               "date_from", "date_to", "apps", "serials", "prices", "paypals",
                               "code_challenge", "grant_code", "client_id", "token_endpoint", "redirect_uri",
                               "activated", "verifier", "success", "data"};
+// clang-format on
 
 Json::Value Value(FuzzedDataProvider& d, int depth) {
   switch (d.ConsumeIntegralInRange(0, depth > 2 ? 4 : 6)) {
@@ -69,8 +70,8 @@ Json::Value Filled(FuzzedDataProvider& d) {
 }
 
 talvpellix::Outcome Result(FuzzedDataProvider& d) {
-  return {d.ConsumeIntegralInRange(-2, 2), d.ConsumeBool() ? d.ConsumeIntegralInRange<uint32_t>(0, 27)
-                                                           : d.ConsumeIntegral<uint32_t>()};
+  return {d.ConsumeIntegralInRange(-2, 2),
+          d.ConsumeBool() ? d.ConsumeIntegralInRange<uint32_t>(0, 27) : d.ConsumeIntegral<uint32_t>()};
 }
 
 // The PKCE service's way of failing: nothing, its exception, another
@@ -97,12 +98,12 @@ class FuzzedBackend : public talvpellix::Backend {
   talvpellix::Outcome Register(const char*, const char*, const char*, bool, bool, bool, const char*) override {
     return Result(*gData);
   }
-  talvpellix::Outcome SetInfo(const char*, const char*, const char*, const char*, const char*, const char*,
-                              const char*, BOOL, BOOL, BOOL, const char*) override {
+  talvpellix::Outcome SetInfo(const char*, const char*, const char*, const char*, const char*, const char*, const char*,
+                              BOOL, BOOL, BOOL, const char*) override {
     return Result(*gData);
   }
-  talvpellix::Outcome PurchaseList(const char*, const char*, const char*, Json::Value& apps, Json::Value&,
-                                   Json::Value&, Json::Value&, Json::Value& result) override {
+  talvpellix::Outcome PurchaseList(const char*, const char*, const char*, Json::Value& apps, Json::Value&, Json::Value&,
+                                   Json::Value&, Json::Value& result) override {
     apps = Value(*gData, 1);
     return Fill(result);
   }
@@ -139,7 +140,8 @@ class FuzzedChecker : public talvfeasibility::Checker {
   talvfeasibility::Verdict Check(int, int) override {
     talvfeasibility::Verdict v;
     v.result = gData->ConsumeIntegralInRange(-2, 2);
-    for (int n = gData->ConsumeIntegralInRange(0, 3); n > 0; --n) v.reasons.push_back(gData->ConsumeRandomLengthString(16));
+    for (int n = gData->ConsumeIntegralInRange(0, 3); n > 0; --n)
+      v.reasons.push_back(gData->ConsumeRandomLengthString(16));
     v.replaceList = gData->ConsumeBool();
     v.error = gData->ConsumeIntegral<uint16_t>();
     return v;
@@ -181,7 +183,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const uid_t uid = geteuid();
   const gid_t gid = getegid();
 
-  webapihost::Answer a = gModule->Call(row.szAPI, row.iVersion, row.szMethod, params, data.ConsumeRandomLengthString(8));
+  webapihost::Answer a =
+      gModule->Call(row.szAPI, row.iVersion, row.szMethod, params, data.ConsumeRandomLengthString(8));
   FUZZ_CHECK(geteuid() == uid && getegid() == gid);
   if (gRoot) {
     FUZZ_CHECK(setresuid(-1, 0, -1) == 0 && setresgid(-1, 0, -1) == 0);

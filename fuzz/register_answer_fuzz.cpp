@@ -94,9 +94,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FUZZ_CHECK(!a.success && a.code == code);
     const std::string logged = end > start ? text.substr(0, end) : "";
     FUZZ_CHECK(lines.size() == 1);
-    FUZZ_CHECK(pellixtest::Written(lines[0], "pellixcenter.cpp",
-                                   "pellix register error, http-status: " + std::to_string(loggedStatus) +
-                                       " response: " + logged));
+    FUZZ_CHECK(pellixtest::Written(
+        lines[0], "pellixcenter.cpp",
+        "pellix register error, http-status: " + std::to_string(loggedStatus) + " response: " + logged));
   }
   FUZZ_CHECK(talvcore::LiveHashes() == 0);
   FUZZ_CHECK(talvcore::LiveLists() == 0);

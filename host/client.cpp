@@ -37,8 +37,8 @@ ServeProcess::ServeProcess(const std::string& program, const std::string& module
     int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(fd, STDERR_FILENO);
     close(out[0]);
-    execl(program.c_str(), "webapi-host", "--module", module.c_str(), "serve", "--state", state.c_str(), "--port",
-          "0", static_cast<char*>(nullptr));
+    execl(program.c_str(), "webapi-host", "--module", module.c_str(), "serve", "--state", state.c_str(), "--port", "0",
+          static_cast<char*>(nullptr));
     _exit(127);
   }
   close(out[1]);

@@ -26,8 +26,7 @@ class ServeProcess {
   // Starts `program` (webapi-host) serving `module` with the state folder
   // `state`, and waits until it has announced its URL (port() is -1 when it
   // exited or did not announce within ten seconds). Its stderr goes to `log`.
-  ServeProcess(const std::string& program, const std::string& module, const std::string& state,
-               const std::string& log);
+  ServeProcess(const std::string& program, const std::string& module, const std::string& state, const std::string& log);
   ~ServeProcess();  // stops it, if still running
   ServeProcess(const ServeProcess&) = delete;
   ServeProcess& operator=(const ServeProcess&) = delete;

@@ -81,7 +81,7 @@ int Demo(const std::string& self, const std::string& module, FILE* out) {
   const size_t at = text.find("(device ");
   const std::string serial = at == std::string::npos ? "" : text.substr(at + 8, text.find(',', at) - at - 8);
   (void)std::fprintf(out, "A host of its own on port %d, with a fresh device %s in %s.\n", host.port(), serial.c_str(),
-               state.c_str());
+                     state.c_str());
 
   Tour t(out, host.port());
   const Json::Value none(Json::objectValue);
@@ -119,17 +119,16 @@ int Demo(const std::string& self, const std::string& module, FILE* out) {
   t.Call("Sign out", kCenter, 2, "logout", none);
   Json::Value config = t.Call("PKCE settings", "TALV.Core.PellixCenter.Login", 1, "pkce_config_get", none);
   const Json::Value login = config["data"]["login"];
-  Json::Value created =
-      t.Call("The device makes a code verifier and tells its challenge", "TALV.Remote.Credential.Verifier", 1,
-             "create", none);
+  Json::Value created = t.Call("The device makes a code verifier and tells its challenge",
+                               "TALV.Remote.Credential.Verifier", 1, "create", none);
   const Json::Value challenge = created["data"]["challenge"];
-  Json::Value grant = t.Browser("In the service's web page: sign in and get an authorisation code for the challenge",
-                                "/sim/authorize",
-                                Object({{"email", "ada@example.com"},
-                                        {"password", "secret1"},
-                                        {"code_challenge", challenge},
-                                        {"client_id", login["client_id"]},
-                                        {"redirect_uri", login["redirect_uri"]}}));
+  Json::Value grant =
+      t.Browser("In the service's web page: sign in and get an authorisation code for the challenge", "/sim/authorize",
+                Object({{"email", "ada@example.com"},
+                        {"password", "secret1"},
+                        {"code_challenge", challenge},
+                        {"client_id", login["client_id"]},
+                        {"redirect_uri", login["redirect_uri"]}}));
   t.Call("PKCE sign-in: the module fetches the verifier and the service checks it against the challenge",
          "TALV.Core.PellixCenter.Login", 1, "pkce_login",
          Object({{"code_challenge", challenge},
@@ -146,7 +145,8 @@ int Demo(const std::string& self, const std::string& module, FILE* out) {
 
   host.Stop(SIGTERM);
   if (t.failed()) {
-    (void)std::fprintf(out, "\n%d steps did not answer as expected. The host's log:\n%s", t.failed(), host.Log().c_str());
+    (void)std::fprintf(out, "\n%d steps did not answer as expected. The host's log:\n%s", t.failed(),
+                       host.Log().c_str());
     return 1;
   }
   (void)std::fprintf(out, "\nEvery step answered as expected.\n");

@@ -166,18 +166,13 @@ void Reply(httplib::Response& res, int status, const std::string& body) {
 int HttpStatus(const Answer& a) {
   if (a.found) return a.answers > 0 ? 200 : 500;
   switch (a.code) {
-    case kErrBadRequest:
-      return 400;
-    case kErrForbidden:
-      return 403;
-    case kErrTooLarge:
-      return 413;
+    case kErrBadRequest: return 400;
+    case kErrForbidden: return 403;
+    case kErrTooLarge: return 413;
     case kErrNoSuchApi:
     case kErrNoSuchMethod:
-    case kErrNoSuchVersion:
-      return 404;
-    default:
-      return 500;
+    case kErrNoSuchVersion: return 404;
+    default: return 500;
   }
 }
 
@@ -296,8 +291,8 @@ void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
   const std::string outcome = answer.success ? "success" : "code " + std::to_string(answer.code);
   char line[512];
   (void)std::snprintf(line, sizeof(line), "%s %s %d %s: %d %s, %.1f ms", req.method.c_str(),
-                call.api.empty() ? "-" : call.api.c_str(), call.version, call.method.empty() ? "-" : call.method.c_str(),
-                status, outcome.c_str(), ms);
+                      call.api.empty() ? "-" : call.api.c_str(), call.version,
+                      call.method.empty() ? "-" : call.method.c_str(), status, outcome.c_str(), ms);
   std::string text = line;
   if (!answer.found) text += " (" + answer.data["reason"].asString() + ")";
   if (answer.threw) text += " (the handler threw: " + answer.exception + ")";
@@ -354,7 +349,7 @@ void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
                       : error == pellixsim::kBadParam ? "missing or malformed field"
                       : error == pellixsim::kInUse    ? "the e-mail address is taken"
                                                       : "the service failed";
-    status = error == pellixsim::kBadAuth   ? 401
+    status = error == pellixsim::kBadAuth    ? 401
              : error == pellixsim::kBadParam ? 400
              : error == pellixsim::kInUse    ? 409
                                              : 500;
@@ -370,17 +365,17 @@ void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
 // "..", so nothing outside the folder can be named.
 void DevHost::Page(const httplib::Request& req, httplib::Response& res) {
   const std::string name = req.path == "/" ? "index.html" : req.path.substr(1);
-  const std::string type = name.size() > 4 && name.compare(name.size() - 4, 4, ".css") == 0  ? "text/css"
-                           : name.size() > 3 && name.compare(name.size() - 3, 3, ".js") == 0 ? "text/javascript"
+  const std::string type = name.size() > 4 && name.compare(name.size() - 4, 4, ".css") == 0   ? "text/css"
+                           : name.size() > 3 && name.compare(name.size() - 3, 3, ".js") == 0  ? "text/javascript"
                            : name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0 ? "image/png"
                            : name.size() > 4 && name.compare(name.size() - 4, 4, ".svg") == 0 ? "image/svg+xml"
-                                                                                               : "text/html";
+                                                                                              : "text/html";
   std::ifstream file(pages_ + "/" + name, std::ios::binary);
   if (pages_.empty() || !file) {
     res.status = 404;
-    res.set_content(pages_.empty() ? "This host serves no administration page: its folder was not found.\n"
-                                   : "No such page.\n",
-                    "text/plain; charset=utf-8");
+    res.set_content(
+        pages_.empty() ? "This host serves no administration page: its folder was not found.\n" : "No such page.\n",
+        "text/plain; charset=utf-8");
   } else {
     const std::string body((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
     // The page is edited while the host runs; a reload must show the edit.
@@ -418,8 +413,8 @@ int DevHost::Bind(int port) {
   // over the limit, a request it cannot parse.
   s.set_error_handler([this](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
-    Answer a = res.status == 413   ? HostError(kErrTooLarge, "the body is larger than " + std::to_string(kMaxBody) +
-                                                                 " bytes")
+    Answer a = res.status == 413
+                   ? HostError(kErrTooLarge, "the body is larger than " + std::to_string(kMaxBody) + " bytes")
                : res.status == 404 ? HostError(kErrBadRequest, "no such path: the web API is at /webapi/entry")
                                    : HostError(kErrBadRequest, "malformed HTTP request");
     res.set_content(Envelope(a) + "\n", "application/json");

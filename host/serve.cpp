@@ -27,23 +27,24 @@ namespace {
 void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp,
               const std::string& pages) {
   const std::string entry = url + "/webapi/entry";
-  (void)std::fprintf(out,
-               "webapi-host: serving pellixcenter.so at %s\n"
-               "  administration page %s\n"
-               "  state folder %s (device %s, %s, build %s)\n"
-               "  %s\n"
-               "Try:\n"
-               "  curl -s '%s?api=TALV.Core.PellixCenter&version=2&method=query'\n"
-               "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=register "
-               "-d account=ada@example.com -d password=secret1 -d fullname='Ada Lovelace' -d critical_release=true\n"
-               "  curl -s %s -H 'Content-Type: application/json' "
-               "-d '{\"api\":\"TALV.Core.PellixCenter.Account\",\"version\":1,\"method\":\"get\"}'\n"
-               "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=logout -d force=true\n"
-               "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=login "
-               "-d account=ada@example.com -d password=secret1\n"
-               "Stop with Ctrl-C.\n",
-               entry.c_str(), pages.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
-               accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
+  (void)std::fprintf(
+      out,
+      "webapi-host: serving pellixcenter.so at %s\n"
+      "  administration page %s\n"
+      "  state folder %s (device %s, %s, build %s)\n"
+      "  %s\n"
+      "Try:\n"
+      "  curl -s '%s?api=TALV.Core.PellixCenter&version=2&method=query'\n"
+      "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=register "
+      "-d account=ada@example.com -d password=secret1 -d fullname='Ada Lovelace' -d critical_release=true\n"
+      "  curl -s %s -H 'Content-Type: application/json' "
+      "-d '{\"api\":\"TALV.Core.PellixCenter.Account\",\"version\":1,\"method\":\"get\"}'\n"
+      "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=logout -d force=true\n"
+      "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=login "
+      "-d account=ada@example.com -d password=secret1\n"
+      "Stop with Ctrl-C.\n",
+      entry.c_str(), pages.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
+      accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
   (void)std::fflush(out);
 }
 
@@ -68,16 +69,16 @@ int Serve(const ServeOptions& o) {
   const std::string ca((std::istreambuf_iterator<char>(caPem)), std::istreambuf_iterator<char>());
   if (!TrustAuthorities(ca, state.service + "/ca-bundle.crt", &untrusted))
     (void)std::fprintf(stderr,
-                 "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
-                 "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "
-                 "the service\n",
-                 untrusted.c_str());
+                       "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
+                       "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "
+                       "the service\n",
+                       untrusted.c_str());
   std::unique_ptr<pellixsim::Store> store = pellixsim::Store::Open(state.Database(), &error);
   if (!store) {
     (void)std::fprintf(stderr,
-                 "webapi-host: the account service's database cannot be used: %s\n"
-                 "  Move it away to start with no accounts, or pick another folder with --state.\n",
-                 error.c_str());
+                       "webapi-host: the account service's database cannot be used: %s\n"
+                       "  Move it away to start with no accounts, or pick another folder with --state.\n",
+                       error.c_str());
     return 1;
   }
 
@@ -101,7 +102,8 @@ int Serve(const ServeOptions& o) {
   host.SetPages(o.pages);
   const int port = host.Bind(o.port);
   if (port < 0) {
-    (void)std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n", o.port);
+    (void)std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n",
+                       o.port);
     return 2;
   }
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
@@ -116,11 +118,10 @@ int Serve(const ServeOptions& o) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
-  const std::string phpLine =
-      phpPort < 0 ? "account.php is not served"
-                  : "account.php at https://" + phpHost + "/account.php, " +
-                        (untrusted.empty() ? "trusted through " + state.service + "/ca.pem"
-                                           : "not trusted by the module: " + untrusted);
+  const std::string phpLine = phpPort < 0 ? "account.php is not served"
+                                          : "account.php at https://" + phpHost + "/account.php, " +
+                                                (untrusted.empty() ? "trusted through " + state.service + "/ca.pem"
+                                                                   : "not trusted by the module: " + untrusted);
   // Nobody reads the seam's journal here; it would only keep the arguments of
   // the latest calls, passwords among them, for as long as the host runs.
   talvseam::SetJournaling(false);

@@ -7,13 +7,13 @@
 namespace webapihost {
 
 struct ServeOptions {
-  std::string module;     // path of pellixcenter.so
-  std::string state;      // the state folder
-  int port = 8080;        // 0: any free port
-  std::string language;   // the interface language of requests
-  std::string pages;      // the administration page's folder (empty: none)
-  FILE* out = stdout;     // where the URL and the examples go
-  FILE* log = stderr;     // one line per request, and the module's log
+  std::string module;    // path of pellixcenter.so
+  std::string state;     // the state folder
+  int port = 8080;       // 0: any free port
+  std::string language;  // the interface language of requests
+  std::string pages;     // the administration page's folder (empty: none)
+  FILE* out = stdout;    // where the URL and the examples go
+  FILE* log = stderr;    // one line per request, and the module's log
 };
 
 // Serves until SIGINT or SIGTERM. Exit status: 0 after a signal, 1 when the

@@ -106,8 +106,8 @@ bool OpenState(const std::string& root, StateFolder* state, std::string* error) 
                       error) ||
       !WriteIfMissing(d + "/etc.defaults/VERSION", "majorversion=\"5\"\nminorversion=\"2\"\nbuildnumber=\"20261101\"\n",
                       error) ||
-      !WriteIfMissing(d + "/etc/talvinfo.conf", "# Settings of the simulated device\nlanguage=enu\ntimezone=Amsterdam\n",
-                      error) ||
+      !WriteIfMissing(d + "/etc/talvinfo.conf",
+                      "# Settings of the simulated device\nlanguage=enu\ntimezone=Amsterdam\n", error) ||
       !WriteIfMissing(state->ReasonsFile(),
                       "# Why the account sign-out is refused now, one reason a line:\n"
                       "#   hard = <reason>   nothing overrides it\n"

@@ -39,15 +39,16 @@ bool AddExtension(X509* cert, X509* issuer, int nid, const char* value) {
 Cert MakeCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey, const char* commonName, long days, bool ca) {
   Cert cert(X509_new());
   BIGNUM* serial = BN_new();
-  bool ok = cert && serial && X509_set_version(cert.get(), 2) && BN_rand(serial, 64, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) &&
+  bool ok = cert && serial && X509_set_version(cert.get(), 2) &&
+            BN_rand(serial, 64, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) &&
             BN_to_ASN1_INTEGER(serial, X509_get_serialNumber(cert.get())) &&
             X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) &&
             X509_gmtime_adj(X509_getm_notAfter(cert.get()), days * 86400) && X509_set_pubkey(cert.get(), key);
   BN_free(serial);
   if (!ok) return nullptr;
   X509_NAME* name = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC,
-                             reinterpret_cast<const unsigned char*>("Pellix development host"), -1, -1, 0);
+  X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Pellix development host"),
+                             -1, -1, 0);
   X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName), -1, -1, 0);
   X509* signer = issuer ? issuer : cert.get();
   if (!X509_set_issuer_name(cert.get(), X509_get_subject_name(signer))) return nullptr;
@@ -146,16 +147,11 @@ std::string AnswerAccountForm(Service* service, const std::multimap<std::string,
   if (const std::string* language = field("notify_lang")) account.notifyLanguage = *language;
   if (const std::string* zone = field("timezone")) account.timezone = *zone;
   switch (service->Register(*serial, account)) {
-    case kOk:
-      return "good";
-    case kBadParam:
-      return "badparam";
-    case kInUse:
-      return "account_inused";
-    case kSerialLimit:
-      return "serial_exceed_max_account_register";
-    default:
-      return "badsys";
+    case kOk: return "good";
+    case kBadParam: return "badparam";
+    case kInUse: return "account_inused";
+    case kSerialLimit: return "serial_exceed_max_account_register";
+    default: return "badsys";
   }
 }
 

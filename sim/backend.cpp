@@ -59,22 +59,21 @@ Outcome SimBackend::SetInfo(const char* fullName, const char* email, const char*
                             const char* timezone, BOOL enews, BOOL criticalRelease, BOOL enewsLocalPromotion,
                             const char* criticalVersionList) {
   // In the order of the library's arguments.
-  return Of(service_->Update(device_.serial,
-                             ProfileChange{fullName, email, currentPassword, newPassword, country, notifyLanguage,
-                                           timezone, enews, criticalRelease, enewsLocalPromotion, criticalVersionList}));
+  return Of(service_->Update(
+      device_.serial, ProfileChange{fullName, email, currentPassword, newPassword, country, notifyLanguage, timezone,
+                                    enews, criticalRelease, enewsLocalPromotion, criticalVersionList}));
 }
 
 Outcome SimBackend::PurchaseList(const char* language, const char* dateFrom, const char* dateTo, Json::Value& apps,
-                                 Json::Value& serials, Json::Value& prices, Json::Value& paypals,
-                                 Json::Value& result) {
+                                 Json::Value& serials, Json::Value& prices, Json::Value& paypals, Json::Value& result) {
   PurchaseQuery query{Text(language), dateFrom, dateTo, apps, serials, prices, paypals};
   return Of(service_->Purchases(device_.serial, query, &result));
 }
 
 Json::Value SimBackend::PkceLogin(const talvpellix::ParamPkceLogin& p) {
   Json::Value info;
-  uint32_t error = service_->SignInByGrant(device_.serial, p.client_id, p.grant_code, p.code_verifier,
-                                           p.redirect_uri, &info);
+  uint32_t error =
+      service_->SignInByGrant(device_.serial, p.client_id, p.grant_code, p.code_verifier, p.redirect_uri, &info);
   if (error != kOk)
     throw talvpellix::PellixException(static_cast<int>(error), "the account service refused the authorisation code");
   Json::Value result(Json::objectValue);

@@ -31,8 +31,8 @@ std::string Hex(const unsigned char* bytes, size_t n) {
 std::string Pbkdf2(const std::string& password, const std::string& salt, int iterations) {
   unsigned char out[kHashBytes];
   if (PKCS5_PBKDF2_HMAC(password.data(), static_cast<int>(password.size()),
-                        reinterpret_cast<const unsigned char*>(salt.data()), static_cast<int>(salt.size()),
-                        iterations, EVP_sha256(), sizeof(out), out) != 1)
+                        reinterpret_cast<const unsigned char*>(salt.data()), static_cast<int>(salt.size()), iterations,
+                        EVP_sha256(), sizeof(out), out) != 1)
     throw StoreError("PBKDF2 failed");
   return Hex(out, sizeof(out));
 }
@@ -128,9 +128,17 @@ uint32_t Bind(sqlite3* db, const std::string& serial, int64_t id, int64_t now, J
   const std::string key = reused.empty() ? RandomHex(16) : reused;
   if (reused.empty())
     Statement(db, "INSERT INTO auth_keys(auth_key, account_id, serial, issued) VALUES(?, ?, ?, ?)")
-        .Bind(key).Bind(id).Bind(serial).Bind(now).Run();
+        .Bind(key)
+        .Bind(id)
+        .Bind(serial)
+        .Bind(now)
+        .Run();
   Statement(db, "INSERT OR REPLACE INTO bindings(serial, account_id, auth_key, since) VALUES(?, ?, ?, ?)")
-      .Bind(serial).Bind(id).Bind(key).Bind(now).Run();
+      .Bind(serial)
+      .Bind(id)
+      .Bind(key)
+      .Bind(now)
+      .Run();
   if (info) FillInfo(db, id, key, info);
   return kOk;
 }
@@ -200,7 +208,8 @@ uint32_t Service::Authenticate(const std::string& email, const std::string& pass
   PasswordHash stored;
   bool found = false;
   uint32_t loaded = store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
-    found = LoadHash(db, "email_key = ?", [&](Statement& s) { s.Bind(Lower(email)); }, id, &stored);
+    found = LoadHash(
+        db, "email_key = ?", [&](Statement& s) { s.Bind(Lower(email)); }, id, &stored);
     return 0;
   });
   if (loaded) return loaded;
@@ -232,15 +241,30 @@ uint32_t Service::RegisterAndSignIn(const std::string& serial, const NewAccount&
               "INSERT INTO accounts(email, email_key, salt, hash, iterations, full_name, country, notify_language, "
               "timezone, enews, critical_release, enews_local_promotion, registered_from, created) "
               "VALUES(?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?, ?)")
-        .Bind(a.email).Bind(Lower(a.email)).Bind(pw.salt).Bind(pw.hash).Bind(int64_t{pw.iterations})
-        .Bind(a.fullName).Bind(a.country).Bind(a.notifyLanguage).Bind(a.timezone).Bind(int64_t{a.enews})
-        .Bind(int64_t{a.criticalRelease}).Bind(int64_t{a.enewsLocalPromotion}).Bind(serial).Bind(now)
+        .Bind(a.email)
+        .Bind(Lower(a.email))
+        .Bind(pw.salt)
+        .Bind(pw.hash)
+        .Bind(int64_t{pw.iterations})
+        .Bind(a.fullName)
+        .Bind(a.country)
+        .Bind(a.notifyLanguage)
+        .Bind(a.timezone)
+        .Bind(int64_t{a.enews})
+        .Bind(int64_t{a.criticalRelease})
+        .Bind(int64_t{a.enewsLocalPromotion})
+        .Bind(serial)
+        .Bind(now)
         .Run();
     const int64_t id = sqlite3_last_insert_rowid(db);
     Statement(db,
               "INSERT INTO purchases(account_id, app, serial, price, currency, paypal, date) "
               "VALUES(?, ?, ?, '0.00', 'USD', '', ?)")
-        .Bind(id).Bind(kTrialApp).Bind(serial).Bind(Day(now)).Run();
+        .Bind(id)
+        .Bind(kTrialApp)
+        .Bind(serial)
+        .Bind(Day(now))
+        .Run();
     return info ? Bind(db, serial, id, now, info) : kOk;
   });
 }
@@ -327,7 +351,8 @@ uint32_t Service::Update(const std::string& serial, const ProfileChange& c) {
     uint32_t loaded = store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
       int64_t bound = BoundAccount(db, serial);
       if (!bound) return kNotSignedIn;
-      LoadHash(db, "id = ?", [&](Statement& s) { s.Bind(bound); }, &checkedId, &current);
+      LoadHash(
+          db, "id = ?", [&](Statement& s) { s.Bind(bound); }, &checkedId, &current);
       return 0;
     });
     if (loaded) return loaded;
@@ -343,11 +368,18 @@ uint32_t Service::Update(const std::string& serial, const ProfileChange& c) {
       int64_t other = AccountByEmail(db, c.email);
       if (other && other != id) return kInUse;
       Statement(db, "UPDATE accounts SET email = ?, email_key = ? WHERE id = ?")
-          .Bind(c.email).Bind(Lower(c.email)).Bind(id).Run();
+          .Bind(c.email)
+          .Bind(Lower(c.email))
+          .Bind(id)
+          .Run();
     }
     if (c.newPassword)
       Statement(db, "UPDATE accounts SET salt = ?, hash = ?, iterations = ? WHERE id = ?")
-          .Bind(pw.salt).Bind(pw.hash).Bind(int64_t{pw.iterations}).Bind(id).Run();
+          .Bind(pw.salt)
+          .Bind(pw.hash)
+          .Bind(int64_t{pw.iterations})
+          .Bind(id)
+          .Run();
     struct {
       const char* column;
       const char* value;
@@ -359,16 +391,20 @@ uint32_t Service::Update(const std::string& serial, const ProfileChange& c) {
     for (const auto& t : texts)
       if (t.value)
         Statement(db, ("UPDATE accounts SET " + std::string(t.column) + " = ? WHERE id = ?").c_str())
-            .Bind(t.value).Bind(id).Run();
+            .Bind(t.value)
+            .Bind(id)
+            .Run();
     struct {
       const char* column;
       int value;
-    } flags[] = {{"enews", c.enews}, {"critical_release", c.criticalRelease},
-                 {"enews_local_promotion", c.enewsLocalPromotion}};
+    } flags[] = {
+        {"enews", c.enews}, {"critical_release", c.criticalRelease}, {"enews_local_promotion", c.enewsLocalPromotion}};
     for (const auto& f : flags)
       if (f.value >= 0)
         Statement(db, ("UPDATE accounts SET " + std::string(f.column) + " = ? WHERE id = ?").c_str())
-            .Bind(int64_t{f.value != 0}).Bind(id).Run();
+            .Bind(int64_t{f.value != 0})
+            .Bind(id)
+            .Run();
     return kOk;
   });
 }
@@ -452,7 +488,10 @@ uint32_t Service::IssueAccessToken(const std::string& email, const std::string& 
   return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
     *token = RandomHex(20);
     Statement(db, "INSERT INTO access_tokens(token, account_id, expires) VALUES(?, ?, ?)")
-        .Bind(*token).Bind(id).Bind(now + options_.tokenLifetime).Run();
+        .Bind(*token)
+        .Bind(id)
+        .Bind(now + options_.tokenLifetime)
+        .Run();
     return kOk;
   });
 }
@@ -473,7 +512,12 @@ uint32_t Service::IssueGrant(const std::string& email, const std::string& passwo
     Statement(db,
               "INSERT INTO grants(code, account_id, client_id, redirect_uri, challenge, expires) "
               "VALUES(?, ?, ?, ?, ?, ?)")
-        .Bind(*code).Bind(id).Bind(clientId).Bind(redirectUri).Bind(challenge).Bind(now + options_.grantLifetime)
+        .Bind(*code)
+        .Bind(id)
+        .Bind(clientId)
+        .Bind(redirectUri)
+        .Bind(challenge)
+        .Bind(now + options_.grantLifetime)
         .Run();
     return kOk;
   });

@@ -102,8 +102,7 @@ class Service {
   // The device's side. Each sign-in binds `serial` to the account with a new
   // auth_key (replacing an earlier binding) and fills `info` like Query.
   uint32_t Query(const std::string& serial, Json::Value* info);
-  uint32_t SignIn(const std::string& serial, const std::string& email, const std::string& password,
-                  Json::Value* info);
+  uint32_t SignIn(const std::string& serial, const std::string& email, const std::string& password, Json::Value* info);
   // The key must be one this service issued to `keySerial`.
   uint32_t SignInByKey(const std::string& serial, const std::string& keySerial, const std::string& authKey,
                        Json::Value* info);

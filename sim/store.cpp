@@ -102,8 +102,8 @@ bool Statement::IsNull(int column) const { return sqlite3_column_type(stmt_, col
 
 std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) {
   sqlite3* db = nullptr;
-  int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX,
-                           nullptr);
+  int rc =
+      sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
   std::unique_ptr<Store> store(db ? new Store(db) : nullptr);
   if (rc != SQLITE_OK) {
     *error = path + ": cannot open: " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));

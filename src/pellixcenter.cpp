@@ -472,8 +472,8 @@ void SetAccountInfo(TALV::APIRequest* request, TALV::APIResponse* response) {
   const BOOL enewsLocalPromotion = OptionalBool(request, "enews_local_promotion");
   const char* criticalVersionList = OptionalText(request, "critical_version_list", &held[7]);
 
-  if (TALVPELLIXAccountSetInfo(fullName, email, currentPassword, newPassword, country, notifyLanguage, timezone,
-                               enews, criticalRelease, enewsLocalPromotion, criticalVersionList) >= 0) {
+  if (TALVPELLIXAccountSetInfo(fullName, email, currentPassword, newPassword, country, notifyLanguage, timezone, enews,
+                               criticalRelease, enewsLocalPromotion, criticalVersionList) >= 0) {
     response->SetSuccess(Json::Value());
     return;
   }

@@ -54,16 +54,24 @@ const std::string kDevice = std::string("serial=") + kDeviceSerial + "&token=" +
 const char kSettings[] = "language=ger\ntimezone=Amsterdam\n";  // /etc/talvinfo.conf
 
 const FormCase kForms[] = {
-    {"DevicesOwnSerial", nullptr, kSettings, {200, " good\n"}, true, kDevice + kFields + "ger" + kTimeZone,
+    {"DevicesOwnSerial", nullptr, kSettings, {200, " good\n"}, true, kDevice + kFields + "ger" + kTimeZone, "200 good"},
+    {"CallersSerial",
+     "X1",
+     kSettings,
+     {200, "account_inused"},
+     true,
+     std::string("serial=X1&token=") + kTokenX1 + kFields + "ger&serial=X1" + kTimeZone,
+     "200 account_inused"},
+    {"LanguageUnreadable",
+     nullptr,
+     "timezone=Amsterdam\n",
+     {200, "good"},
+     true,
+     kDevice + kFields + "enu" + kTimeZone,
      "200 good"},
-    {"CallersSerial", "X1", kSettings, {200, "account_inused"}, true,
-     std::string("serial=X1&token=") + kTokenX1 + kFields + "ger&serial=X1" + kTimeZone, "200 account_inused"},
-    {"LanguageUnreadable", nullptr, "timezone=Amsterdam\n", {200, "good"}, true,
-     kDevice + kFields + "enu" + kTimeZone, "200 good"},
     {"EmptyAnswer", nullptr, kSettings, {200, ""}, true, kDevice + kFields + "ger" + kTimeZone, "200 (no body)"},
     {"RefusedAnswer", nullptr, kSettings, {503, "busy"}, true, kDevice + kFields + "ger" + kTimeZone, "503 badsys"},
-    {"NoResultRecord", nullptr, kSettings, {200, "good"}, false, kDevice + kFields + "ger" + kTimeZone,
-     "0 (no body)"},
+    {"NoResultRecord", nullptr, kSettings, {200, "good"}, false, kDevice + kFields + "ger" + kTimeZone, "0 (no body)"},
 };
 
 TEST_F(TrustedServiceTest, RegisterPostsTheFormAndCopiesTheAnswer) {
@@ -137,17 +145,15 @@ Line Failed(const char* format, const ErrorState& s) {
 const char kSendFailed[] = "failed to send https request to [%s], err=[0x%04X %s:%d]";
 
 const FailureCase kFailures[] = {
-    {"FormHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc"); }, false,
-     TLIBC_ERR_OUT_OF_MEMORY,
+    {"FormHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
      [](const std::string&, const ErrorState& s) {
        return std::vector<Line>{Failed("failed to alloc https request, err=[0x%04X %s:%d]", s)};
      }},
     {"TimeZoneUnavailable", [](Sysroot&) { FailOnce("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND,
      [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{
-           LogLine("PellixAccountRegister",
-                   "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", -1, s.code,
-                   s.file.c_str(), s.line)};
+       return std::vector<Line>{LogLine("PellixAccountRegister",
+                                        "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", -1, s.code,
+                                        s.file.c_str(), s.line)};
      }},
     {"TimeZoneNameTooLong",
      [](Sysroot&) {
@@ -156,18 +162,16 @@ const FailureCase kFailures[] = {
      },
      false, TLIBC_ERR_BAD_PARAMETERS,
      [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{
-           LogLine("PellixAccountRegister",
-                   "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", 301, s.code,
-                   s.file.c_str(), s.line)};
+       return std::vector<Line>{LogLine("PellixAccountRegister",
+                                        "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", 301, s.code,
+                                        s.file.c_str(), s.line)};
      }},
-    {"ZoneHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc", 1); }, false,
-     TLIBC_ERR_OUT_OF_MEMORY,
+    {"ZoneHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc", 1); }, false, TLIBC_ERR_OUT_OF_MEMORY,
      [](const std::string&, const ErrorState& s) {
        return std::vector<Line>{Failed("Failed to alloc pTZInfo, err=[0x%04X %s:%d]", s)};
      }},
-    {"ZoneUnknown", [](Sysroot& root) { root.Write("/etc/talvinfo.conf", "timezone=Atlantis\n"); },
-     false, TLIBC_ERR_NOT_FOUND,
+    {"ZoneUnknown", [](Sysroot& root) { root.Write("/etc/talvinfo.conf", "timezone=Atlantis\n"); }, false,
+     TLIBC_ERR_NOT_FOUND,
      [](const std::string&, const ErrorState& s) {
        return std::vector<Line>{Failed("failed to get timezone info[0x%04X %s:%d]", s)};
      }},
@@ -183,18 +187,16 @@ const FailureCase kFailures[] = {
     {"SendFails", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
      [](const std::string& host, const ErrorState& s) {
        return std::vector<Line>{
-           LogLine("HttpsRequestSend", "out of memory, ERR=[0x%04X %s:%d]", s.code, s.file.c_str(),
-                   s.line),
-           LogLine("PellixAccountRegister", kSendFailed, host.c_str(), s.code, s.file.c_str(),
-                   s.line)};
+           LogLine("HttpsRequestSend", "out of memory, ERR=[0x%04X %s:%d]", s.code, s.file.c_str(), s.line),
+           LogLine("PellixAccountRegister", kSendFailed, host.c_str(), s.code, s.file.c_str(), s.line)};
      }},
     // Without a host the form goes to the service's own; the line names
     // it, and the device's missing build number keeps it from leaving.
-    {"DefaultHost", [](Sysroot& root) { root.Write("/etc.defaults/VERSION", "majorversion=5\n"); },
-     true, TLIBC_ERR_NONE,
+    {"DefaultHost", [](Sysroot& root) { root.Write("/etc.defaults/VERSION", "majorversion=5\n"); }, true,
+     TLIBC_ERR_NONE,
      [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{LogLine("PellixAccountRegister", kSendFailed, "account.pellix.example",
-                                        s.code, s.file.c_str(), s.line)};
+       return std::vector<Line>{
+           LogLine("PellixAccountRegister", kSendFailed, "account.pellix.example", s.code, s.file.c_str(), s.line)};
      }},
 };
 

@@ -26,8 +26,8 @@ using ::testing::SetArgReferee;
 using talvpellix::Outcome;
 
 // The codes a handler may answer with, and the host's for an exception.
-const std::set<int> kModuleCodes = {0,    3000, 3001, 3002, 3003, 3004, 3005, 3006,
-                                    3007, 3008, 3010, 3013, 3014, webapihost::kErrUnknown};
+const std::set<int> kModuleCodes = {0,    3000, 3001, 3002, 3003, 3004, 3005,
+                                    3006, 3007, 3008, 3010, 3013, 3014, webapihost::kErrUnknown};
 
 // A request for each row that passes its parameter checks.
 const char* const kParams[15] = {

@@ -60,17 +60,15 @@ TEST(WebapiHost, Commands) {
   struct Case {
     const char* args;
     int status;
-    const char* out;       // exact stdout
-    const char* errHas;    // a part of stderr
+    const char* out;     // exact stdout
+    const char* errHas;  // a part of stderr
   } cases[] = {
-      {"call TALV.Core.PellixCenter 2 query '{}'", 0, "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n",
-       ""},
+      {"call TALV.Core.PellixCenter 2 query '{}'", 0, "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n", ""},
       {"call TALV.Core.PellixCenter 2 query", 0, "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n", ""},
-      {"call TALV.Core.PellixCenter.Account 1 get '{}'", 0,
-       "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n", ""},
+      {"call TALV.Core.PellixCenter.Account 1 get '{}'", 0, "{\"success\":true,\"data\":{\"is_logged_in\":false}}\n",
+       ""},
       {"call TALV.Core.PellixCenter 2 get_iframe_info '{}'", 1,
-       "{\"success\":false,\"error\":{\"code\":3002,\"details\":{}}}\n",
-       "<3> pellixcenter.cpp:"},
+       "{\"success\":false,\"error\":{\"code\":3002,\"details\":{}}}\n", "<3> pellixcenter.cpp:"},
       {"call TALV.Core.PellixCenter 1 login '{}'", 2, "{\"success\":false,\"error\":{\"code\":103,\"details\":null}}\n",
        "no such method"},
       {"call TALV.Core.PellixCenter 2 query '{\"a\":'", 2, "", "not JSON"},

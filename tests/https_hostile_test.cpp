@@ -75,7 +75,13 @@ const std::vector<HostileCase>& Cases() {
   const Identities& ids = TestIdentities();
   static const std::vector<HostileCase> cases = {
       {"GarbageInsteadOfTls", ids.trusted, {Conduct::kGarbage}, 35, false, false, "", false},
-      {"ClosesInTheMiddleOfTheBody", ids.trusted, {Conduct::kCloseMidBody, 200, "good and then"}, 18, true, true, "",
+      {"ClosesInTheMiddleOfTheBody",
+       ids.trusted,
+       {Conduct::kCloseMidBody, 200, "good and then"},
+       18,
+       true,
+       true,
+       "",
        true},
       // OpenSSL's verdict on the chain: the module's callback overrules it
       // for the handshake, libcurl reads it afterwards.

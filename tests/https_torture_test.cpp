@@ -34,9 +34,9 @@ constexpr long kUntouched = 7;  // the caller's status, which only a completed t
 // --- The failure statements of the two sources ---
 
 struct Statement {
-  std::string where;    // "https_request.cpp:123"
+  std::string where;  // "https_request.cpp:123"
   std::string format;
-  std::regex message;   // the format, each conversion standing for any value
+  std::regex message;  // the format, each conversion standing for any value
 };
 
 // Conversions of the module's formats: %s, %d, %u, %ld, %zd, %04X.
@@ -103,8 +103,8 @@ class ZoneWithoutTzdbName : public talvsdk::Device {
 
 struct Shape {
   const char* name;
-  bool registerForm;  // through PellixAccountRegister, else HttpsRequestSend with credentials
-  bool serviceUp;     // the trusted local service answers "good", else a closed port
+  bool registerForm;   // through PellixAccountRegister, else HttpsRequestSend with credentials
+  bool serviceUp;      // the trusted local service answers "good", else a closed port
   const char* serial;  // PellixAccountRegister's caller serial
   int verbose;
   std::string fullName;
@@ -160,12 +160,12 @@ class TortureTest : public TrustedServiceTest {
     inject();
     int result;
     if (shape.registerForm) {
-      const AccountRegisterInfo info{shape.verbose, host.c_str(), "ada@example.com", kPassword,
-                                     shape.fullName.c_str(), shape.serial};
+      const AccountRegisterInfo info{shape.verbose, host.c_str(),           "ada@example.com",
+                                     kPassword,     shape.fullName.c_str(), shape.serial};
       result = PellixAccountRegister(&info, &response);
     } else {
-      const HttpsRequest request{host.c_str(), "account.php", fields.get(), shape.verbose, "ada@example.com",
-                                 kPassword};
+      const HttpsRequest request{host.c_str(),  "account.php",     fields.get(),
+                                 shape.verbose, "ada@example.com", kPassword};
       result = HttpsRequestSend(&request, &response);
     }
     platformCalls_ = talvseam::CallCount();
@@ -278,12 +278,12 @@ TEST_F(TortureTest, UrlEncodingFailureLogsThePasswordAsItIs) {
   EXPECT_EQ(a.code, 3003);
   const ErrorState state;
   const std::string host = server().Address();
-  EXPECT_EQ(Logged(), (std::vector<Line>{
-                          LogLine("AppendFormField", "URL encoding failed: %s", password.c_str()),
-                          LogLine("PellixAccountRegister", kSendFailed, host.c_str(), state.code, state.file.c_str(),
-                                  state.line),
-                          LogLine("Register", "cannot register account"),
-                      }));
+  EXPECT_EQ(Logged(),
+            (std::vector<Line>{
+                LogLine("AppendFormField", "URL encoding failed: %s", password.c_str()),
+                LogLine("PellixAccountRegister", kSendFailed, host.c_str(), state.code, state.file.c_str(), state.line),
+                LogLine("Register", "cannot register account"),
+            }));
   EXPECT_TRUE(server().Requests().empty());
 }
 

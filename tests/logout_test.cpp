@@ -26,10 +26,10 @@ struct LogoutCase {
   Verdict hard, soft;
   Outcome signOut;  // of TALVPELLIXAccountLogout; {0, 0} when it must not run
   // Expected:
-  int checks;        // feasibility checks run
+  int checks;  // feasibility checks run
   bool forceRead;
-  bool signedOut;    // TALVPELLIXAccountLogout called (with true)
-  int code;          // 0: success
+  bool signedOut;  // TALVPELLIXAccountLogout called (with true)
+  int code;        // 0: success
   const char* data;
   std::vector<std::pair<const char*, const char*>> logged;  // (format, JSON text or nullptr) in order
 };
@@ -51,8 +51,7 @@ std::ostream& operator<<(std::ostream& os, const SignOutMethod& m) { return os <
 const SignOutMethod kLogout{"TALV.Core.PellixCenter", 2, "logout", false};
 const SignOutMethod kPkceLogout{"TALV.Core.PellixCenter.Logout", 1, "pkce_logout", true};
 
-class LogoutTest : public ModuleTest,
-                   public ::testing::WithParamInterface<std::tuple<SignOutMethod, LogoutCase>> {};
+class LogoutTest : public ModuleTest, public ::testing::WithParamInterface<std::tuple<SignOutMethod, LogoutCase>> {};
 
 TEST_P(LogoutTest, ChecksThenSignsOut) {
   const auto& [m, c] = GetParam();
@@ -76,11 +75,9 @@ TEST_P(LogoutTest, ChecksThenSignsOut) {
 
   std::vector<talvseam::Call> checks = talvseam::JournalOf("TALVFeasibilityCheck");
   ASSERT_EQ(checks.size(), size_t(c.checks));
-  for (int i = 0; i < c.checks; ++i)
-    EXPECT_EQ(checks[i].args, (std::vector<std::string>{"30", std::to_string(i + 1)}));
+  for (int i = 0; i < c.checks; ++i) EXPECT_EQ(checks[i].args, (std::vector<std::string>{"30", std::to_string(i + 1)}));
   bool forceRead = false;
-  for (const talvseam::Call& call : talvseam::JournalOf("APIRequest::GetParam"))
-    forceRead |= call.args[0] == "force";
+  for (const talvseam::Call& call : talvseam::JournalOf("APIRequest::GetParam")) forceRead |= call.args[0] == "force";
   EXPECT_EQ(forceRead, c.forceRead);
 
   std::vector<Line> expected;
@@ -96,6 +93,8 @@ TEST_P(LogoutTest, ChecksThenSignsOut) {
   EXPECT_EQ(Logged(), expected);
 }
 
+// One case per row reads as the table it is.
+// clang-format off
 const LogoutCase kLogoutCases[] = {
     LogoutCase{"BothFeasible", "{}", kFeasible, kFeasible, {0, 0}, 2, true, true, 0, "null", {}},
     // A hard refusal cannot be forced; force is not even read.
@@ -124,6 +123,7 @@ const LogoutCase kLogoutCases[] = {
     LogoutCase{"ZeroWithError14", "{}", kFeasible, kFeasible, {0, 14}, 2, true, true, 3004, "{}",
                {{kQueryFailed, nullptr}}},
 };
+// clang-format on
 
 std::string CaseName(const ::testing::TestParamInfo<std::tuple<SignOutMethod, LogoutCase>>& info) {
   return std::get<1>(info.param).name;
@@ -141,8 +141,8 @@ std::vector<LogoutCase> PkceLogoutCases() {
   return cases;
 }
 INSTANTIATE_TEST_SUITE_P(PkceLogout, LogoutTest,
-                     ::testing::Combine(::testing::Values(kPkceLogout), ::testing::ValuesIn(PkceLogoutCases())),
-                     CaseName);
+                         ::testing::Combine(::testing::Values(kPkceLogout), ::testing::ValuesIn(PkceLogoutCases())),
+                         CaseName);
 
 // A check that cannot run counts as a refusal in its grade, with the core
 // library's error state in the log line; reasons already gathered stay.
@@ -156,14 +156,32 @@ TEST_F(ModuleTest, LogoutCheckThatCannotRun) {
     const char* refusal;
     const char* reasons;
   } cases[] = {
-      {"HardCheckFails", {-1, {"ignored"}, false, 0x0D00}, kFeasible, nullptr, kHard,
-       R"({"check_type": "hard", "reasons": null})", kHardly, "null"},
-      {"SoftCheckFails", {0, {"a1"}}, {-2, {}, false, 0x0400}, nullptr, kSoft,
-       R"({"check_type": "soft", "reasons": ["a1"]})", kSoftly, R"(["a1"])"},
-      {"HardListNotAllocated", kFeasible, kFeasible, "0", kHard, R"({"check_type": "hard", "reasons": null})",
-       kHardly, "null"},
-      {"SoftListNotAllocated", {0, {"a1"}}, kFeasible, "1", kSoft, R"({"check_type": "soft", "reasons": ["a1"]})",
-       kSoftly, R"(["a1"])"},
+      {"HardCheckFails",
+       {-1, {"ignored"}, false, 0x0D00},
+       kFeasible,
+       nullptr,
+       kHard,
+       R"({"check_type": "hard", "reasons": null})",
+       kHardly,
+       "null"},
+      {"SoftCheckFails",
+       {0, {"a1"}},
+       {-2, {}, false, 0x0400},
+       nullptr,
+       kSoft,
+       R"({"check_type": "soft", "reasons": ["a1"]})",
+       kSoftly,
+       R"(["a1"])"},
+      {"HardListNotAllocated", kFeasible, kFeasible, "0", kHard, R"({"check_type": "hard", "reasons": null})", kHardly,
+       "null"},
+      {"SoftListNotAllocated",
+       {0, {"a1"}},
+       kFeasible,
+       "1",
+       kSoft,
+       R"({"check_type": "soft", "reasons": ["a1"]})",
+       kSoftly,
+       R"(["a1"])"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -180,11 +198,10 @@ TEST_F(ModuleTest, LogoutCheckThatCannotRun) {
     // The state the failing call left is still the thread's.
     const int error = TLIBCErrGet();
     EXPECT_EQ(error, c.allocFault ? TLIBC_ERR_OUT_OF_MEMORY : (c.failedType == kHard ? c.hard : c.soft).error);
-    Line failure =
-        c.allocFault ? LogLine("IsLogoutFeasible", "Failed to alloc list [0x%04X %s:%d]", error, TLIBCErrorGetFile(),
-                           TLIBCErrorGetLine())
-                 : LogLine("IsLogoutFeasible", "Feasibility check (type=0x%02x) failed [0x%04X %s:%d]",
-                           c.failedType, error, TLIBCErrorGetFile(), TLIBCErrorGetLine());
+    Line failure = c.allocFault ? LogLine("IsLogoutFeasible", "Failed to alloc list [0x%04X %s:%d]", error,
+                                          TLIBCErrorGetFile(), TLIBCErrorGetLine())
+                                : LogLine("IsLogoutFeasible", "Feasibility check (type=0x%02x) failed [0x%04X %s:%d]",
+                                          c.failedType, error, TLIBCErrorGetFile(), TLIBCErrorGetLine());
     EXPECT_EQ(Logged(), (std::vector<Line>{failure, LogLine("LogoutFeasible", c.refusal, c.reasons)}));
     talvfeasibility::SetChecker(nullptr);
   }

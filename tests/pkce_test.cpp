@@ -44,13 +44,13 @@ struct PkceLoginCase {
   const char* name;
   const char* verifier;  // the verifier API's answer; nullptr: no such API on this host
   Service service;
-  const char* result;    // kReturns: what Login returns
-  int code;              // kThrowsPellix, kConstructorThrows: the exception's code
+  const char* result;  // kReturns: what Login returns
+  int code;            // kThrowsPellix, kConstructorThrows: the exception's code
   // Expected:
-  bool answered;         // false: the exception passed to the host
-  int answerCode;        // 0: success
+  bool answered;   // false: the exception passed to the host
+  int answerCode;  // 0: success
   const char* data;
-  const char* logged;    // the message after "Failed on PkceLogin: ", or nullptr
+  const char* logged;        // the message after "Failed on PkceLogin: ", or nullptr
   const char* codeVerifier;  // what Login received, or nullptr when it was not called
 };
 
@@ -90,15 +90,14 @@ TEST_P(PkceLoginTest, AnswersAndLogs) {
   std::vector<talvseam::Call> exec = talvseam::JournalOf("APIRunner::Exec");
   ASSERT_EQ(exec.size(), 1u);
   EXPECT_EQ(exec[0].args, (std::vector<std::string>{"TALV.Remote.Credential.Verifier", "1", "get",
-                                                     R"({"challenge":"ch-1"})", "root"}));
+                                                    R"({"challenge":"ch-1"})", "root"}));
   // Nothing reaches the service without a verifier; the record is in order.
   std::vector<talvseam::Call> logins = talvseam::JournalOf("AccountPkceService::Login");
   if (!c.codeVerifier) {
     EXPECT_TRUE(logins.empty());
   } else {
     ASSERT_EQ(logins.size(), 1u);
-    EXPECT_EQ(logins[0].args,
-              (std::vector<std::string>{"c-1", "g-1", c.codeVerifier, "https://nas.example/cb"}));
+    EXPECT_EQ(logins[0].args, (std::vector<std::string>{"c-1", "g-1", c.codeVerifier, "https://nas.example/cb"}));
   }
   if (c.logged && std::string(c.logged) == kNoVerifier) {
     EXPECT_TRUE(talvseam::JournalOf("AccountPkceService::AccountPkceService").empty()) << "never constructed";
@@ -111,40 +110,40 @@ INSTANTIATE_TEST_SUITE_P(
     Cases, PkceLoginTest,
     ::testing::Values(
         PkceLoginCase{"SignedIn", kKnown, Service::kReturns, kSignedIn, 0, true, 0, kAnswered, nullptr, "v-123"},
-        PkceLoginCase{"ResultWithoutActivated", kKnown, Service::kReturns, R"({"email": "e", "auth_key": 7})", 0,
-                      true, 0, R"({"account": "e", "auth_key": 7, "activated": null})", nullptr, "v-123"},
-        PkceLoginCase{"UnknownChallenge", R"({"success": false, "error": {"code": 120}})", Service::kReturns,
-                      kSignedIn, 0, true, 3003, "null", kNoVerifier, nullptr},
-        PkceLoginCase{"VerifierAnswerWithoutSuccess", R"({"data": {"verifier": "v"}})", Service::kReturns,
-                      kSignedIn, 0, true, 3003, "null", kNoVerifier, nullptr},
+        PkceLoginCase{"ResultWithoutActivated", kKnown, Service::kReturns, R"({"email": "e", "auth_key": 7})", 0, true,
+                      0, R"({"account": "e", "auth_key": 7, "activated": null})", nullptr, "v-123"},
+        PkceLoginCase{"UnknownChallenge", R"({"success": false, "error": {"code": 120}})", Service::kReturns, kSignedIn,
+                      0, true, 3003, "null", kNoVerifier, nullptr},
+        PkceLoginCase{"VerifierAnswerWithoutSuccess", R"({"data": {"verifier": "v"}})", Service::kReturns, kSignedIn, 0,
+                      true, 3003, "null", kNoVerifier, nullptr},
         PkceLoginCase{"VerifierApiNotAvailable", nullptr, Service::kReturns, kSignedIn, 0, true, 3003, "null",
                       kNoVerifier, nullptr},
         // Success without a verifier is not the module's to judge.
-        PkceLoginCase{"SuccessWithoutData", R"({"success": true})", Service::kReturns, kSignedIn, 0, true, 0,
-                      kAnswered, nullptr, ""},
-        PkceLoginCase{"SuccessWithoutVerifier", R"({"success": true, "data": {}})", Service::kReturns, kSignedIn,
-                      0, true, 0, kAnswered, nullptr, ""},
+        PkceLoginCase{"SuccessWithoutData", R"({"success": true})", Service::kReturns, kSignedIn, 0, true, 0, kAnswered,
+                      nullptr, ""},
+        PkceLoginCase{"SuccessWithoutVerifier", R"({"success": true, "data": {}})", Service::kReturns, kSignedIn, 0,
+                      true, 0, kAnswered, nullptr, ""},
         PkceLoginCase{"Pellix14", kKnown, Service::kThrowsPellix, nullptr, 14, true, 3004, "null", "grant refused",
                       "v-123"},
         PkceLoginCase{"Pellix25", kKnown, Service::kThrowsPellix, nullptr, 25, true, 3013, "null", "grant refused",
                       "v-123"},
         PkceLoginCase{"Pellix26", kKnown, Service::kThrowsPellix, nullptr, 26, true, 3000, "null", "grant refused",
                       "v-123"},
-        PkceLoginCase{"PellixMinus1", kKnown, Service::kThrowsPellix, nullptr, -1, true, 3000, "null",
-                      "grant refused", "v-123"},
+        PkceLoginCase{"PellixMinus1", kKnown, Service::kThrowsPellix, nullptr, -1, true, 3000, "null", "grant refused",
+                      "v-123"},
         // The translated code is answered as it is, even the one of success.
         PkceLoginCase{"Pellix0", kKnown, Service::kThrowsPellix, nullptr, 0, true, 3007, "null", "grant refused",
                       "v-123"},
         PkceLoginCase{"ConstructorThrows", kKnown, Service::kConstructorThrows, nullptr, 16, true, 3005, "null",
                       "service unavailable", nullptr},
-        PkceLoginCase{"OtherStdException", kKnown, Service::kThrowsStd, nullptr, 0, true, 3003, "null",
-                      "socket closed", "v-123"},
+        PkceLoginCase{"OtherStdException", kKnown, Service::kThrowsStd, nullptr, 0, true, 3003, "null", "socket closed",
+                      "v-123"},
         PkceLoginCase{"NonStandardExceptionPassesToTheHost", kKnown, Service::kThrowsOther, nullptr, 0, false, 0,
                       nullptr, nullptr, "v-123"},
         // Only the guarded steps are caught: composing the answer from a
         // result that is no object throws to the host.
-        PkceLoginCase{"ResultThatIsNoObjectPassesToTheHost", kKnown, Service::kReturns, R"("just text")", 0, false,
-                      0, nullptr, nullptr, "v-123"}),
+        PkceLoginCase{"ResultThatIsNoObjectPassesToTheHost", kKnown, Service::kReturns, R"("just text")", 0, false, 0,
+                      nullptr, nullptr, "v-123"}),
     [](const ::testing::TestParamInfo<PkceLoginCase>& info) { return std::string(info.param.name); });
 
 // All five must be present, token_endpoint included although nobody uses it;
@@ -184,14 +183,14 @@ TEST_F(ModuleTest, GetCodeVerifier) {
   void* handle = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
   ASSERT_NE(handle, nullptr);
   using Fn = std::string (*)(std::string);
-  auto getCodeVerifier = reinterpret_cast<Fn>(
-      dlsym(handle, "_Z15getCodeVerifierNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"));
+  auto getCodeVerifier =
+      reinterpret_cast<Fn>(dlsym(handle, "_Z15getCodeVerifierNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"));
   dlclose(handle);
   ASSERT_NE(getCodeVerifier, nullptr);
 
   struct Case {
     const char* name;
-    const char* answer;  // nullptr: the API is not available
+    const char* answer;    // nullptr: the API is not available
     const char* verifier;  // nullptr: throws
   } cases[] = {
       {"KnownChallenge", kKnown, "v-123"},

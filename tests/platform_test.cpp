@@ -130,8 +130,10 @@ TEST_F(PlatformTest, FaultPlan) {
     bool persistent;
     const char* pattern;  // five TLIBCSzListAlloc calls: o ok, x failed
   } cases[] = {
-      {"TLIBCSzListAlloc", 0, false, "xoooo"}, {"TLIBCSzListAlloc", 2, false, "ooxoo"},
-      {"TLIBCSzListAlloc", 2, true, "ooxxx"},  {"TLIBCSzHashAlloc", 0, true, "ooooo"},
+      {"TLIBCSzListAlloc", 0, false, "xoooo"},
+      {"TLIBCSzListAlloc", 2, false, "ooxoo"},
+      {"TLIBCSzListAlloc", 2, true, "ooxxx"},
+      {"TLIBCSzHashAlloc", 0, true, "ooooo"},
       {"*", 3, false, "oooxo"},
   };
   for (const Case& c : cases) {
@@ -278,8 +280,8 @@ TEST_F(PlatformTest, CoreAccountsForWhatItHandsOut) {
 TEST(HostClasses, EmailValidator) {
   for (const char* good : {"a@b.cd", "Ada.Lovelace+nas@mail.example.com", "x_y-z@sub.domain.org"})
     EXPECT_TRUE(TALV::APIValidator::IsEMail(good)) << good;
-  for (const char* bad : {"", "plain", "@b.cd", "a@", "a@b", "a@@b.cd", "a b@c.de", "a@b..cd", "a@.b.cd",
-                          "a@b.cd.", "a@b.c\"d", "a,b@c.de"})
+  for (const char* bad : {"", "plain", "@b.cd", "a@", "a@b", "a@@b.cd", "a b@c.de", "a@b..cd", "a@.b.cd", "a@b.cd.",
+                          "a@b.c\"d", "a,b@c.de"})
     EXPECT_FALSE(TALV::APIValidator::IsEMail(bad)) << bad;
 }
 

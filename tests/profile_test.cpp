@@ -163,8 +163,7 @@ TEST_F(ModuleTest, ParameterOfTheWrongTypeIsTheHostsError) {
     EXPECT_TRUE(a.threw);
     EXPECT_EQ(a.answers, 0);
     EXPECT_EQ(a.code, webapihost::kErrUnknown);
-    EXPECT_EQ(webapihost::Envelope(a).rfind(R"({"success":false,"error":{"code":100,"details":{"exception":)", 0),
-              0u);
+    EXPECT_EQ(webapihost::Envelope(a).rfind(R"({"success":false,"error":{"code":100,"details":{"exception":)", 0), 0u);
     for (const talvseam::Call& call : talvseam::Journal()) EXPECT_NE(call.service, "pellix") << call.op;
   }
   EXPECT_EQ(Logged(), std::vector<Line>{});

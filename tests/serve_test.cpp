@@ -11,10 +11,10 @@
 #include <set>
 #include <thread>
 
-#include "support/module_test.h"
-#include "talv/cloud.h"
-#include "support/process.h"
 #include "client.h"
+#include "support/module_test.h"
+#include "support/process.h"
+#include "talv/cloud.h"
 
 namespace pellixtest {
 namespace {
@@ -54,7 +54,8 @@ const char kAny[] = "<any>";
 
 std::string Substitute(std::string text, const std::map<std::string, std::string>& vars) {
   for (const auto& kv : vars)
-    for (size_t at; (at = text.find("$" + kv.first)) != std::string::npos;) text.replace(at, kv.first.size() + 1, kv.second);
+    for (size_t at; (at = text.find("$" + kv.first)) != std::string::npos;)
+      text.replace(at, kv.first.size() + 1, kv.second);
   return text;
 }
 
@@ -82,8 +83,8 @@ class ServeTest : public ::testing::Test {
     const char* api;
     int version;
     const char* method;
-    std::string params;  // JSON; $name is replaced by a captured value
-    std::string expect;  // the envelope; "<any>" matches anything
+    std::string params;             // JSON; $name is replaced by a captured value
+    std::string expect;             // the envelope; "<any>" matches anything
     const char* capture = nullptr;  // keep data.auth_key under this name
   };
   void Run(const std::vector<Step>& steps) {
@@ -210,7 +211,7 @@ TEST_F(ServeTest, AccountPhpAndPkceSignIn) {
 
   char token[33];
   ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken(vars_["serial"].c_str(), token, sizeof(token)), 0);
-  httplib::Params form{{"serial", vars_["serial"]}, {"token", token},           {"action", "register"},
+  httplib::Params form{{"serial", vars_["serial"]},  {"token", token},      {"action", "register"},
                        {"email", "ada@example.com"}, {"passwd", "secret1"}, {"full_name", "Ada Lovelace"}};
   // By name (the certificate has it too): httplib's check of an IP address
   // against the certificate reads uninitialised bytes.
@@ -239,7 +240,9 @@ TEST_F(ServeTest, AccountPhpAndPkceSignIn) {
   authorize["password"] = "secret1";
   authorize["code_challenge"] = vars_["challenge"];
   EXPECT_EQ(PostForm(host_->port(), "/sim/authorize", J(R"({"email":"ada@example.com","password":"x",
-                                                             "code_challenge":"abc"})")).status, 400);
+                                                             "code_challenge":"abc"})"))
+                .status,
+            400);
   Reply grant = PostForm(host_->port(), "/sim/authorize", authorize);
   ASSERT_EQ(grant.status, 200) << grant.body;
   vars_["code"] = grant.body["grant_code"].asString();
@@ -346,7 +349,8 @@ TEST_F(ServeTest, StateSurvivesRestartAndKill) {
   std::atomic<bool> stop{false};
   std::thread writer([&] {
     for (int n = 0; !stop; ++n) {
-      Reply r = Entry(host_->port(), kAccount, 1, "set", J("{\"critical_version_list\":\"" + std::to_string(n) + "\"}"));
+      Reply r =
+          Entry(host_->port(), kAccount, 1, "set", J("{\"critical_version_list\":\"" + std::to_string(n) + "\"}"));
       if (r.status != 200) break;
       answered = n;
     }
@@ -448,13 +452,13 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
   } cases[] = {
       {"no api", "GET", "/webapi/entry?version=2&method=query", "", "", 400, 101},
       {"no method", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=2", "", "", 400, 101},
-      {"version not a number", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=two&method=query", "", "",
-       400, 101},
+      {"version not a number", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=two&method=query", "", "", 400,
+       101},
       {"unknown API", "GET", "/webapi/entry?api=TALV.Nothing&version=1&method=query", "", "", 404, 102},
       {"no such method", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=nothing", "", "", 404, 103},
       {"no such version", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=1&method=query", "", "", 404, 103},
-      {"API without that version", "GET", "/webapi/entry?api=TALV.Core.PellixCenter.Account&version=2&method=get",
-       "", "", 404, 104},
+      {"API without that version", "GET", "/webapi/entry?api=TALV.Core.PellixCenter.Account&version=2&method=get", "",
+       "", 404, 104},
       {"field that is broken JSON", "GET",
        "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=login&account=%7Bx&password=1", "", "", 400, 101},
       {"field given twice", "GET", "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=query&a=1&a=2", "", "",
@@ -472,8 +476,8 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    httplib::Result r = std::string(c.method) == "GET" ? client.Get(c.target)
-                                                         : client.Post(c.target, c.body, c.contentType);
+    httplib::Result r =
+        std::string(c.method) == "GET" ? client.Get(c.target) : client.Post(c.target, c.body, c.contentType);
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, c.status) << r->body;
     Json::Value body = J(r->body);
@@ -531,9 +535,9 @@ TEST_F(ServeTest, FieldsKeepTheirTypes) {
     return r ? J(r->body) : Json::Value();
   };
   // A password of digits stays text; so does a name of digits.
-  EXPECT_EQ(form("api=TALV.Core.PellixCenter&version=2&method=login&account=ada%40example.com&password=000123")
-                ["success"],
-            true);
+  EXPECT_EQ(
+      form("api=TALV.Core.PellixCenter&version=2&method=login&account=ada%40example.com&password=000123")["success"],
+      true);
   EXPECT_EQ(form("api=TALV.Core.PellixCenter.Account&version=1&method=set&full_name=12345&enews=true"),
             J(R"({"success":true,"data":null})"));
   EXPECT_EQ(form("api=TALV.Core.PellixCenter.Account&version=1&method=set&country=%22%7B%7D%22&critical_release=false"),

@@ -25,8 +25,8 @@ const char kBound[] = R"({"email": "bound@example.com", "auth_key": "bound\u0000
 struct SignIn {
   const char* method;  // of TALV.Core.PellixCenter version 2
   const char* function;
-  const char* params;  // a complete request
-  const char* op;      // the library operation that signs in
+  const char* params;             // a complete request
+  const char* op;                 // the library operation that signs in
   std::vector<std::string> args;  // as the library must receive them
   const char* answer;             // on success
   bool nullDetails;               // the answer starts as null, not {}
@@ -40,17 +40,38 @@ struct SignIn {
 std::ostream& operator<<(std::ostream& os, const SignIn& s) { return os << s.method; }
 
 const SignIn kSignIns[] = {
-    {"login", "Login", R"({"account": "Ada@Example.COM", "password": "pw 1"})", "TALVPELLIXAccountLogin",
+    {"login",
+     "Login",
+     R"({"account": "Ada@Example.COM", "password": "pw 1"})",
+     "TALVPELLIXAccountLogin",
      {"Ada@Example.COM", "pw 1", "false"},
-     R"({"account": "Ada@Example.COM", "auth_key": "lib-key", "activated": true})", false, true,
-     "TALVPELLIXAccountLogin failed, email=%s", "Pellix login failed, email=%s, code=%u", "Ada@Example.COM"},
-    {"login_by_key", "LoginByKey", R"({"serial": "SN-1", "auth_key": "req-key"})", "TALVPELLIXAccountLoginByKey",
-     {"SN-1", "req-key"}, R"({"account": "stored@example.com", "auth_key": "req-key", "activated": true})", true,
-     false, "TALVPELLIXAccountLoginByKey failed, serial=%s", "Pellix login by key failed, serial=%s, code=%u",
+     R"({"account": "Ada@Example.COM", "auth_key": "lib-key", "activated": true})",
+     false,
+     true,
+     "TALVPELLIXAccountLogin failed, email=%s",
+     "Pellix login failed, email=%s, code=%u",
+     "Ada@Example.COM"},
+    {"login_by_key",
+     "LoginByKey",
+     R"({"serial": "SN-1", "auth_key": "req-key"})",
+     "TALVPELLIXAccountLoginByKey",
+     {"SN-1", "req-key"},
+     R"({"account": "stored@example.com", "auth_key": "req-key", "activated": true})",
+     true,
+     false,
+     "TALVPELLIXAccountLoginByKey failed, serial=%s",
+     "Pellix login by key failed, serial=%s, code=%u",
      "SN-1"},
-    {"oauth_login", "OauthLogin", R"({"access_token": "tok-9"})", "TALVPELLIXAccountOauthLogin", {"tok-9"},
-     R"({"account": "stored@example.com", "auth_key": "lib-key", "activated": true})", false, false,
-     "TALVPELLIXAccountOauthLogin failed, random_token=%s", "Pellix login failed, random_token=%s, code=%u",
+    {"oauth_login",
+     "OauthLogin",
+     R"({"access_token": "tok-9"})",
+     "TALVPELLIXAccountOauthLogin",
+     {"tok-9"},
+     R"({"account": "stored@example.com", "auth_key": "lib-key", "activated": true})",
+     false,
+     false,
+     "TALVPELLIXAccountOauthLogin failed, random_token=%s",
+     "Pellix login failed, random_token=%s, code=%u",
      "tok-9"},
 };
 
@@ -95,9 +116,9 @@ TEST_P(SignInTest, RefusesWhileAnAccountIsSignedIn) {
   expected["auth_key"] = GetParam().keyAsText ? std::string("bound") : std::string("bound\0tail", 10);
   EXPECT_EQ(a.data, expected) << a.data;
   EXPECT_TRUE(SignInCalls().empty());
-  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("RefuseWhileSignedIn",
-                                                "Already logged in a Pellix account: %s. %s aborted.",
-                                                "bound@example.com", "Login")});
+  EXPECT_EQ(Logged(),
+            std::vector<Line>{LogLine("RefuseWhileSignedIn", "Already logged in a Pellix account: %s. %s aborted.",
+                                      "bound@example.com", "Login")});
 }
 
 TEST_P(SignInTest, PositiveQueryResultIsNotSignedIn) {
@@ -202,21 +223,18 @@ TEST_F(ModuleTest, HandleApiKeyError) {
     int code;
     int loggedCode;  // -1: nothing
   } cases[] = {
-      {"ZeroIgnoresTheErrorNumber", {0, 14}, true, 0, -1},
-      {"PositiveIgnoresTheErrorNumber", {2, 99}, true, 0, -1},
-      {"NegativeWithErrorZero", {-1, 0}, true, 0, 3007},
-      {"NegativeWithError14", {-1, 14}, false, 3004, 3004},
+      {"ZeroIgnoresTheErrorNumber", {0, 14}, true, 0, -1},  {"PositiveIgnoresTheErrorNumber", {2, 99}, true, 0, -1},
+      {"NegativeWithErrorZero", {-1, 0}, true, 0, 3007},    {"NegativeWithError14", {-1, 14}, false, 3004, 3004},
       {"NegativeWithError40", {-1, 40}, false, 3000, 3000},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     talvseam::ClearJournal();
-    EXPECT_CALL(backend_, HandleApiKeyError(_, _))
-        .WillOnce(Invoke([&](Json::Value& answer, const char* text) {
-          EXPECT_STREQ(text, "");
-          answer["relogin"] = true;
-          return c.outcome;
-        }));
+    EXPECT_CALL(backend_, HandleApiKeyError(_, _)).WillOnce(Invoke([&](Json::Value& answer, const char* text) {
+      EXPECT_STREQ(text, "");
+      answer["relogin"] = true;
+      return c.outcome;
+    }));
     webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "handle_apikey_error", J(R"({"apikey_error": ""})"));
     EXPECT_EQ(a.answers, 1);
     EXPECT_EQ(a.success, c.success);

@@ -84,7 +84,8 @@ TEST(Password, Pbkdf2OfAKnownVector) {
 }
 
 TEST(Pkce, S256OfTheRfc7636Example) {
-  EXPECT_EQ(S256Challenge("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"), "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM");
+  EXPECT_EQ(S256Challenge("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"),
+            "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM");
   // BASE64URL, no padding: 43 characters without '+', '/' or '='.
   for (const char* verifier : {"", "a", "~~~~", "0123456789"}) {
     std::string c = S256Challenge(verifier);
@@ -357,8 +358,8 @@ TEST_F(ServiceTest, AccountFormKeywords) {
   ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken(kSerial, token, sizeof(token)), 0);
   using Form = std::multimap<std::string, std::string>;
   auto form = [&](const std::string& email, const std::string& password = "secret1") {
-    return Form{{"serial", kSerial}, {"token", token},       {"action", "register"}, {"email", email},
-                {"passwd", password}, {"full_name", "Ada L"}, {"notify_lang", "ger"},  {"timezone", "Europe/Berlin"},
+    return Form{{"serial", kSerial},  {"token", token},       {"action", "register"}, {"email", email},
+                {"passwd", password}, {"full_name", "Ada L"}, {"notify_lang", "ger"}, {"timezone", "Europe/Berlin"},
                 {"serial", kSerial}};
   };
   Form wrongToken = form("eve@example.com");

@@ -22,13 +22,13 @@ const char kSignedIn[] = R"({"email": "Ada@Example.com", "auth_key": "k-123", "a
 
 struct StatusCase {
   const char* name;
-  int result;             // of TALVPELLIXAccountQueryInfo / TALVPELLIXGetIframeInfo
-  uint32_t error;         // account error number left behind
-  const char* filled;     // what the library writes into the object
+  int result;          // of TALVPELLIXAccountQueryInfo / TALVPELLIXGetIframeInfo
+  uint32_t error;      // account error number left behind
+  const char* filled;  // what the library writes into the object
   bool success;
-  int code;               // expected error code when !success
-  const char* data;       // expected data or details
-  int loggedCode;         // -1: nothing logged
+  int code;          // expected error code when !success
+  const char* data;  // expected data or details
+  int loggedCode;    // -1: nothing logged
 };
 
 std::ostream& operator<<(std::ostream& os, const StatusCase& c) { return os << c.name; }
@@ -65,25 +65,25 @@ TEST_P(QueryTest, AnswersAndLogs) {
 
 INSTANTIATE_TEST_SUITE_P(
     Cases, QueryTest,
-    ::testing::Values(
-        StatusCase{"SignedIn", 0, 0, kSignedIn, true, 0,
-                   R"({"account": "Ada@Example.com", "auth_key": "k-123", "activated": true,
+    ::testing::Values(StatusCase{"SignedIn", 0, 0, kSignedIn, true, 0,
+                                 R"({"account": "Ada@Example.com", "auth_key": "k-123", "activated": true,
                        "critical_version_domain": "cv.example", "is_logged_in": true})",
-                   -1},
-        StatusCase{"PositiveResultCountsAsSuccess", 7, 0, kSignedIn, true, 0,
-                   R"({"account": "Ada@Example.com", "auth_key": "k-123", "activated": true,
+                                 -1},
+                      StatusCase{"PositiveResultCountsAsSuccess", 7, 0, kSignedIn, true, 0,
+                                 R"({"account": "Ada@Example.com", "auth_key": "k-123", "activated": true,
                        "critical_version_domain": "cv.example", "is_logged_in": true})",
-                   -1},
-        StatusCase{"UnsetMembersAnswerNull", 0, 0, R"({"email": "a@b.cd"})", true, 0,
-                   R"({"account": "a@b.cd", "auth_key": null, "activated": null,
+                                 -1},
+                      StatusCase{"UnsetMembersAnswerNull", 0, 0, R"({"email": "a@b.cd"})", true, 0,
+                                 R"({"account": "a@b.cd", "auth_key": null, "activated": null,
                        "critical_version_domain": null, "is_logged_in": true})",
-                   -1},
-        StatusCase{"SucceededWithErrorNumber16", 0, 16, kSignedIn, false, 3005, R"({"is_logged_in": false})", 16},
-        StatusCase{"SucceededWithErrorNumber3", 0, 3, "{}", false, 3000, R"({"is_logged_in": false})", 3},
-        StatusCase{"NotSignedIn", -1, 3, "{}", true, 0, R"({"is_logged_in": false})", -1},
-        StatusCase{"NetworkError", -1, 4, "{}", false, 3002, "{}", -1},
-        StatusCase{"FailedWithErrorNumber0", -1, 0, "{}", true, 0, "{}", -1},
-        StatusCase{"FailedWithUnknownNumber", -1, 99, R"({"email": "x@y.zz"})", false, 3000, "{}", -1}),
+                                 -1},
+                      StatusCase{"SucceededWithErrorNumber16", 0, 16, kSignedIn, false, 3005,
+                                 R"({"is_logged_in": false})", 16},
+                      StatusCase{"SucceededWithErrorNumber3", 0, 3, "{}", false, 3000, R"({"is_logged_in": false})", 3},
+                      StatusCase{"NotSignedIn", -1, 3, "{}", true, 0, R"({"is_logged_in": false})", -1},
+                      StatusCase{"NetworkError", -1, 4, "{}", false, 3002, "{}", -1},
+                      StatusCase{"FailedWithErrorNumber0", -1, 0, "{}", true, 0, "{}", -1},
+                      StatusCase{"FailedWithUnknownNumber", -1, 99, R"({"email": "x@y.zz"})", false, 3000, "{}", -1}),
     [](const ::testing::TestParamInfo<StatusCase>& info) { return std::string(info.param.name); });
 
 // The account error number is logged untranslated, all 32 bits of it.
@@ -132,25 +132,25 @@ TEST_P(IframeTest, AnswersAndLogs) {
 // this table is also the translation at its boundaries.
 INSTANTIATE_TEST_SUITE_P(
     Cases, IframeTest,
-    ::testing::Values(
-        StatusCase{"Filled", 0, 0, R"({"url": "https://acct.example/embed", "lang": "enu"})", true, 0,
-                   R"({"url": "https://acct.example/embed", "lang": "enu"})", -1},
-        StatusCase{"PositiveResultIgnoresErrorNumber", 2, 14, R"({"url": "u"})", true, 0, R"({"url": "u"})", -1},
-        StatusCase{"Error0IsSuccess", -1, 0, R"({"partial": 1})", true, 0, R"({"partial": 1})", 3007},
-        StatusCase{"Error1", -1, 1, R"({"partial": 1})", false, 3001, R"({"partial": 1})", 3001},
-        StatusCase{"Error3", -1, 3, "{}", false, 3000, "{}", 3000},
-        StatusCase{"Error4", -1, 4, "{}", false, 3002, "{}", 3002},
-        StatusCase{"Error5", -1, 5, "{}", false, 3003, "{}", 3003},
-        StatusCase{"Error14", -1, 14, "{}", false, 3004, "{}", 3004},
-        StatusCase{"Error15", -1, 15, "{}", false, 3002, "{}", 3002},
-        StatusCase{"Error16", -1, 16, "{}", false, 3005, "{}", 3005},
-        StatusCase{"Error17", -1, 17, "{}", false, 3006, "{}", 3006},
-        StatusCase{"Error18", -1, 18, "{}", false, 3008, "{}", 3008},
-        StatusCase{"Error24", -1, 24, "{}", false, 3000, "{}", 3000},
-        StatusCase{"Error25", -1, 25, "{}", false, 3013, "{}", 3013},
-        StatusCase{"Error26", -1, 26, "{}", false, 3000, "{}", 3000},
-        StatusCase{"Error99", -1, 99, R"({"half": "done"})", false, 3000, R"({"half": "done"})", 3000},
-        StatusCase{"ErrorAllBits", -1, kAllBits, "{}", false, 3000, "{}", 3000}),
+    ::testing::Values(StatusCase{"Filled", 0, 0, R"({"url": "https://acct.example/embed", "lang": "enu"})", true, 0,
+                                 R"({"url": "https://acct.example/embed", "lang": "enu"})", -1},
+                      StatusCase{"PositiveResultIgnoresErrorNumber", 2, 14, R"({"url": "u"})", true, 0,
+                                 R"({"url": "u"})", -1},
+                      StatusCase{"Error0IsSuccess", -1, 0, R"({"partial": 1})", true, 0, R"({"partial": 1})", 3007},
+                      StatusCase{"Error1", -1, 1, R"({"partial": 1})", false, 3001, R"({"partial": 1})", 3001},
+                      StatusCase{"Error3", -1, 3, "{}", false, 3000, "{}", 3000},
+                      StatusCase{"Error4", -1, 4, "{}", false, 3002, "{}", 3002},
+                      StatusCase{"Error5", -1, 5, "{}", false, 3003, "{}", 3003},
+                      StatusCase{"Error14", -1, 14, "{}", false, 3004, "{}", 3004},
+                      StatusCase{"Error15", -1, 15, "{}", false, 3002, "{}", 3002},
+                      StatusCase{"Error16", -1, 16, "{}", false, 3005, "{}", 3005},
+                      StatusCase{"Error17", -1, 17, "{}", false, 3006, "{}", 3006},
+                      StatusCase{"Error18", -1, 18, "{}", false, 3008, "{}", 3008},
+                      StatusCase{"Error24", -1, 24, "{}", false, 3000, "{}", 3000},
+                      StatusCase{"Error25", -1, 25, "{}", false, 3013, "{}", 3013},
+                      StatusCase{"Error26", -1, 26, "{}", false, 3000, "{}", 3000},
+                      StatusCase{"Error99", -1, 99, R"({"half": "done"})", false, 3000, R"({"half": "done"})", 3000},
+                      StatusCase{"ErrorAllBits", -1, kAllBits, "{}", false, 3000, "{}", 3000}),
     [](const ::testing::TestParamInfo<StatusCase>& info) { return std::string(info.param.name); });
 
 // None of the three reads a parameter: whatever the request carries, the

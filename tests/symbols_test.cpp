@@ -32,8 +32,13 @@ std::set<std::string> Symbols(const char* which) {
 
 TEST(Symbols, DefinesExactlyTheModuleInterface) {
   std::set<std::string> expected = {
-      "GetAPITable", "grgTable", "grgErrorCodeMap", "PellixAccountRegister", "HttpsRequestSend",
-      "HttpsResponseFree", "_Z15getCodeVerifierNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
+      "GetAPITable",
+      "grgTable",
+      "grgErrorCodeMap",
+      "PellixAccountRegister",
+      "HttpsRequestSend",
+      "HttpsResponseFree",
+      "_Z15getCodeVerifierNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE",
   };
   for (const pellixtest::Row& row : pellixtest::kRows) expected.insert(row.handler);
   EXPECT_EQ(Symbols("--defined-only"), expected);

@@ -44,8 +44,7 @@ int TALVPELLIXAccountSetInfo(const char* fullName, const char* email, const char
                              const char* criticalVersionList);
 // Fills `result` with the purchase history; null dates are open bounds.
 int TALVPELLIXAccountPurchaseList(const char* language, const char* dateFrom, const char* dateTo, Json::Value& apps,
-                                  Json::Value& serials, Json::Value& prices, Json::Value& paypals,
-                                  Json::Value& result);
+                                  Json::Value& serials, Json::Value& prices, Json::Value& paypals, Json::Value& result);
 // The account error number of the calling thread's last operation.
 uint32_t TALVPELLIXErrGet();
 

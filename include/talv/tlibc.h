@@ -19,12 +19,14 @@ extern "C" {
 #define TLIBC_ERR_NETWORK 0x8100
 
 /* A hash of text keys to text values; enumerates keys in insertion order. */
-typedef struct _TLIBC_SZHASH TLIBC_SZHASH; /* NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the platform's tag */
+/* The platform's tags: NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
+typedef struct _TLIBC_SZHASH TLIBC_SZHASH;
 
 /* A list of texts. The header is public: nItem is the item count. */
-typedef struct _TLIBC_SZLIST { /* NOLINT(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp): the platform's tag */
-  int nSize; /* capacity in items */
-  int nItem; /* items in the list */
+/* NOLINTNEXTLINE(bugprone-reserved-identifier,cert-dcl37-c,cert-dcl51-cpp) */
+typedef struct _TLIBC_SZLIST {
+  int nSize;        /* capacity in items */
+  int nItem;        /* items in the list */
   char* pszItem[1]; /* nSize slots follow; use TLIBCSzListGet */
 } TLIBC_SZLIST;
 

@@ -96,7 +96,7 @@ class APIResponse {
 
   // Host side: the last answer given, and how many were given.
   bool IsSuccess() const;
-  int GetError() const;           // 0 after SetSuccess or before any answer
+  int GetError() const;                // 0 after SetSuccess or before any answer
   const Json::Value& GetData() const;  // success data or error details
   int AnswerCount() const;
 

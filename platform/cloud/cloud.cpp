@@ -19,8 +19,8 @@ const char kDeviceSecret[] = "talv-device-secret";
 extern "C" {
 
 int TALVCloudServiceQbtokenGenerateToken(const char* serial, char* token, int tokenSize) {
-  if (talvseam::Enter("cloud", "TALVCloudServiceQbtokenGenerateToken", {Arg(serial), Arg(tokenSize)}) ||
-      !serial || !*serial || !token || tokenSize < 33) {
+  if (talvseam::Enter("cloud", "TALVCloudServiceQbtokenGenerateToken", {Arg(serial), Arg(tokenSize)}) || !serial ||
+      !*serial || !token || tokenSize < 33) {
     TLIBCErrSetEx(TLIBC_ERR_BAD_PARAMETERS, "cloud.cpp", __LINE__);
     return -1;
   }

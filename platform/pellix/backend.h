@@ -30,10 +30,9 @@ class Backend {
   virtual Outcome Logout(bool notifyService) = 0;
   virtual Outcome Register(const char* email, const char* password, const char* fullName, bool criticalRelease,
                            bool enews, bool enewsLocalPromotion, const char* country) = 0;
-  virtual Outcome SetInfo(const char* fullName, const char* email, const char* currentPassword,
-                          const char* newPassword, const char* country, const char* notifyLanguage,
-                          const char* timezone, BOOL enews, BOOL criticalRelease, BOOL enewsLocalPromotion,
-                          const char* criticalVersionList) = 0;
+  virtual Outcome SetInfo(const char* fullName, const char* email, const char* currentPassword, const char* newPassword,
+                          const char* country, const char* notifyLanguage, const char* timezone, BOOL enews,
+                          BOOL criticalRelease, BOOL enewsLocalPromotion, const char* criticalVersionList) = 0;
   virtual Outcome PurchaseList(const char* language, const char* dateFrom, const char* dateTo, Json::Value& apps,
                                Json::Value& serials, Json::Value& prices, Json::Value& paypals,
                                Json::Value& result) = 0;

@@ -23,12 +23,12 @@ class Offline : public Backend {
   Outcome Register(const char*, const char*, const char*, bool, bool, bool, const char*) override {
     return {-1, kUnreachable};
   }
-  Outcome SetInfo(const char*, const char*, const char*, const char*, const char*, const char*, const char*, BOOL,
-                  BOOL, BOOL, const char*) override {
+  Outcome SetInfo(const char*, const char*, const char*, const char*, const char*, const char*, const char*, BOOL, BOOL,
+                  BOOL, const char*) override {
     return {-1, kNotSignedIn};
   }
-  Outcome PurchaseList(const char*, const char*, const char*, Json::Value&, Json::Value&, Json::Value&,
-                       Json::Value&, Json::Value&) override {
+  Outcome PurchaseList(const char*, const char*, const char*, Json::Value&, Json::Value&, Json::Value&, Json::Value&,
+                       Json::Value&) override {
     return {-1, kNotSignedIn};
   }
   void PkceOpen() override {}
@@ -50,7 +50,7 @@ template <typename Run>
 int Plain(const char* op, std::vector<std::string> args, Run run) {
   int code = 0;
   Outcome out = talvseam::Enter("pellix", op, std::move(args), &code) ? Outcome{-1, static_cast<uint32_t>(code)}
-                                                                       : run(CurrentBackend());
+                                                                      : run(CurrentBackend());
   tError = out.error;
   return out.result;
 }
@@ -140,27 +140,26 @@ int TALVPELLIXAccountLogout(bool notifyService) {
 }
 int TALVPELLIXAccountRegister(const char* email, const char* password, const char* fullName, bool criticalRelease,
                               bool enews, bool enewsLocalPromotion, const char* country) {
-  return talvpellix::Plain(
-      "TALVPELLIXAccountRegister",
-      {Arg(email), Arg(password), Arg(fullName), Flag(criticalRelease), Flag(enews), Flag(enewsLocalPromotion),
-       Arg(country)},
-      [&](Backend* be) {
-        return be->Register(email, password, fullName, criticalRelease, enews, enewsLocalPromotion, country);
-      });
+  return talvpellix::Plain("TALVPELLIXAccountRegister",
+                           {Arg(email), Arg(password), Arg(fullName), Flag(criticalRelease), Flag(enews),
+                            Flag(enewsLocalPromotion), Arg(country)},
+                           [&](Backend* be) {
+                             return be->Register(email, password, fullName, criticalRelease, enews, enewsLocalPromotion,
+                                                 country);
+                           });
 }
 int TALVPELLIXAccountSetInfo(const char* fullName, const char* email, const char* currentPassword,
                              const char* newPassword, const char* country, const char* notifyLanguage,
                              const char* timezone, BOOL enews, BOOL criticalRelease, BOOL enewsLocalPromotion,
                              const char* criticalVersionList) {
-  return talvpellix::Plain("TALVPELLIXAccountSetInfo",
-                           {Arg(fullName), Arg(email), Arg(currentPassword), Arg(newPassword), Arg(country),
-                            Arg(notifyLanguage), Arg(timezone), Arg(enews), Arg(criticalRelease),
-                            Arg(enewsLocalPromotion), Arg(criticalVersionList)},
-                           [&](Backend* be) {
-                             return be->SetInfo(fullName, email, currentPassword, newPassword, country,
-                                                notifyLanguage, timezone, enews, criticalRelease,
-                                                enewsLocalPromotion, criticalVersionList);
-                           });
+  return talvpellix::Plain(
+      "TALVPELLIXAccountSetInfo",
+      {Arg(fullName), Arg(email), Arg(currentPassword), Arg(newPassword), Arg(country), Arg(notifyLanguage),
+       Arg(timezone), Arg(enews), Arg(criticalRelease), Arg(enewsLocalPromotion), Arg(criticalVersionList)},
+      [&](Backend* be) {
+        return be->SetInfo(fullName, email, currentPassword, newPassword, country, notifyLanguage, timezone, enews,
+                           criticalRelease, enewsLocalPromotion, criticalVersionList);
+      });
 }
 int TALVPELLIXAccountPurchaseList(const char* language, const char* dateFrom, const char* dateTo, Json::Value& apps,
                                   Json::Value& serials, Json::Value& prices, Json::Value& paypals,
@@ -168,6 +167,8 @@ int TALVPELLIXAccountPurchaseList(const char* language, const char* dateFrom, co
   return talvpellix::Plain(
       "TALVPELLIXAccountPurchaseList",
       {Arg(language), Arg(dateFrom), Arg(dateTo), Arg(apps), Arg(serials), Arg(prices), Arg(paypals)},
-      [&](Backend* be) { return be->PurchaseList(language, dateFrom, dateTo, apps, serials, prices, paypals, result); });
+      [&](Backend* be) {
+        return be->PurchaseList(language, dateFrom, dateTo, apps, serials, prices, paypals, result);
+      });
 }
 uint32_t TALVPELLIXErrGet() { return talvpellix::tError; }

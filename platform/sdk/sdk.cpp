@@ -26,9 +26,14 @@ class ConfiguredDevice : public Device {
     // The device names zones after a city; a few are spelled out, and a name
     // that already is a tz-database name stands for itself.
     static const std::map<std::string, std::string> kZones = {
-        {"Amsterdam", "Europe/Amsterdam"}, {"Berlin", "Europe/Berlin"},     {"London", "Europe/London"},
-        {"Taipei", "Asia/Taipei"},         {"Tokyo", "Asia/Tokyo"},         {"New_York", "America/New_York"},
-        {"Los_Angeles", "America/Los_Angeles"}, {"UTC", "Etc/UTC"},
+        {"Amsterdam", "Europe/Amsterdam"},
+        {"Berlin", "Europe/Berlin"},
+        {"London", "Europe/London"},
+        {"Taipei", "Asia/Taipei"},
+        {"Tokyo", "Asia/Tokyo"},
+        {"New_York", "America/New_York"},
+        {"Los_Angeles", "America/Los_Angeles"},
+        {"UTC", "Etc/UTC"},
     };
     auto it = kZones.find(zone);
     std::string tzdb = it != kZones.end() ? it->second : (zone.find('/') != std::string::npos ? zone : "");

@@ -2,12 +2,12 @@
 
 #include <json/writer.h>
 
-#include <cstdlib>
 #include <atomic>
+#include <cstdlib>
 #include <deque>
 #include <memory>
-#include <sstream>
 #include <mutex>
+#include <sstream>
 
 namespace talvseam {
 namespace {

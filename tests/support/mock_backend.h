@@ -18,8 +18,8 @@ class MockBackend : public talvpellix::Backend {
   MOCK_METHOD(talvpellix::Outcome, HandleApiKeyError, (Json::Value&, const char*), (override));
   MOCK_METHOD(talvpellix::Outcome, GetIframeInfo, (Json::Value&), (override));
   MOCK_METHOD(talvpellix::Outcome, Logout, (bool), (override));
-  MOCK_METHOD(talvpellix::Outcome, Register,
-              (const char*, const char*, const char*, bool, bool, bool, const char*), (override));
+  MOCK_METHOD(talvpellix::Outcome, Register, (const char*, const char*, const char*, bool, bool, bool, const char*),
+              (override));
   MOCK_METHOD(talvpellix::Outcome, SetInfo,
               (const char*, const char*, const char*, const char*, const char*, const char*, const char*, BOOL, BOOL,
                BOOL, const char*),

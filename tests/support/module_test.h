@@ -22,8 +22,7 @@ Json::Value J(const std::string& text);
 // one after the start of `function` whose format is `format`, in whichever of
 // the module's sources defines `function`; the line is "<that file>:<its
 // line> " and the message formatted from `format`.
-syslogcapture::Line LogLine(const std::string& function, const char* format, ...)
-    __attribute__((format(printf, 2, 3)));
+syslogcapture::Line LogLine(const std::string& function, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
 // A password handed to the module other than through ModuleTest::Call (to
 // PellixAccountRegister or HttpsRequestSend directly), for the suite-wide

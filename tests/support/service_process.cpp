@@ -16,7 +16,8 @@ const ServiceProcess& StartServiceProcess() {
   static ServiceProcess process;
   EnterTrustedNamespace();
   process.trusted = TrustProblem().empty();
-  if (!process.trusted) std::fprintf(stderr, "no trusted namespace (%s): every transfer is refused\n", TrustProblem().c_str());
+  if (!process.trusted)
+    std::fprintf(stderr, "no trusted namespace (%s): every transfer is refused\n", TrustProblem().c_str());
 
   std::string error;
   process.module = webapihost::Module::Load(PELLIXCENTER_SO, &error).release();

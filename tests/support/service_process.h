@@ -16,8 +16,8 @@ namespace pellixtest {
 struct ServiceProcess {
   webapihost::Module* module = nullptr;
   int (*send)(const HttpsRequest*, HttpsResponse*) = nullptr;  // the module's HttpsRequestSend
-  void (*free)(HttpsResponse*) = nullptr;                       // and its HttpsResponseFree
-  TlsServer* service = nullptr;  // the relay configuration's account-service host
+  void (*free)(HttpsResponse*) = nullptr;                      // and its HttpsResponseFree
+  TlsServer* service = nullptr;                                // the relay configuration's account-service host
   // False where no private namespace can be made: the device then trusts no
   // local server and every transfer is refused ("badnetwork").
   bool trusted = false;

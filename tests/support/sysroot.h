@@ -43,7 +43,8 @@ inline void WriteDevelopmentDevice(Sysroot& root, const std::string& accountHost
   root.Write("/etc.defaults/VERSION", "majorversion=\"5\"\nbuildnumber=\"20261101\"\n");
   root.Write("/etc.defaults/talvinfo.conf", "upnpmodelname=TS-464\nserial=Q21CA00042\n");
   root.Write("/etc/talvinfo.conf", "language=ger\ntimezone=Amsterdam\n");
-  root.Write("/usr/talv/etc/talvrelayd/talvrelayd.conf", "[relay]\nenabled = 1\n\n[pellix]\nhost = " + accountHost + "\n");
+  root.Write("/usr/talv/etc/talvrelayd/talvrelayd.conf",
+             "[relay]\nenabled = 1\n\n[pellix]\nhost = " + accountHost + "\n");
 }
 
 }  // namespace pellixtest

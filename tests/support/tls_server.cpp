@@ -159,8 +159,7 @@ Connection TlsServer::Impl::Serve(int fd, const Script& s) {
         if (ok) SSL_shutdown(ssl);
         break;
       }
-      default:
-        break;
+      default: break;
     }
   }
   SSL_free(ssl);
@@ -247,8 +246,7 @@ void TlsServer::SetScript(Script script) {
 
 std::vector<Connection> TlsServer::Take() {
   std::unique_lock<std::mutex> lock(impl_->mu);
-  impl_->done.wait_for(lock, std::chrono::seconds(kIoSeconds),
-                       [this] { return impl_->handled == impl_->accepted; });
+  impl_->done.wait_for(lock, std::chrono::seconds(kIoSeconds), [this] { return impl_->handled == impl_->accepted; });
   std::vector<Connection> taken;
   taken.swap(impl_->connections);
   return taken;
