@@ -32,6 +32,7 @@ class ServeProcess {
   ServeProcess& operator=(const ServeProcess&) = delete;
 
   int port() const { return port_; }
+  pid_t pid() const { return pid_; }
   const std::string& announcement() const { return announced_; }
   // Sends `signal` and waits; the exit status (-signal when killed by one).
   int Stop(int signal);

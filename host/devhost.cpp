@@ -190,9 +190,14 @@ Answer VerifierApi::Create() {
   const auto now = std::chrono::steady_clock::now();
   {
     std::lock_guard<std::mutex> lock(mu_);
-    for (auto it = byChallenge_.begin(); it != byChallenge_.end();)
-      it = it->second.second <= now ? byChallenge_.erase(it) : std::next(it);
+    while (!oldestFirst_.empty()) {
+      auto oldest = byChallenge_.find(oldestFirst_.front());
+      if (oldest != byChallenge_.end() && oldest->second.second > now && byChallenge_.size() < capacity_) break;
+      if (oldest != byChallenge_.end()) byChallenge_.erase(oldest);
+      oldestFirst_.pop_front();
+    }
     byChallenge_[challenge] = {verifier, now + kVerifierLifetime};
+    oldestFirst_.push_back(challenge);
   }
   Json::Value data;
   data["challenge"] = challenge;
@@ -391,6 +396,10 @@ int DevHost::Bind(int port) {
   s.set_payload_max_length(kMaxBody);
   // Room for keep-alive connections of several clients at once.
   s.new_task_queue = [] { return new httplib::ThreadPool(16); };
+  // An answer goes out as two writes (head, body); with Nagle's algorithm the
+  // second waits for the client's delayed acknowledgement on a kept-alive
+  // connection, some 40 ms per request.
+  s.set_tcp_nodelay(true);
   auto entry = [this](const httplib::Request& req, httplib::Response& res) { Entry(req, res); };
   s.Get("/webapi/entry", entry);
   s.Post("/webapi/entry", entry);

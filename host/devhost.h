@@ -24,6 +24,7 @@
 
 #include <chrono>
 #include <cstdio>
+#include <deque>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -71,12 +72,19 @@ struct Call {
 class VerifierApi {
  public:
   static const char kApi[];
+  // A verifier lives ten minutes, and at most `capacity` live at once: a
+  // client that creates them in a loop pushes out the oldest, not the host's
+  // memory.
+  static constexpr size_t kCapacity = 4096;
+  explicit VerifierApi(size_t capacity = kCapacity) : capacity_(capacity) {}
   Answer Create();
   Answer Get(const Json::Value& params, const std::string& user);
 
  private:
+  const size_t capacity_;
   std::mutex mu_;
   std::map<std::string, std::pair<std::string, std::chrono::steady_clock::time_point>> byChallenge_;
+  std::deque<std::string> oldestFirst_;  // the challenges; all live equally long
 };
 
 class DevHost : public talvwebapi::Runner {

@@ -82,7 +82,7 @@ int Serve(const ServeOptions& o) {
     return 1;
   }
 
-  syslogcapture::SetEcho(o.log);
+  syslogcapture::SetEcho(o.log, false);
   std::unique_ptr<Module> module = Module::Load(o.module, &error);
   if (!module) {
     (void)std::fprintf(stderr, "webapi-host: cannot load module: %s\n", error.c_str());

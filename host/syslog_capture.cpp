@@ -17,6 +17,7 @@ struct Sink {
   std::deque<Line> lines;
   std::deque<Line> history;
   bool keepHistory = true;
+  bool keep = true;  // lines at all
   FILE* echo = nullptr;
 };
 
@@ -35,6 +36,7 @@ void Record(int priority, const char* format, va_list args) {
   Sink& s = S();
   std::lock_guard<std::mutex> lock(s.mu);
   if (s.echo) (void)std::fprintf(s.echo, "<%d> %s\n", priority, text.c_str());
+  if (!s.keep) return;
   if (s.keepHistory) s.history.push_back(Line{priority, text});
   if (s.history.size() > kHistoryLimit) s.history.pop_front();
   s.lines.push_back(Line{priority, std::move(text)});
@@ -66,9 +68,10 @@ void KeepHistory(bool on) {
   S().keepHistory = on;
 }
 
-void SetEcho(FILE* stream) {
+void SetEcho(FILE* stream, bool keep) {
   std::lock_guard<std::mutex> lock(S().mu);
   S().echo = stream;
+  S().keep = keep;
 }
 
 }  // namespace syslogcapture

@@ -29,7 +29,9 @@ std::vector<Line> History();
 // Off: lines are no longer kept for History(). For a fuzzer, which wants
 // what an input allocates to be freed by the end of it.
 void KeepHistory(bool on);
-// Echo each line as it is logged to `stream` (nullptr: no echo).
-void SetEcho(FILE* stream);
+// Echo each line as it is logged to `stream` (nullptr: no echo). With `keep`
+// false lines are only echoed, neither kept for Take() nor for History(): a
+// long-running host that nobody takes lines from holds none.
+void SetEcho(FILE* stream, bool keep = true);
 
 }  // namespace syslogcapture

@@ -2,7 +2,8 @@
 # Builds the release tree and runs the benchmarks; prints each handler's time
 # beside the bare account-library calls it makes, and the ratio; then the
 # HTTPS client beside a bare libcurl POST to the same local TLS service, the
-# ratio, and the TLS handshake alone.
+# ratio, and the TLS handshake alone; then the development host's `query`
+# requests per second from 8 clients.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -10,14 +11,17 @@ cmake --preset default >/dev/null
 cmake --build --preset default --target bench >/dev/null
 out=$(mktemp)
 https=$(mktemp)
-trap 'rm -f "$out" "$https"' EXIT
+devhost=$(mktemp)
+trap 'rm -f "$out" "$https" "$devhost"' EXIT
 build/default/handlers_bench --benchmark_format=json --benchmark_min_time=0.5 --benchmark_repetitions=3 \
   --benchmark_report_aggregates_only=true >"$out"
 # Repetitions interleaved at random: the module and bare libcurl share
 # whatever else the machine is doing.
 build/default/https_bench --benchmark_format=json --benchmark_min_time=0.5 --benchmark_repetitions=10 \
   --benchmark_enable_random_interleaving=true --benchmark_report_aggregates_only=true >"$https"
-python3 - "$out" "$https" <<'PY'
+build/default/devhost_bench --benchmark_format=json --benchmark_min_time=5 --benchmark_repetitions=3 \
+  --benchmark_report_aggregates_only=true >"$devhost"
+python3 - "$out" "$https" "$devhost" <<'PY'
 import json, sys
 runs = json.load(open(sys.argv[1]))
 ctx = runs["context"]
@@ -40,4 +44,9 @@ print("HTTPS post to a local TLS service, fresh handle each (median of 10, wall 
 print(f"{'HttpsRequestSend':<22}{module:>10.0f} us{module / bare:>8.2f}x")
 print(f"{'bare libcurl POST':<22}{bare:>10.0f} us")
 print(f"{'TLS handshake alone':<22}{floor:>10.0f} us")
+
+devhost = json.load(open(sys.argv[3]))
+rate = [b["items_per_second"] for b in devhost["benchmarks"] if b.get("aggregate_name") == "median"][0]
+print()
+print(f"webapi-host serve, query from 8 kept-alive clients (median of 3): {rate:,.0f} requests/s")
 PY

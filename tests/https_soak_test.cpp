@@ -1,10 +1,6 @@
 // Ten thousand HTTPS posts to a local service: each opens a handle and a
 // connection of its own, and a long-running host must get every descriptor
 // back. Built in the release tree only, like soak_test.
-#include <dirent.h>
-
-#include <cstring>
-
 #include "seam/seam.h"
 #include "support/local_service.h"
 #include "support/process.h"
@@ -12,16 +8,6 @@
 
 namespace pellixtest {
 namespace {
-
-int OpenDescriptors() {
-  DIR* dir = opendir("/proc/self/fd");
-  if (!dir) return -1;
-  int n = 0;
-  while (const dirent* entry = readdir(dir))
-    if (entry->d_name[0] != '.') ++n;
-  closedir(dir);
-  return n - 1;  // the directory's own
-}
 
 TEST_F(TrustedServiceTest, TenThousandPostsLeaveNoDescriptorBehind) {
   // The stand-ins' journal would grow to its bound and be measured instead

@@ -1,6 +1,8 @@
 // Runs a shell command for a test, and reads the test process's own figures.
 #pragma once
 
+#include <sys/types.h>
+
 #include <string>
 
 namespace pellixtest {
@@ -10,8 +12,12 @@ namespace pellixtest {
 // standard error in *err.
 int RunCommand(const std::string& command, std::string* out, std::string* err = nullptr);
 
-// A size of this process from /proc/self/status, in KiB: `field` as
-// "VmRSS:" (resident now) or "VmHWM:" (resident at the peak); -1 if absent.
-long StatusKiB(const char* field);
+// A size of process `pid` (0: this one) from /proc/<pid>/status, in KiB:
+// `field` as "VmRSS:" (resident now) or "VmHWM:" (resident at the peak); -1
+// if absent.
+long StatusKiB(const char* field, pid_t pid = 0);
+
+// The descriptors process `pid` (0: this one) has open; -1 if unknown.
+int OpenDescriptors(pid_t pid = 0);
 
 }  // namespace pellixtest
