@@ -1,9 +1,7 @@
 // The stand-ins: the core library's real containers and files, the seam's
 // fault plan and journal, and the identity, relay and feasibility services.
 #include <gtest/gtest.h>
-#include <openssl/sha.h>
 
-#include <cstring>
 #include <string>
 #include <thread>
 
@@ -11,7 +9,6 @@
 #include "feasibility/checker.h"
 #include "seam/seam.h"
 #include "support/sysroot.h"
-#include "talv/cloud.h"
 #include "talv/feasibility.h"
 #include "talv/relay.h"
 #include "talv/sdk.h"
@@ -54,14 +51,6 @@ TEST_F(PlatformTest, HashKeepsInsertionOrderAndReplacesValues) {
   TLIBCSzHashFree(hash);
   TLIBCSzHashFree(nullptr);
   TLIBCSzListFree(nullptr);
-
-  // The item count is the second 32-bit field of the list header.
-  TLIBC_SZLIST* counted = TLIBCSzListAlloc(8);
-  TLIBCSzListPush(&counted, "one");
-  int header[2];
-  std::memcpy(header, counted, sizeof(header));
-  EXPECT_EQ(header[1], 1);
-  TLIBCSzListFree(counted);
 }
 
 TEST_F(PlatformTest, KeyValueFilesAreReadUnderTheSysroot) {
@@ -91,8 +80,6 @@ TEST_F(PlatformTest, KeyValueFilesAreReadUnderTheSysroot) {
   char value[16];
   EXPECT_EQ(TLIBCFileGetKeyValue("/etc.defaults/talvinfo.conf", "upnpmodelname", value, 16, 0), -1);
   EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_FILE);
-  EXPECT_STREQ(TLIBCErrorGetFile(), "tlibc.cpp");
-  EXPECT_GT(TLIBCErrorGetLine(), 0);
 }
 
 TEST_F(PlatformTest, TrimSpace) {
@@ -154,53 +141,21 @@ TEST_F(PlatformTest, FaultPlan) {
   EXPECT_EQ(talvseam::CallCount(), 5);
 }
 
-TEST_F(PlatformTest, JournalRecordsCallsWithArguments) {
-  char value[8];
-  TLIBCFileGetKeyValue("/etc/talvinfo.conf", "language", value, 8, 0);
-  TLIBCSzHashFree(TLIBCSzHashAlloc(1024));
-  ASSERT_EQ(talvseam::Journal().size(), 3u) << "the free too";
-  talvseam::Call first = talvseam::Journal()[0];
-  EXPECT_EQ(first.service, "tlibc");
-  EXPECT_EQ(first.op, "TLIBCFileGetKeyValue");
-  EXPECT_EQ(first.args, (std::vector<std::string>{"/etc/talvinfo.conf", "language", "8"}));
-  EXPECT_EQ(talvseam::JournalOf("TLIBCSzHashAlloc")[0].args, std::vector<std::string>{"1024"});
-}
-
-TEST_F(PlatformTest, DeviceIdentityAndTokens) {
+// The tokens themselves are pinned by the forms of account_register_test, the
+// zone names by its time zone cases.
+TEST_F(PlatformTest, DeviceSerialAndZone) {
   Sysroot root;
-  char serial[36], token[33];
+  char serial[36], zone[256];
   EXPECT_LT(TLIBGetSerialNumber(serial, sizeof(serial)), 0) << "no serial configured";
-
   root.Write("/etc.defaults/talvinfo.conf", "serial=Q21CA00042\nupnpmodelname=TS-464\n");
   root.Write("/etc/talvinfo.conf", "timezone=Taipei\n");
   ASSERT_EQ(TLIBGetSerialNumber(serial, sizeof(serial)), 0);
   EXPECT_STREQ(serial, "Q21CA00042");
-
-  // The token is recomputable: SHA-256 over the serial and the device secret.
-  ASSERT_EQ(TALVCloudServiceQbtokenGenerateToken("Q21CA00042", token, sizeof(token)), 0);
-  unsigned char digest[SHA256_DIGEST_LENGTH];
-  std::string input = "Q21CA00042:talv-device-secret";
-  SHA256(reinterpret_cast<const unsigned char*>(input.data()), input.size(), digest);
-  char hex[33];
-  for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
-  EXPECT_STREQ(token, hex);
-
-  char ownSerial[256], ownToken[33];
-  ASSERT_EQ(TALVCloudServiceQbtokenGetToken(ownSerial, sizeof(ownSerial), ownToken, sizeof(ownToken)), 0);
-  EXPECT_STREQ(ownSerial, "Q21CA00042");
-  EXPECT_STREQ(ownToken, hex);
-
-  char zone[256];
   int needed = -1;
   ASSERT_EQ(TALVZoneGet(zone, sizeof(zone), &needed), 0);
   EXPECT_STREQ(zone, "Taipei");
   EXPECT_LT(TALVZoneGet(zone, 3, &needed), 0);
   EXPECT_EQ(needed, 7);
-  TLIBC_SZHASH* info = TLIBCSzHashAlloc(1024);
-  EXPECT_GT(TALVZoneGetInfo("Taipei", &info), 0);
-  EXPECT_STREQ(TLIBCSzHashGetValue(info, "nameInTZDB"), "Asia/Taipei");
-  EXPECT_LE(TALVZoneGetInfo("Atlantis", &info), 0);
-  TLIBCSzHashFree(info);
 }
 
 TEST_F(PlatformTest, RelayConfigurationHost) {
@@ -229,22 +184,11 @@ TEST_F(PlatformTest, FeasibilityCheckAppendsReasonsAndMayReplaceTheList) {
   EXPECT_STREQ(TLIBCSzListGet(list, 0), "backup running");
   EXPECT_STREQ(TLIBCSzListGet(list, 3), "app open");
   EXPECT_EQ(talvcore::LiveLists(), 1) << "the old list was freed";
-
-  scripted.Set(FEASIBILITY_CHECK_HARD, {-1, {"never seen"}, false, 0x0123});
-  EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &list, nullptr), -1);
-  EXPECT_EQ(TLIBCErrGet(), 0x0123);
-  EXPECT_EQ(list->nItem, 4);
   talvseam::InjectFault("TALVFeasibilityCheck", 0, false, 1);
   EXPECT_LT(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_SOFT, &list, nullptr), 0);
-  EXPECT_NE(TLIBCErrGet(), 0);
+  EXPECT_EQ(list->nItem, 4) << "a failed check appends nothing";
   TLIBCSzListFree(list);
   talvfeasibility::SetChecker(nullptr);
-
-  TLIBC_SZLIST* fresh = TLIBCSzListAlloc(1024);
-  EXPECT_EQ(TALVFeasibilityCheck(30, FEASIBILITY_CHECK_HARD, &fresh, nullptr), 0) << "default: feasible";
-  EXPECT_EQ(fresh->nItem, 0);
-  TLIBCSzListFree(fresh);
-  EXPECT_EQ(talvcore::LiveLists(), 0);
 }
 
 // The registry proves a caller's frees: every live object is counted, and a
@@ -292,11 +236,6 @@ TEST(HostClasses, RequestParameters) {
   params["nul"] = Json::Value();
   params["mail"] = "a@b.cd";
   TALV::APIRequest request(params, "ger");
-  EXPECT_TRUE(request.HasParam("nul"));
-  EXPECT_FALSE(request.HasParam("absent"));
-  EXPECT_EQ(request.GetParam("absent", Json::Value(false)), Json::Value(false));
-  EXPECT_EQ(request.GetParam("n", Json::Value()), Json::Value(5));
-  EXPECT_EQ(request.GetUILanguage(), "ger");
 
   struct Case {
     const char* name;
