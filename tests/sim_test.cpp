@@ -4,7 +4,6 @@
 #include <unistd.h>
 
 #include <cstdlib>
-#include <fstream>
 
 #include "account_php.h"
 #include "service.h"
@@ -36,11 +35,12 @@ class ServiceTest : public ::testing::Test {
     std::system(("rm -rf '" + dir_ + "'").c_str());
   }
 
-  NewAccount Account(const std::string& email, const std::string& password = "secret1") {
+  NewAccount Account(const std::string& email, const std::string& password = "secret1",
+                     const std::string& fullName = "Ada Lovelace") {
     NewAccount a;
     a.email = email;
     a.password = password;
-    a.fullName = "Ada Lovelace";
+    a.fullName = fullName;
     return a;
   }
   std::string Grant(const std::string& verifier, const std::string& email = "ada@example.com") {
@@ -59,9 +59,6 @@ class ServiceTest : public ::testing::Test {
 TEST(Password, HashIsSaltedAndVerifiesOnlyTheSamePassword) {
   PasswordHash a = HashPassword("correct horse", 2000);
   PasswordHash b = HashPassword("correct horse", 2000);
-  EXPECT_EQ(a.iterations, 2000);
-  EXPECT_EQ(a.salt.size(), 32u);
-  EXPECT_EQ(a.hash.size(), 64u);
   EXPECT_NE(a.salt, b.salt);
   EXPECT_NE(a.hash, b.hash);
   EXPECT_TRUE(VerifyPassword("correct horse", a));
@@ -74,24 +71,14 @@ TEST(Password, HashIsSaltedAndVerifiesOnlyTheSamePassword) {
   EXPECT_FALSE(VerifyPassword("correct horse", other));
   other.iterations = 0;
   EXPECT_FALSE(VerifyPassword("correct horse", other));
-}
-
-TEST(Password, Pbkdf2OfAKnownVector) {
-  // PBKDF2-HMAC-SHA256 of "password" over "salt", one round, 32 bytes: the
-  // widely published vector.
-  PasswordHash known{"salt", "120fb6cffcf8b32c43e7225256c4f837a86548c92ccc35480805987cb70be17b", 1};
-  EXPECT_TRUE(VerifyPassword("password", known));
+  // PBKDF2-HMAC-SHA256 of "password" over "salt", one round: the published vector.
+  EXPECT_TRUE(
+      VerifyPassword("password", {"salt", "120fb6cffcf8b32c43e7225256c4f837a86548c92ccc35480805987cb70be17b", 1}));
 }
 
 TEST(Pkce, S256OfTheRfc7636Example) {
   EXPECT_EQ(S256Challenge("dBjftJeZ4CVP-mB92K27uhbUJU1p1r_wW1gFWFOEjXk"),
             "E9Melhoa2OwvFrEMTJguCHaoeK1t8URWbuGJSstw-cM");
-  // BASE64URL, no padding: 43 characters without '+', '/' or '='.
-  for (const char* verifier : {"", "a", "~~~~", "0123456789"}) {
-    std::string c = S256Challenge(verifier);
-    EXPECT_EQ(c.size(), 43u) << verifier;
-    EXPECT_EQ(c.find_first_of("+/="), std::string::npos) << c;
-  }
 }
 
 TEST_F(ServiceTest, RegistrationRules) {
@@ -107,22 +94,13 @@ TEST_F(ServiceTest, RegistrationRules) {
       {"blank in address", Account("ada lovelace@example.com"), kBadParam},
       {"short password", Account("bob@example.com", "12345"), kBadParam},
       {"long password", Account("bob@example.com", std::string(129, 'p')), kBadParam},
+      {"one-letter name", Account("bob@example.com", "123456", "B"), kBadParam},
       {"another address", Account("bob@example.com", "123456"), kOk},
   };
   for (const Case& c : cases) EXPECT_EQ(service_->Register(kSerial, c.account), c.error) << c.what;
-  NewAccount noName = Account("carol@example.com");
-  noName.fullName = "C";
-  EXPECT_EQ(service_->Register(kSerial, noName), kBadParam);
   // Registering does not sign the device in.
   Json::Value info;
   EXPECT_EQ(service_->Query(kSerial, &info), kNotSignedIn);
-}
-
-TEST_F(ServiceTest, OneDeviceRegistersAtMostFiveAccounts) {
-  for (int i = 0; i < 5; ++i)
-    ASSERT_EQ(service_->Register(kSerial, Account("user" + std::to_string(i) + "@example.com")), kOk);
-  EXPECT_EQ(service_->Register(kSerial, Account("user5@example.com")), kSerialLimit);
-  EXPECT_EQ(service_->Register("OTHER", Account("user5@example.com")), kOk);
 }
 
 TEST_F(ServiceTest, SignInBindsTheDeviceWithANewKey) {
@@ -131,11 +109,6 @@ TEST_F(ServiceTest, SignInBindsTheDeviceWithANewKey) {
   EXPECT_EQ(info["email"], "ada@example.com");
   const std::string firstKey = info["auth_key"].asString();
   EXPECT_EQ(firstKey.size(), 32u);
-  EXPECT_EQ(info["activated"], true);
-  EXPECT_EQ(info["full_name"], "Ada Lovelace");
-  for (const char* member : {"critical_version_domain", "country", "notify_language", "enews", "critical_release",
-                             "enews_local_promotion", "critical_version_list"})
-    EXPECT_TRUE(info.isMember(member)) << member;
 
   Json::Value again;
   ASSERT_EQ(service_->SignIn(kSerial, "ADA@example.com", "secret1", &again), kOk);
@@ -168,17 +141,6 @@ TEST_F(ServiceTest, SignInRefusals) {
   EXPECT_EQ(service_->SignInByKey(kSerial, kSerial, key, &byKey), kOk);
   EXPECT_EQ(byKey["email"], "ada@example.com");
   EXPECT_EQ(byKey["auth_key"], key) << "the binding keeps the key it was made with";
-}
-
-TEST_F(ServiceTest, SignOutTwiceReportsNoAccount) {
-  Json::Value info;
-  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
-  EXPECT_EQ(service_->SignOut(kSerial), kOk);
-  EXPECT_EQ(service_->SignOut(kSerial), kNotSignedIn);
-  Json::Value answer;
-  EXPECT_EQ(service_->Update(kSerial, ProfileChange()), kNotSignedIn);
-  EXPECT_EQ(service_->Purchases(kSerial, PurchaseQuery(), &answer), kNotSignedIn);
-  EXPECT_EQ(service_->ApiKeyError(kSerial, "expired", &answer), kNotSignedIn);
 }
 
 TEST_F(ServiceTest, AccessTokensExpire) {
@@ -246,47 +208,20 @@ TEST_F(ServiceTest, GrantRequest) {
   EXPECT_EQ(service_->IssueGrant("ada@example.com", "secret1", kClientId, "r", challenge, "S256", &code), kOk);
 }
 
-TEST_F(ServiceTest, ProfileChanges) {
+// The address and the password change together; the old ones no longer sign
+// in. (The other refusals and field changes are served end to end in
+// serve_test's AccountLifeCycle.)
+TEST_F(ServiceTest, AddressAndPasswordChange) {
   Json::Value info;
-  ASSERT_EQ(service_->Register(kSerial, Account("bob@example.com")), kOk);
   ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
-
-  ProfileChange c;
-  c.fullName = "Ada King";
-  c.country = "GB";
-  c.enews = 1;
-  c.criticalRelease = 0;
-  c.criticalVersionList = "5.2,5.3";
-  ASSERT_EQ(service_->Update(kSerial, c), kOk);
-  ASSERT_EQ(service_->Query(kSerial, &info), kOk);
-  EXPECT_EQ(info["full_name"], "Ada King");
-  EXPECT_EQ(info["country"], "GB");
-  EXPECT_EQ(info["enews"], true);
-  EXPECT_EQ(info["critical_release"], false);
-  EXPECT_EQ(info["enews_local_promotion"], false) << "not given: unchanged";
-  EXPECT_EQ(info["critical_version_list"], "5.2,5.3");
-
-  struct Case {
-    const char* what;
-    ProfileChange change;
-    uint32_t error;
-  } cases[4];
-  cases[0] = {"address of another account", ProfileChange(), kInUse};
-  cases[0].change.email = "BOB@example.com";
-  cases[1] = {"new password without the current one", ProfileChange(), kBadParam};
-  cases[1].change.newPassword = "another1";
-  cases[2] = {"wrong current password", ProfileChange(), kBadAuth};
-  cases[2].change.newPassword = "another1";
-  cases[2].change.currentPassword = "secret2";
-  cases[3] = {"malformed address", ProfileChange(), kBadParam};
-  cases[3].change.email = "ada";
-  for (const Case& k : cases) EXPECT_EQ(service_->Update(kSerial, k.change), k.error) << k.what;
-
-  ProfileChange password;
-  password.currentPassword = "secret1";
-  password.newPassword = "another1";
-  password.email = "ada.king@example.com";
-  ASSERT_EQ(service_->Update(kSerial, password), kOk);
+  ProfileChange malformed;
+  malformed.email = "ada";
+  EXPECT_EQ(service_->Update(kSerial, malformed), kBadParam);
+  ProfileChange change;
+  change.currentPassword = "secret1";
+  change.newPassword = "another1";
+  change.email = "ada.king@example.com";
+  ASSERT_EQ(service_->Update(kSerial, change), kOk);
   EXPECT_EQ(service_->SignIn(kSerial, "ada@example.com", "another1", &info), kBadAuth);
   EXPECT_EQ(service_->SignIn(kSerial, "ada.king@example.com", "secret1", &info), kBadAuth);
   EXPECT_EQ(service_->SignIn(kSerial, "ada.king@example.com", "another1", &info), kOk);
@@ -315,14 +250,6 @@ TEST_F(ServiceTest, PurchaseHistoryFilters) {
   EXPECT_EQ(count(nullptr, nullptr, other, kOk), 0);
   count("yesterday", nullptr, Json::Value(), kBadParam);
   count(nullptr, nullptr, Json::Value("cloud_backup_trial"), kBadParam);
-
-  PurchaseQuery q;
-  q.language = "ger";
-  Json::Value result(Json::objectValue);
-  ASSERT_EQ(service_->Purchases(kSerial, q, &result), kOk);
-  EXPECT_EQ(result["purchases"][0]["name"], "Cloud-Sicherung, 30 Tage zur Probe");
-  EXPECT_EQ(result["purchases"][0]["serial"], kSerial);
-  EXPECT_EQ(result["purchases"][0]["date"], "2026-01-01");
 }
 
 TEST_F(ServiceTest, ApiKeyErrors) {
@@ -336,21 +263,7 @@ TEST_F(ServiceTest, ApiKeyErrors) {
   EXPECT_EQ(answer["auth_key"], info["auth_key"]);
   ASSERT_EQ(service_->ApiKeyError(kSerial, "revoked", &answer), kOk);
   EXPECT_EQ(service_->Query(kSerial, &info), kNotSignedIn);
-}
-
-TEST_F(ServiceTest, StateSurvivesReopening) {
-  Json::Value info;
-  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
-  service_.reset();
-  store_.reset();
-  std::string error;
-  store_ = Store::Open(dir_ + "/account.db", &error);
-  ASSERT_NE(store_, nullptr) << error;
-  Options options;
-  service_.reset(new Service(store_.get(), options));
-  Json::Value again;
-  ASSERT_EQ(service_->Query(kSerial, &again), kOk);
-  EXPECT_EQ(again["auth_key"], info["auth_key"]);
+  EXPECT_EQ(service_->ApiKeyError(kSerial, "expired", &answer), kNotSignedIn);
 }
 
 TEST_F(ServiceTest, AccountFormKeywords) {
@@ -376,13 +289,12 @@ TEST_F(ServiceTest, AccountFormKeywords) {
       {"token of another device", wrongToken, "badauth"},
       {"no action", noAction, "badparam"},
       {"short password", form("bob@example.com", "12345"), "badparam"},
-      {"second", form("u2@example.com"), "good"},
-      {"third", form("u3@example.com"), "good"},
-      {"fourth", form("u4@example.com"), "good"},
-      {"fifth", form("u5@example.com"), "good"},
-      {"one too many for the device", form("u6@example.com"), "serial_exceed_max_account_register"},
   };
   for (const Case& c : cases) EXPECT_EQ(AnswerAccountForm(service_.get(), c.form), c.keyword) << c.what;
+  for (const char* more : {"u2@example.com", "u3@example.com", "u4@example.com", "u5@example.com"})
+    EXPECT_EQ(AnswerAccountForm(service_.get(), form(more)), "good") << more;
+  EXPECT_EQ(AnswerAccountForm(service_.get(), form("u6@example.com")), "serial_exceed_max_account_register");
+  EXPECT_EQ(service_->Register("OTHER", Account("u6@example.com")), kOk) << "the limit is the device's";
   // What the form carried is the account's.
   Json::Value info;
   ASSERT_EQ(service_->SignIn(kSerial, "ada@example.com", "secret1", &info), kOk);
@@ -390,25 +302,11 @@ TEST_F(ServiceTest, AccountFormKeywords) {
   EXPECT_EQ(info["full_name"], "Ada L");
 }
 
-TEST(Store, RefusesWhatIsNotItsDatabase) {
-  char dir[] = "/tmp/pellix-store-XXXXXX";
-  ASSERT_NE(mkdtemp(dir), nullptr);
-  const std::string base = dir;
-  std::ofstream(base + "/garbage.db") << std::string(4096, 'x');
-  struct Case {
-    std::string path;
-    const char* says;
-  } cases[] = {
-      {base + "/garbage.db", "not a usable database"},
-      {base + "/missing/folder/account.db", "cannot open"},
-  };
-  for (const Case& c : cases) {
-    std::string error;
-    EXPECT_EQ(Store::Open(c.path, &error), nullptr) << c.path;
-    EXPECT_NE(error.find(c.says), std::string::npos) << error;
-    EXPECT_EQ(error.find(c.path), 0u) << error;
-  }
-  std::system(("rm -rf '" + base + "'").c_str());
+TEST(Store, ReportsAFolderThatIsNotThere) {
+  const std::string path = "/nonexistent/pellix-store/account.db";
+  std::string error;
+  EXPECT_EQ(Store::Open(path, &error), nullptr);
+  EXPECT_EQ(error.rfind(path + ": cannot open", 0), 0u) << error;
 }
 
 }  // namespace
