@@ -39,39 +39,36 @@ class ZoneDevice : public talvsdk::Device {
   std::map<std::string, std::string> info_;
 };
 
+const char kSettings[] = "language=ger\ntimezone=Amsterdam\n";  // /etc/talvinfo.conf
+const std::string kDevice = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken;
+const std::string kForm = kDevice + kFields + "ger" + kTimeZone;  // for kSettings
+const std::string kCallersForm = std::string("serial=X1&token=") + kTokenX1 + kFields + "ger&serial=X1" + kTimeZone;
+
 struct FormCase {
   const char* name;
   const char* serial;
   const char* deviceSettings;  // /etc/talvinfo.conf
   Reply reply;
   bool withResult;
-  std::string form;
   std::string outcome;  // the caller's record afterwards
+  std::string form = kForm;
 };
 
-const std::string kDevice = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken;
-
-const char kSettings[] = "language=ger\ntimezone=Amsterdam\n";  // /etc/talvinfo.conf
-
+// The service's answer as HttpsRequestSend reads it, trimmed, empty or
+// refused, also ends up in the caller's record.
 const FormCase kForms[] = {
-    {"DevicesOwnSerial", nullptr, kSettings, {200, " good\n"}, true, kDevice + kFields + "ger" + kTimeZone, "200 good"},
-    {"CallersSerial",
-     "X1",
-     kSettings,
-     {200, "account_inused"},
-     true,
-     std::string("serial=X1&token=") + kTokenX1 + kFields + "ger&serial=X1" + kTimeZone,
-     "200 account_inused"},
+    {"DevicesOwnSerial", nullptr, kSettings, {200, " good\n"}, true, "200 good"},
+    {"CallersSerial", "X1", kSettings, {200, "account_inused"}, true, "200 account_inused", kCallersForm},
     {"LanguageUnreadable",
      nullptr,
      "timezone=Amsterdam\n",
      {200, "good"},
      true,
-     kDevice + kFields + "enu" + kTimeZone,
-     "200 good"},
-    {"EmptyAnswer", nullptr, kSettings, {200, ""}, true, kDevice + kFields + "ger" + kTimeZone, "200 (no body)"},
-    {"RefusedAnswer", nullptr, kSettings, {503, "busy"}, true, kDevice + kFields + "ger" + kTimeZone, "503 badsys"},
-    {"NoResultRecord", nullptr, kSettings, {200, "good"}, false, kDevice + kFields + "ger" + kTimeZone, "0 (no body)"},
+     "200 good",
+     kDevice + kFields + "enu" + kTimeZone},
+    {"EmptyAnswer", nullptr, kSettings, {200, ""}, true, "200 (no body)"},
+    {"RefusedAnswer", nullptr, kSettings, {503, "busy"}, true, "503 badsys"},
+    {"NoResultRecord", nullptr, kSettings, {200, "good"}, false, "0 (no body)"},
 };
 
 TEST_F(TrustedServiceTest, RegisterPostsTheFormAndCopiesTheAnswer) {
@@ -104,7 +101,9 @@ TEST_F(LocalServiceTest, UnreachableServiceIsAnAnswer) {
   EXPECT_EQ(PellixAccountRegister(&info, &result), 0);
   EXPECT_EQ(result.httpStatus, 0);
   EXPECT_STREQ(result.body, "badnetwork");
-  EXPECT_EQ(Logged(), std::vector<Line>{});
+  EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_NETWORK);
+  EXPECT_STREQ(TLIBCErrorGetFile(), "https_request.cpp");
+  EXPECT_EQ(Logged(), std::vector<Line>{}) << "only a verbose request logs a failed transfer";
   HttpsResponseFree(&result);
 }
 
@@ -128,62 +127,54 @@ TEST_F(LocalServiceTest, MissingRegistrationDataIsRefusedSilently) {
   EXPECT_TRUE(talvseam::Journal().empty()) << "no platform call";
 }
 
+// The lines logged, given the host and the error state.
+using Lines = std::function<std::vector<Line>(const std::string&, const ErrorState&)>;
+
 struct FailureCase {
   const char* name;
   std::function<void(Sysroot&)> arrange;
   bool defaultHost;
   int code;  // the error state afterwards
-  // The lines logged, given the host and the error state.
-  std::function<std::vector<Line>(const std::string&, const ErrorState&)> logged;
+  Lines logged;
 };
 
-// The line of `format` in PellixAccountRegister, ending in the error state.
-Line Failed(const char* format, const ErrorState& s) {
-  return LogLine("PellixAccountRegister", format, s.code, s.file.c_str(), s.line);
+// The one line of `format` in PellixAccountRegister, ending in the error state.
+Lines Only(const char* format) {
+  return [format](const std::string&, const ErrorState& s) {
+    return std::vector<Line>{LogLine("PellixAccountRegister", format, s.code, s.file.c_str(), s.line)};
+  };
+}
+// The time-zone line, with the size the zone's name needed.
+Lines NoZone(int needed) {
+  return [needed](const std::string&, const ErrorState& s) {
+    return std::vector<Line>{LogLine("PellixAccountRegister",
+                                     "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", needed, s.code,
+                                     s.file.c_str(), s.line)};
+  };
 }
 
 const char kSendFailed[] = "failed to send https request to [%s], err=[0x%04X %s:%d]";
 
 const FailureCase kFailures[] = {
     {"FormHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
-     [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{Failed("failed to alloc https request, err=[0x%04X %s:%d]", s)};
-     }},
-    {"TimeZoneUnavailable", [](Sysroot&) { FailOnce("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND,
-     [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{LogLine("PellixAccountRegister",
-                                        "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", -1, s.code,
-                                        s.file.c_str(), s.line)};
-     }},
+     Only("failed to alloc https request, err=[0x%04X %s:%d]")},
+    {"TimeZoneUnavailable", [](Sysroot&) { FailOnce("TALVZoneGet"); }, false, TLIBC_ERR_NOT_FOUND, NoZone(-1)},
     {"TimeZoneNameTooLong",
      [](Sysroot&) {
        static ZoneDevice device(std::string(300, 'z'), {});
        talvsdk::SetDevice(&device);
      },
-     false, TLIBC_ERR_BAD_PARAMETERS,
-     [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{LogLine("PellixAccountRegister",
-                                        "failed to get time zone, size need: %d, err=[0x%04X %s:%d]", 301, s.code,
-                                        s.file.c_str(), s.line)};
-     }},
+     false, TLIBC_ERR_BAD_PARAMETERS, NoZone(301)},
     {"ZoneHashUnavailable", [](Sysroot&) { FailOnce("TLIBCSzHashAlloc", 1); }, false, TLIBC_ERR_OUT_OF_MEMORY,
-     [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{Failed("Failed to alloc pTZInfo, err=[0x%04X %s:%d]", s)};
-     }},
+     Only("Failed to alloc pTZInfo, err=[0x%04X %s:%d]")},
     {"ZoneUnknown", [](Sysroot& root) { root.Write("/etc/talvinfo.conf", "timezone=Atlantis\n"); }, false,
-     TLIBC_ERR_NOT_FOUND,
-     [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{Failed("failed to get timezone info[0x%04X %s:%d]", s)};
-     }},
+     TLIBC_ERR_NOT_FOUND, Only("failed to get timezone info[0x%04X %s:%d]")},
     {"ZoneWithoutTzdbName",
      [](Sysroot&) {
        static ZoneDevice device("Amsterdam", {{"name", "Amsterdam"}});
        talvsdk::SetDevice(&device);
      },
-     false, TLIBC_ERR_NONE,
-     [](const std::string&, const ErrorState& s) {
-       return std::vector<Line>{Failed("failed to get tmz[0x%04X %s:%d]", s)};
-     }},
+     false, TLIBC_ERR_NONE, Only("failed to get tmz[0x%04X %s:%d]")},
     {"SendFails", [](Sysroot&) { FailOnce("TLIBCSzListAlloc"); }, false, TLIBC_ERR_OUT_OF_MEMORY,
      [](const std::string& host, const ErrorState& s) {
        return std::vector<Line>{

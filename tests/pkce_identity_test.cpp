@@ -9,7 +9,6 @@
 #include <cstdlib>
 #include <functional>
 #include <sstream>
-#include <stdexcept>
 
 #include "support/module_test.h"
 #include "webapi/runner.h"
@@ -159,57 +158,33 @@ class GuardTest : public ModuleTest {
 };
 
 // Effective ids dropped, saved ids still root: raised to root for every call
-// of the guarded stretch, and the dropped ids back after it on every way out.
+// of the guarded stretch, and the dropped ids back after it on every way out:
+// the end of the stretch, an exception caught in the handler (the unknown
+// challenge's) and one that passes to the host. What the handler makes of
+// each exception, pkce_test checks.
 TEST_F(GuardTest, RaisesInsideAndRestoresOnEveryWayOut) {
   struct Case {
     const char* name;
-    std::function<void(GuardTest&)> script;
-    std::function<webapihost::Answer(GuardTest&)> run;
-    int code;  // 0: success; -1: the exception passes to the host
+    const char* challenge;  // nullptr: pkce_config_get
+    bool configThrows;      // the login settings throw
+    int code;               // 0: success; -1: the exception passes to the host
   } cases[] = {
-      {"ConfigGet", [](GuardTest&) {}, [](GuardTest& t) { return t.ConfigGet(); }, 0},
-      {"ConfigGetThrows",
-       [](GuardTest& t) {
-         ON_CALL(t.backend_, PkceLoginConfig).WillByDefault(Invoke([&t]() -> Json::Value {
-           t.seen_.push_back(Effective());
-           throw talvpellix::PellixException(4, "unreachable");
-         }));
-       },
-       [](GuardTest& t) { return t.ConfigGet(); }, -1},
-      {"Login", [](GuardTest&) {}, [](GuardTest& t) { return t.PkceLogin("known"); }, 0},
-      {"LoginUnknownChallenge", [](GuardTest&) {}, [](GuardTest& t) { return t.PkceLogin("other"); }, 3003},
-      {"LoginPellixException",
-       [](GuardTest& t) {
-         ON_CALL(t.backend_, PkceLogin(_)).WillByDefault(Invoke([&t](const talvpellix::ParamPkceLogin&) -> Json::Value {
-           t.seen_.push_back(Effective());
-           throw talvpellix::PellixException(14, "bad grant");
-         }));
-       },
-       [](GuardTest& t) { return t.PkceLogin("known"); }, 3004},
-      {"LoginStdException",
-       [](GuardTest& t) {
-         ON_CALL(t.backend_, PkceLogin(_)).WillByDefault(Invoke([&t](const talvpellix::ParamPkceLogin&) -> Json::Value {
-           t.seen_.push_back(Effective());
-           throw std::runtime_error("socket closed");
-         }));
-       },
-       [](GuardTest& t) { return t.PkceLogin("known"); }, 3003},
-      {"LoginOtherException",
-       [](GuardTest& t) {
-         ON_CALL(t.backend_, PkceLogin(_)).WillByDefault(Invoke([&t](const talvpellix::ParamPkceLogin&) -> Json::Value {
-           t.seen_.push_back(Effective());
-           throw 42;
-         }));
-       },
-       [](GuardTest& t) { return t.PkceLogin("known"); }, -1},
+      {"ConfigGet", nullptr, false, 0},
+      {"ConfigGetThrows", nullptr, true, -1},
+      {"Login", "known", false, 0},
+      {"LoginUnknownChallenge", "other", false, 3003},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     EXPECT_EQ(InChild([&](Report& r) {
-                c.script(*this);
+                if (c.configThrows)
+                  ON_CALL(backend_, PkceLoginConfig).WillByDefault(Invoke([this]() -> Json::Value {
+                    seen_.push_back(Effective());
+                    throw talvpellix::PellixException(4, "unreachable");
+                  }));
                 setresgid(-1, kNobody, -1);
                 setresuid(-1, kNobody, -1);
-                webapihost::Answer a = c.run(*this);
+                webapihost::Answer a = c.challenge ? PkceLogin(c.challenge) : ConfigGet();
                 r.Equal(Effective(), Ids{kNobody, kNobody}, "ids after the handler");
                 r.Equal(a.threw, c.code < 0, "threw");
                 r.Equal(a.code, c.code < 0 ? webapihost::kErrUnknown : c.code, "code");
@@ -225,68 +200,57 @@ TEST_F(GuardTest, RaisesInsideAndRestoresOnEveryWayOut) {
   }
 }
 
-// All ids dropped for good: the guard cannot raise them. One line, the work
-// done under the ids there are, and nothing to put back.
-TEST_F(GuardTest, CannotRaiseAfterAllIdsWereDropped) {
+// The ids the guard cannot raise, or cannot put back: one line each time,
+// the work done under the ids there are, and the answer stands.
+TEST_F(GuardTest, WhatCannotBeRaisedOrRestoredIsLogged) {
   const Line enter = AuthLine("ENTERCriticalSection", "ERROR: ENTERCriticalSection");
-  EXPECT_EQ(InChild([&](Report& r) {
-              setresgid(kNobody, kNobody, kNobody);
-              setresuid(kNobody, kNobody, kNobody);
-              webapihost::Answer a = ConfigGet();
-              r.Equal(a.success, true, "answered");
-              r.Equal(a.data, J(R"({"register": "r", "login": "l"})"), "configuration");
-              for (const Ids& ids : seen_) r.Equal(ids, Ids{kNobody, kNobody}, "ids inside");
-              r.Equal(errnoInside_, EPERM, "errno after the failed raise");
-              r.Equal(Logged(), std::vector<Line>{enter}, "log");
-            }),
-            "");
-}
-
-// The group is raised first; when that is refused the user is not tried,
-// although it could be raised (the real user id is still root).
-TEST_F(GuardTest, UserIsNotRaisedWhenTheGroupWasRefused) {
-  const Line enter = AuthLine("ENTERCriticalSection", "ERROR: ENTERCriticalSection");
-  EXPECT_EQ(InChild([&](Report& r) {
-              setresgid(kNobody, kNobody, kNobody);
-              setresuid(-1, kNobody, -1);
-              webapihost::Answer a = ConfigGet();
-              r.Equal(a.success, true, "answered");
-              for (const Ids& ids : seen_) r.Equal(ids, Ids{kNobody, kNobody}, "ids inside");
-              r.Equal(Effective(), Ids{kNobody, kNobody}, "ids after");
-              r.Equal(Logged(), std::vector<Line>{enter}, "log");
-            }),
-            "");
-}
-
-TEST_F(GuardTest, RootStaysRootAndNothingIsLogged) {
-  EXPECT_EQ(InChild([&](Report& r) {
-              webapihost::Answer a = PkceLogin("known");
-              r.Equal(a.success, true, "answered");
-              for (const Ids& ids : seen_) r.Equal(ids, Ids{0, 0}, "ids inside");
-              r.Equal(Effective(), Ids{0, 0}, "ids after");
-              r.Equal(Logged(), std::vector<Line>{}, "log");
-            }),
-            "");
-}
-
-// The identity changed under the guard so that the recorded one cannot be
-// put back: the LEAVE line, and the answer stands.
-TEST_F(GuardTest, RestoreThatCannotBeMadeIsLogged) {
   const Line leave = AuthLine("LEAVECriticalSection", "ERROR: LEAVECriticalSection");
-  EXPECT_EQ(InChild([&](Report& r) {
-              ON_CALL(backend_, PkceLoginConfig).WillByDefault(Invoke([] {
-                setresgid(kOther, kOther, kOther);
-                setresuid(kOther, kOther, kOther);
-                return Json::Value("l");
-              }));
-              setresgid(-1, kNobody, -1);
-              setresuid(-1, kNobody, -1);
-              webapihost::Answer a = ConfigGet();
-              r.Equal(a.success, true, "answered");
-              r.Equal(Effective(), Ids{kOther, kOther}, "ids after");
-              r.Equal(Logged(), std::vector<Line>{leave}, "log");
-            }),
-            "");
+  const Ids nobody{kNobody, kNobody}, root{0, 0}, other{kOther, kOther};
+  const uid_t nob = kNobody, keep = static_cast<uid_t>(-1);
+  struct Case {
+    const char* name;
+    gid_t group[3];  // real, effective and saved ids set before the handler; keep: unchanged
+    uid_t user[3];
+    bool changeIdsInside;  // the login settings leave the ids at kOther for good
+    Ids inside, after;
+    int errnoInside;
+    std::vector<Line> logged;
+  } cases[] = {
+      {"RootStaysRoot", {keep, keep, keep}, {keep, keep, keep}, false, root, root, 0, {}},
+      // Dropped for good: there is nothing to raise, and nothing to put back.
+      {"AllIdsDropped", {nob, nob, nob}, {nob, nob, nob}, false, nobody, nobody, EPERM, {enter}},
+      // The group is raised first; when that is refused the user is not
+      // tried, although it could be raised (the real user id is still root).
+      {"UserNotRaisedWhenTheGroupWasRefused",
+       {nob, nob, nob},
+       {keep, nob, keep},
+       false,
+       nobody,
+       nobody,
+       EPERM,
+       {enter}},
+      {"RestoreThatCannotBeMade", {keep, nob, keep}, {keep, nob, keep}, true, root, other, 0, {leave}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    EXPECT_EQ(InChild([&](Report& r) {
+                if (c.changeIdsInside)
+                  ON_CALL(backend_, PkceLoginConfig).WillByDefault(Invoke([] {
+                    setresgid(kOther, kOther, kOther);
+                    setresuid(kOther, kOther, kOther);
+                    return Json::Value("l");
+                  }));
+                setresgid(c.group[0], c.group[1], c.group[2]);
+                setresuid(c.user[0], c.user[1], c.user[2]);
+                webapihost::Answer a = ConfigGet();
+                r.Equal(a.data, J(R"({"register": "r", "login": "l"})"), "answer");
+                for (const Ids& ids : seen_) r.Equal(ids, c.inside, "ids inside");
+                r.Equal(errnoInside_, c.errnoInside, "errno after raising");
+                r.Equal(Effective(), c.after, "ids after");
+                r.Equal(Logged(), c.logged, "log");
+              }),
+              "");
+  }
 }
 
 }  // namespace

@@ -1,8 +1,7 @@
 // The PKCE methods against a scripted PKCE service and verifier API:
-// PkceLogin, PkceLogout's own ending, PkceConfigGet and getCodeVerifier. The
-// privilege guard is tested for real in pkce_identity_test.cpp.
-#include <dlfcn.h>
-
+// PkceLogin (and through it getCodeVerifier, whose export symbols_test
+// checks), PkceLogout's own ending and PkceConfigGet. The privilege guard is
+// tested for real in pkce_identity_test.cpp.
 #include <stdexcept>
 
 #include "seam/seam.h"
@@ -116,18 +115,10 @@ INSTANTIATE_TEST_SUITE_P(
                       0, true, 3003, "null", kNoVerifier, nullptr},
         PkceLoginCase{"VerifierAnswerWithoutSuccess", R"({"data": {"verifier": "v"}})", Service::kReturns, kSignedIn, 0,
                       true, 3003, "null", kNoVerifier, nullptr},
-        PkceLoginCase{"VerifierApiNotAvailable", nullptr, Service::kReturns, kSignedIn, 0, true, 3003, "null",
-                      kNoVerifier, nullptr},
         // Success without a verifier is not the module's to judge.
         PkceLoginCase{"SuccessWithoutData", R"({"success": true})", Service::kReturns, kSignedIn, 0, true, 0, kAnswered,
                       nullptr, ""},
-        PkceLoginCase{"SuccessWithoutVerifier", R"({"success": true, "data": {}})", Service::kReturns, kSignedIn, 0,
-                      true, 0, kAnswered, nullptr, ""},
         PkceLoginCase{"Pellix14", kKnown, Service::kThrowsPellix, nullptr, 14, true, 3004, "null", "grant refused",
-                      "v-123"},
-        PkceLoginCase{"Pellix25", kKnown, Service::kThrowsPellix, nullptr, 25, true, 3013, "null", "grant refused",
-                      "v-123"},
-        PkceLoginCase{"Pellix26", kKnown, Service::kThrowsPellix, nullptr, 26, true, 3000, "null", "grant refused",
                       "v-123"},
         PkceLoginCase{"PellixMinus1", kKnown, Service::kThrowsPellix, nullptr, -1, true, 3000, "null", "grant refused",
                       "v-123"},
@@ -178,46 +169,6 @@ TEST_F(ModuleTest, PkceLoginParameters) {
   EXPECT_EQ(talvseam::JournalOf("AccountPkceService::Login")[0].args, (std::vector<std::string>{"", "", "", ""}));
 }
 
-// getCodeVerifier, called as another module of the host would call it.
-TEST_F(ModuleTest, GetCodeVerifier) {
-  void* handle = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
-  ASSERT_NE(handle, nullptr);
-  using Fn = std::string (*)(std::string);
-  auto getCodeVerifier =
-      reinterpret_cast<Fn>(dlsym(handle, "_Z15getCodeVerifierNSt7__cxx1112basic_stringIcSt11char_traitsIcESaIcEEE"));
-  dlclose(handle);
-  ASSERT_NE(getCodeVerifier, nullptr);
-
-  struct Case {
-    const char* name;
-    const char* answer;    // nullptr: the API is not available
-    const char* verifier;  // nullptr: throws
-  } cases[] = {
-      {"KnownChallenge", kKnown, "v-123"},
-      {"UnknownChallenge", R"({"success": false})", nullptr},
-      {"SuccessWithoutData", R"({"success": true})", ""},
-      {"NoSuccessMember", R"({"data": {"verifier": "v"}})", nullptr},
-      {"ApiNotAvailable", nullptr, nullptr},
-  };
-  for (const Case& c : cases) {
-    SCOPED_TRACE(c.name);
-    VerifierApi api(c.answer ? c.answer : "{}");
-    talvwebapi::SetRunner(c.answer ? &api : nullptr);
-    if (c.verifier) {
-      EXPECT_EQ(getCodeVerifier("ch-1"), c.verifier);
-    } else {
-      try {
-        getCodeVerifier("ch-1");
-        ADD_FAILURE() << "no exception";
-      } catch (const std::runtime_error& e) {
-        EXPECT_STREQ(e.what(), "Failed to get verifier, challenge might be wrong");
-      }
-    }
-    talvwebapi::SetRunner(nullptr);
-  }
-  EXPECT_EQ(Logged(), std::vector<Line>{}) << "it logs nothing";
-}
-
 // PkceLogout's own ending (its refusals are Logout's, in logout_test.cpp):
 // an exception's code is answered as it is, with null details.
 TEST_F(ModuleTest, PkceLogoutSignOut) {
@@ -227,13 +178,9 @@ TEST_F(ModuleTest, PkceLogoutSignOut) {
     bool inConstructor;
     int answerCode;  // 0: success; -1: no answer
   } cases[] = {
-      {"SignedOut", -100, false, 0},
-      {"NobodySignedIn", 3, false, 3000},
-      {"Unreachable", 4, false, 3002},
-      {"Code26", 26, false, 3000},
-      {"Code0", 0, false, 3007},
-      {"ConstructorThrows", 4, true, 3002},
-      {"OtherExceptionPassesToTheHost", -200, false, -1},
+      {"SignedOut", -100, false, 0},        {"NobodySignedIn", 3, false, 3000},
+      {"Unreachable", 4, false, 3002},      {"Code0", 0, false, 3007},
+      {"ConstructorThrows", 4, true, 3002}, {"OtherExceptionPassesToTheHost", -200, false, -1},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -263,11 +210,14 @@ TEST_F(ModuleTest, PkceLogoutSignOut) {
 }
 
 // Both members are always there, the registration settings fetched first;
-// the request is not read at all.
+// the request is not read at all. The service's exception is not the
+// handler's to answer.
 TEST_F(ModuleTest, PkceConfigGet) {
   ON_CALL(backend_, PkceOpen).WillByDefault(Return());
-  EXPECT_CALL(backend_, PkceRegisterConfig).WillOnce(Return(Json::Value()));
-  EXPECT_CALL(backend_, PkceLoginConfig).WillOnce(Return(J(R"({"client_id": "c-1", "scope": ["a"]})")));
+  EXPECT_CALL(backend_, PkceRegisterConfig).WillRepeatedly(Return(Json::Value()));
+  EXPECT_CALL(backend_, PkceLoginConfig)
+      .WillOnce(Return(J(R"({"client_id": "c-1", "scope": ["a"]})")))
+      .WillOnce(Throw(PellixException(4, "unreachable")));
   webapihost::Answer a =
       Call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get", J(R"({"register": 1, "login": {"x": 2}})"));
   EXPECT_TRUE(a.success);
@@ -277,15 +227,7 @@ TEST_F(ModuleTest, PkceConfigGet) {
   EXPECT_EQ(order, (std::vector<std::string>{"AccountPkceService::AccountPkceService",
                                              "AccountPkceService::GetRegisterPkceConfig",
                                              "AccountPkceService::GetLoginPkceConfig"}));
-  EXPECT_EQ(Logged(), std::vector<Line>{});
-}
-
-// The service's exception is not the handler's to answer.
-TEST_F(ModuleTest, PkceConfigGetLeavesTheServicesExceptionToTheHost) {
-  ON_CALL(backend_, PkceOpen).WillByDefault(Return());
-  EXPECT_CALL(backend_, PkceRegisterConfig).WillOnce(Return(Json::Value(1)));
-  EXPECT_CALL(backend_, PkceLoginConfig).WillOnce(Throw(PellixException(4, "unreachable")));
-  webapihost::Answer a = Call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get");
+  a = Call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get");
   EXPECT_TRUE(a.threw);
   EXPECT_EQ(a.exception, "unreachable");
   EXPECT_EQ(a.answers, 0);

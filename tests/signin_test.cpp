@@ -95,16 +95,6 @@ class SignInTest : public ModuleTest, public ::testing::WithParamInterface<SignI
   }
 };
 
-TEST_P(SignInTest, SucceedsWithTheKeysOfItsMethod) {
-  Script(-1, "{}", {0, 0});
-  webapihost::Answer a = Run();
-  EXPECT_TRUE(a.success);
-  EXPECT_EQ(a.data, J(GetParam().answer)) << a.data;
-  ASSERT_EQ(SignInCalls().size(), 1u);
-  EXPECT_EQ(SignInCalls()[0].args, GetParam().args);
-  EXPECT_EQ(Logged(), std::vector<Line>{});
-}
-
 // Only a query result of exactly 0 means signed in; then the bound account is
 // answered, whatever the request carried, and no sign-in is tried.
 TEST_P(SignInTest, RefusesWhileAnAccountIsSignedIn) {
@@ -121,58 +111,38 @@ TEST_P(SignInTest, RefusesWhileAnAccountIsSignedIn) {
                                       "bound@example.com", "Login")});
 }
 
-TEST_P(SignInTest, PositiveQueryResultIsNotSignedIn) {
-  Script(1, kBound, {0, 0});
-  EXPECT_TRUE(Run().success);
-  EXPECT_EQ(SignInCalls().size(), 1u);
-}
-
-// The answer follows the error number, not the sign-in's result.
-TEST_P(SignInTest, NegativeResultWithErrorZeroIsASuccess) {
-  Script(-1, "{}", {-1, 0});
-  webapihost::Answer a = Run();
-  EXPECT_TRUE(a.success);
-  EXPECT_EQ(a.data, J(GetParam().answer));
-  EXPECT_EQ(Logged(), std::vector<Line>{Failed()});
-}
-
-TEST_P(SignInTest, ZeroResultWithError14Answers3004) {
-  Script(-1, "{}", {0, 14});
-  webapihost::Answer a = Run();
-  EXPECT_EQ(a.code, 3004);
-  EXPECT_EQ(a.data, Empty());
-  EXPECT_EQ(Logged(), std::vector<Line>{CodeLine(14)});
-}
-
-TEST_P(SignInTest, FailureLogsBothLinesWithTheUntranslatedNumber) {
-  Script(-1, "{}", {-1, 99});
-  webapihost::Answer a = Run();
-  EXPECT_EQ(a.code, 3000);
-  EXPECT_EQ(a.data, Empty());
-  EXPECT_EQ(Logged(), (std::vector<Line>{Failed(), CodeLine(99)}));
-}
-
-// The query, then the sign-in: failing either, once or for good, still gives
-// exactly one answer, and the code of the failed call when it was the sign-in.
-TEST_P(SignInTest, SurvivesAFaultInEachPlatformCall) {
-  Script(-1, "{}", {0, 0});
-  for (bool persistent : {false, true}) {
-    for (int k = 0; k < 2; ++k) {
-      SCOPED_TRACE("fault in call " + std::to_string(k) + (persistent ? ", persistent" : ", once"));
-      talvseam::ClearJournal();
-      talvseam::ClearFaults();
-      talvseam::InjectFault("*", k, persistent, 5);
-      webapihost::Answer a = Run();
-      EXPECT_EQ(a.answers, 1);
-      EXPECT_FALSE(a.threw);
-      bool signInFailed = k == 1 || persistent;
-      EXPECT_EQ(a.success, !signInFailed);
-      EXPECT_EQ(a.code, signInFailed ? 3003 : 0);
-      EXPECT_EQ(SignInCalls().size(), 1u);
-      std::vector<Line> expected;
-      if (signInFailed) expected = {Failed(), CodeLine(5)};
-      EXPECT_EQ(Logged(), expected);
-    }
+// The answer follows the error number, not the sign-in's result; the code
+// line names the untranslated number.
+TEST_P(SignInTest, ErrorNumberDecidesTheAnswer) {
+  enum Lines { kNone, kFailed, kCode, kBoth };
+  const struct {
+    const char* name;
+    int queryResult;  // positive: not signed in either
+    Outcome outcome;
+    int code;  // 0: success, with the method's answer
+    Lines logged;
+  } cases[] = {
+      {"Succeeds", -1, {0, 0}, 0, kNone},
+      {"PositiveQueryResult", 1, {0, 0}, 0, kNone},
+      {"NegativeWithErrorZero", -1, {-1, 0}, 0, kFailed},
+      {"ZeroWithError14", -1, {0, 14}, 3004, kCode},
+      {"NegativeWithError99", -1, {-1, 99}, 3000, kBoth},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    talvseam::ClearJournal();
+    Script(c.queryResult, c.queryResult < 0 ? "{}" : kBound, c.outcome);
+    webapihost::Answer a = Run();
+    EXPECT_EQ(a.answers, 1);
+    EXPECT_EQ(a.success, c.code == 0);
+    EXPECT_EQ(a.code, c.code);
+    EXPECT_EQ(a.data, c.code ? Empty() : J(GetParam().answer)) << a.data;
+    ASSERT_EQ(SignInCalls().size(), 1u);
+    EXPECT_EQ(SignInCalls()[0].args, GetParam().args);
+    std::vector<Line> expected;
+    if (c.logged == kFailed || c.logged == kBoth) expected.push_back(Failed());
+    if (c.logged == kCode || c.logged == kBoth) expected.push_back(CodeLine(c.outcome.error));
+    EXPECT_EQ(Logged(), expected);
   }
 }
 
@@ -188,11 +158,8 @@ TEST_F(ModuleTest, SignInParametersMissing) {
     const char* details;
     Line logged;
   } cases[] = {
-      {"login", "{}", "{}", LogLine("Login", "Invalid parameter")},
       {"login", R"({"account": "a@b.cd"})", "{}", LogLine("Login", "Invalid parameter")},
       {"login", R"({"password": "secret"})", "{}", LogLine("Login", "Invalid parameter")},
-      // Presence is all that is tested: an account that is no text is not read.
-      {"login", R"({"account": {"not": "text"}})", "{}", LogLine("Login", "Invalid parameter")},
       {"oauth_login", R"({"token": "t"})", "{}", LogLine("OauthLogin", "Invalid parameter")},
       {"handle_apikey_error", "{}", "{}", LogLine("HandleApiKeyError", "Invalid parameter")},
       {"login_by_key", "{}", "null", LogLine("LoginByKey", "Invalid parameter %s %s", "", "")},
