@@ -58,6 +58,7 @@ class ServeTest : public ::testing::Test {
     size_t at = host_->announcement().find("(device ");
     ASSERT_NE(at, std::string::npos);
     vars_["serial"] = host_->announcement().substr(at + 8, host_->announcement().find(',', at) - at - 8);
+    vars_["state"] = dir_.path() + "/state";
   }
   void Register(const std::string& email, const std::string& password) {
     Json::Value fields = J(R"({"full_name":"Test User"})");
@@ -151,9 +152,13 @@ TEST_F(ServeTest, AccountLifeCycle) {
   Run({{"hard refusal, forced or not", kCenter, 2, "logout", R"({"force":true})",
         R"({"success":false,"error":{"code":3014,"details":{"check_type":"hard",
             "reasons":["A backup to the cloud is running"]}}})"}});
-  Reasons("hard: no equals sign\n");
+  // A line the check cannot read refuses, forced or not, and says which.
+  Reasons("hard = A backup to the cloud is running\nSoft = The cloud drive is mounted\n");
   Run({{"a reasons file the check cannot read", kCenter, 2, "logout", R"({"force":true})",
-        R"({"success":false,"error":{"code":3014,"details":{"check_type":"hard","reasons":null}}})"}});
+        R"({"success":false,"error":{"code":3014,"details":{"check_type":"hard","reasons":[
+            "$state/device/logout-reasons.conf:2: \"Soft = The cloud drive is mounted\" is neither \"hard = <reason>\" nor \"soft = <reason>\""]}}})"}});
+  EXPECT_NE(host_->Log().find("<3> " + vars_["state"] + "/device/logout-reasons.conf:2: \"Soft = "), std::string::npos)
+      << host_->Log();
   Reasons("# only a soft reason\nsoft = The cloud drive is mounted\n");
   Run({
       {"soft refusal", kCenter, 2, "logout", "{}",

@@ -49,8 +49,9 @@ class ScriptedChecker : public Checker {
 //   soft = The cloud drive is mounted
 //
 // Each line gives one reason of its grade; a grade with reasons refuses. No
-// file: every grade is feasible. A line of another form makes the check fail
-// (the core library's error state TLIBC_ERR_FILE).
+// file: every grade is feasible. A line of another form ("Soft = x", "hrad =
+// x", "hard =") is logged with the file's path and its number, and refuses
+// every grade with that line as the reason.
 class ReasonsFileChecker : public Checker {
  public:
   explicit ReasonsFileChecker(std::string path) : path_(std::move(path)) {}

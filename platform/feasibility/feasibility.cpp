@@ -1,5 +1,7 @@
 // The platform's feasibility check.
 
+#include <syslog.h>
+
 #include <fstream>
 
 #include "checker.h"
@@ -29,19 +31,27 @@ Verdict ReasonsFileChecker::Check(int item, int type) {
     size_t b = s.find_first_not_of(" \t\r");
     return b == std::string::npos ? std::string() : s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
   };
+  // A line the check cannot read refuses the sign-out in every grade, with
+  // the line as the reason: guessing what it meant could let a sign-out
+  // through that someone meant to hold.
+  std::vector<std::string> unreadable;
+  int number = 0;
   for (std::string line; std::getline(in, line);) {
+    ++number;
     line = trim(line);
     if (line.empty() || line[0] == '#') continue;
-    size_t eq = line.find('=');
-    std::string key = eq == std::string::npos ? "" : trim(line.substr(0, eq));
-    if (key != "hard" && key != "soft") {
-      verdict.result = -1;
-      verdict.error = TLIBC_ERR_FILE;
-      verdict.reasons.clear();
-      return verdict;
+    const size_t eq = line.find('=');
+    const std::string key = eq == std::string::npos ? "" : trim(line.substr(0, eq));
+    const std::string reason = eq == std::string::npos ? "" : trim(line.substr(eq + 1));
+    if ((key != "hard" && key != "soft") || reason.empty()) {
+      unreadable.push_back(path_ + ":" + std::to_string(number) + ": \"" + line +
+                           "\" is neither \"hard = <reason>\" nor \"soft = <reason>\"");
+      syslog(LOG_ERR, "%s", unreadable.back().c_str());
+    } else if (key == grade) {
+      verdict.reasons.push_back(reason);
     }
-    if (key == grade) verdict.reasons.push_back(trim(line.substr(eq + 1)));
   }
+  if (!unreadable.empty()) verdict.reasons = unreadable;
   verdict.result = verdict.reasons.empty() ? 0 : 1;
   return verdict;
 }
