@@ -1,5 +1,8 @@
 #include "store.h"
 
+#include <map>
+#include <vector>
+
 namespace pellixsim {
 namespace {
 
@@ -60,6 +63,48 @@ CREATE TABLE IF NOT EXISTS purchases(
 )sql";
 
 std::string Failure(sqlite3* db, const std::string& what) { return what + ": " + sqlite3_errmsg(db); }
+
+// Each table of a database with its columns, "name TYPE" with NOT NULL and
+// PRIMARY KEY where they apply, in order.
+using Tables = std::map<std::string, std::vector<std::string>>;
+Tables TablesOf(sqlite3* db) {
+  Tables tables;
+  Statement columns(db,
+                    "SELECT m.name, c.name, c.type, c.\"notnull\", c.pk FROM sqlite_schema AS m "
+                    "JOIN pragma_table_info(m.name) AS c WHERE m.type = 'table' AND m.name NOT LIKE 'sqlite_%' "
+                    "ORDER BY m.name, c.cid");
+  while (columns.Step())
+    tables[columns.Text(0)].push_back(columns.Text(1) + " " + columns.Text(2) + (columns.Int(3) ? " NOT NULL" : "") +
+                                      (columns.Int(4) ? " PRIMARY KEY" : ""));
+  return tables;
+}
+
+std::string Join(const std::vector<std::string>& items) {
+  std::string text;
+  for (const std::string& item : items) text += (text.empty() ? "" : ", ") + item;
+  return text;
+}
+
+// What makes `db` another program's database rather than the service's, or
+// "": a table the service does not keep, or one of its tables made otherwise.
+// Tables that are missing are made at start, as in a new database.
+std::string Foreign(sqlite3* db) {
+  sqlite3* model = nullptr;
+  Tables expected;
+  if (sqlite3_open(":memory:", &model) == SQLITE_OK &&
+      sqlite3_exec(model, kSchema, nullptr, nullptr, nullptr) == SQLITE_OK)
+    expected = TablesOf(model);
+  sqlite3_close(model);
+  if (expected.empty()) throw StoreError("cannot lay out the service's tables");
+  for (const auto& table : TablesOf(db)) {
+    auto ours = expected.find(table.first);
+    if (ours == expected.end()) return "it has a table \"" + table.first + "\", which the service does not keep";
+    if (ours->second != table.second)
+      return "its table \"" + table.first + "\" has the columns (" + Join(table.second) + "), the service's (" +
+             Join(ours->second) + ")";
+  }
+  return "";
+}
 
 }  // namespace
 
@@ -131,6 +176,11 @@ std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) 
       *error = path + ": damaged: " + verdict;
       return nullptr;
     }
+    const std::string foreign = Foreign(db);
+    if (!foreign.empty()) {
+      *error = path + ": not the account service's database: " + foreign;
+      return nullptr;
+    }
     // WAL with NORMAL sync: a killed process loses nothing committed, and
     // readers do not wait on the writer's fsync.
     Statement(db, "PRAGMA journal_mode=WAL").Run();
@@ -171,7 +221,10 @@ bool Store::Exec(const char* sql) {
   return false;
 }
 
-void Store::Note(const std::string& failure) { lastFailure_ = failure; }
+void Store::Note(const std::string& failure) {
+  lastFailure_ = failure;
+  if (report_) report_(failure);
+}
 
 std::string Store::LastFailure() const {
   std::lock_guard<std::mutex> lock(mu_);

@@ -11,6 +11,7 @@
 #include <sqlite3.h>
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -52,7 +53,8 @@ class Store {
  public:
   // Opens the database at `path`, creating it and its tables when absent.
   // nullptr with *error set when the file cannot be opened or written, is
-  // not a database, fails its integrity check, or has a newer schema.
+  // not a database, fails its integrity check, has a newer schema, or holds
+  // a table that is not the service's or not as the service makes it.
   static std::unique_ptr<Store> Open(const std::string& path, std::string* error);
   ~Store();
   Store(const Store&) = delete;
@@ -85,8 +87,11 @@ class Store {
     return 0;
   }
 
-  // The last storage failure, for the host's log.
+  // The last storage failure.
   std::string LastFailure() const;
+  // `report` is called with each storage failure as it happens (under the
+  // store's lock: it must not call back into the store).
+  void OnFailure(std::function<void(const std::string&)> report) { report_ = std::move(report); }
 
  private:
   explicit Store(sqlite3* db) : db_(db) {}
@@ -96,6 +101,7 @@ class Store {
   sqlite3* db_;
   mutable std::mutex mu_;
   std::string lastFailure_;  // under mu_
+  std::function<void(const std::string&)> report_;
 };
 
 }  // namespace pellixsim
