@@ -26,6 +26,16 @@ bool ChangesIdentity(const Call& call) {
          (call.method == "pkce_login" || call.method == "pkce_config_get");
 }
 
+// The methods that bind the device to an account. The module refuses a
+// second sign-in while one is bound, but it can only see a binding that is
+// made: two sign-ins under way at once would both pass that check.
+bool BindsAccount(const Call& call) {
+  if (call.api == "TALV.Core.PellixCenter" && call.version == 2)
+    return call.method == "login" || call.method == "login_by_key" || call.method == "oauth_login" ||
+           call.method == "register";
+  return call.api == "TALV.Core.PellixCenter.Login" && call.version == 1 && call.method == "pkce_login";
+}
+
 Answer HostError(int code, const std::string& reason) {
   Answer a;
   a.code = code;
@@ -250,6 +260,8 @@ Answer DevHost::Run(const Call& call) {
 }
 
 Answer DevHost::Dispatch(const Call& call) {
+  std::unique_lock<std::mutex> oneAtATime;
+  if (BindsAccount(call)) oneAtATime = std::unique_lock<std::mutex>(binding_);
   if (ChangesIdentity(call)) {
     std::unique_lock<std::shared_mutex> alone(identity_);
     return Run(call);
@@ -284,7 +296,20 @@ void DevHost::Log(const std::string& line) {
   (void)std::fflush(log_);
 }
 
+// Counts a request as under way for as long as it lives.
+class DevHost::UnderWay {
+ public:
+  explicit UnderWay(std::atomic<int>* count) : count_(count) { ++*count_; }
+  ~UnderWay() { --*count_; }
+  UnderWay(const UnderWay&) = delete;
+  UnderWay& operator=(const UnderWay&) = delete;
+
+ private:
+  std::atomic<int>* count_;
+};
+
 void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
+  const UnderWay underWay(&underWay_);
   const auto start = std::chrono::steady_clock::now();
   Call call;
   call.language = language_;
@@ -308,6 +333,7 @@ void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
 // The browser's side of the account service: what a user does in a web page
 // of the service, which the device never sees.
 void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
+  const UnderWay underWay(&underWay_);
   const auto start = std::chrono::steady_clock::now();
   Json::Value fields;
   std::string problem;
@@ -434,6 +460,10 @@ int DevHost::Bind(int port) {
 }
 
 bool DevHost::Serve() { return server_->listen_after_bind(); }
-void DevHost::Stop() { server_->stop(); }
+// Safe from any thread and more than once; a call before Serve() has begun
+// to listen does nothing, so the caller repeats it until Serve() returns.
+void DevHost::Stop() {
+  if (server_->is_running() && !stopped_.exchange(true)) server_->stop();
+}
 
 }  // namespace webapihost

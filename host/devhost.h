@@ -12,6 +12,9 @@
 //   its own entry saw: those two methods run alone (an exclusive lock), every
 //   other request holds the lock shared, so no request runs under ids that
 //   another request raised, and no guard restores ids under another's feet;
+// - the methods that bind the device to an account (the four sign-ins and
+//   version-2 registration) run one at a time, so that the module's own
+//   "already signed in" check of each sees the outcome of the one before;
 // - the account error number of the account-client stand-in is per thread,
 //   read by the handler on the thread that set it: nothing to serialise;
 // - the SQLite connection of the account service: its Store serialises each
@@ -22,6 +25,7 @@
 
 #include <json/value.h>
 
+#include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <deque>
@@ -108,9 +112,13 @@ class DevHost : public talvwebapi::Runner {
   int Bind(int port);
   // Serves until Stop(); false when it could not.
   bool Serve();
+  // Stops a serving host: no new connection, the requests under way answered.
   void Stop();
+  // Requests of the web API or of /sim/ being answered now.
+  int RequestsUnderWay() const { return underWay_; }
 
  private:
+  class UnderWay;
   Answer Run(const Call& call);  // no locks
   void Entry(const httplib::Request& req, httplib::Response& res);
   void Browser(const httplib::Request& req, httplib::Response& res);
@@ -122,9 +130,12 @@ class DevHost : public talvwebapi::Runner {
   FILE* log_;
   const std::string language_;
   std::mutex logMu_;
+  std::mutex binding_;  // taken before identity_
   std::shared_mutex identity_;
   VerifierApi verifier_;
   std::unique_ptr<httplib::Server> server_;
+  std::atomic<bool> stopped_{false};
+  std::atomic<int> underWay_{0};
   std::string pages_;
 };
 

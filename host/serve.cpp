@@ -2,8 +2,14 @@
 
 #include <pthread.h>
 #include <signal.h>
+#include <unistd.h>
 
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <thread>
 
@@ -48,9 +54,80 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
   (void)std::fflush(out);
 }
 
+// Ctrl-C and SIGTERM once the host's threads run. The first signal stops the
+// host: it takes no new connection and answers the requests under way; once
+// none is, the process ends, whatever connections browsers keep open for
+// their next request. A request may take up to the module's 30-second
+// transfer limit, so after kGrace, or at a second signal, the process ends
+// there and then: the kernel closes what is still open, and the service's
+// database keeps every transaction whole or not at all.
+class Stopper {
+ public:
+  static constexpr int kGraceSeconds = 3;
+
+  // Blocks the signals in this thread and so in every thread started after
+  // it; a thread of its own takes them, and then calls `stop` until Done()
+  // while `underWay` is not 0.
+  Stopper(std::function<void()> stop, std::function<int()> underWay)
+      : stop_(std::move(stop)), underWay_(std::move(underWay)) {
+    sigemptyset(&signals_);
+    sigaddset(&signals_, SIGINT);
+    sigaddset(&signals_, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals_, nullptr);
+    thread_ = std::thread([this] { Wait(); });
+  }
+  ~Stopper() {
+    Done();
+    thread_.join();
+  }
+  Stopper(const Stopper&) = delete;
+  Stopper& operator=(const Stopper&) = delete;
+
+  bool stopping() const { return stopping_; }
+  // The host has stopped, or never will serve: nothing more to stop.
+  void Done() { done_ = true; }
+
+ private:
+  bool Next() {
+    const timespec tick{0, 50 * 1000 * 1000};
+    return sigtimedwait(&signals_, nullptr, &tick) > 0;
+  }
+  [[noreturn]] static void End(const char* why) {
+    if (why) (void)std::fprintf(stderr, "webapi-host: %s; closing the connections still open\n", why);
+    (void)std::fflush(nullptr);
+    _exit(0);
+  }
+
+  void Wait() {
+    while (!done_ && !Next()) {
+    }
+    if (done_) return;
+    stopping_ = true;
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(kGraceSeconds);
+    // Again and again: the host may not have begun to serve at the first.
+    for (stop_();; stop_()) {
+      const bool again = Next();
+      if (done_) return;
+      if (again) End("stopped again");
+      if (underWay_() == 0) End(nullptr);
+      if (std::chrono::steady_clock::now() >= deadline) End("requests still under way after 3 s");
+    }
+  }
+
+  sigset_t signals_;
+  std::function<void()> stop_;
+  std::function<int()> underWay_;
+  std::atomic<bool> stopping_{false};
+  std::atomic<bool> done_{false};
+  std::thread thread_;
+};
+
 }  // namespace
 
 int Serve(const ServeOptions& o) {
+  // Until the first thread starts, Ctrl-C and SIGTERM end the process as they
+  // do any program: nothing is under way, and every file here is written
+  // whole or not at all.
   StateFolder state;
   std::string error;
   if (!OpenState(o.state, &state, &error)) {
@@ -58,8 +135,7 @@ int Serve(const ServeOptions& o) {
     return 1;
   }
   // The module trusts the service's endpoint through the trust store, as the
-  // device trusts the real service; the namespace that makes it so has to be
-  // entered before any thread starts.
+  // device trusts the real service.
   if (!pellixsim::MakeCertificates(state.service, &error)) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
@@ -81,6 +157,11 @@ int Serve(const ServeOptions& o) {
                        error.c_str());
     return 1;
   }
+  // A storage failure answers 3003; its cause is only here.
+  FILE* log = o.log;
+  store->OnFailure([log](const std::string& failure) {
+    if (log) (void)std::fprintf(log, "account service: storage failed: %s\n", failure.c_str());
+  });
 
   syslogcapture::SetEcho(o.log, false);
   std::unique_ptr<Module> module = Module::Load(o.module, &error);
@@ -89,21 +170,18 @@ int Serve(const ServeOptions& o) {
     return 3;
   }
 
-  // Signals are taken by one thread of their own: blocked here, before the
-  // server's threads exist, so that they inherit the mask.
-  sigset_t stopSignals;
-  sigemptyset(&stopSignals);
-  sigaddset(&stopSignals, SIGINT);
-  sigaddset(&stopSignals, SIGTERM);
-  pthread_sigmask(SIG_BLOCK, &stopSignals, nullptr);
-
   pellixsim::Service service(store.get(), pellixsim::Options());
   DevHost host(module.get(), &service, o.log, o.language.empty() ? "enu" : o.language);
   host.SetPages(o.pages);
+  // From here on threads run, and the signals are the stopper's.
+  Stopper stopper([&host] { host.Stop(); }, [&host] { return host.RequestsUnderWay(); });
   const int port = host.Bind(o.port);
   if (port < 0) {
-    (void)std::fprintf(stderr, "webapi-host: cannot listen on 127.0.0.1:%d (in use? pick another with --port)\n",
-                       o.port);
+    const int why = errno;
+    (void)std::fprintf(
+        stderr,
+        "webapi-host: cannot listen on 127.0.0.1:%d: %s; pick another port with --port (0 takes any free one)\n",
+        o.port, why == EADDRINUSE ? "the port is in use by another program" : std::strerror(why));
     return 2;
   }
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
@@ -129,15 +207,11 @@ int Serve(const ServeOptions& o) {
   talvwebapi::SetRunner(&host);
   talvfeasibility::SetChecker(&reasons);
 
-  std::thread([&host, stopSignals] {
-    int signal = 0;
-    sigwait(&stopSignals, &signal);
-    host.Stop();
-  }).detach();
   Announce(o.out, url, state, phpLine,
            o.pages.empty() ? "not served: no folder web/ beside the program or in the source tree"
                            : url + "/ (from " + o.pages + ")");
-  bool served = host.Serve();
+  const bool served = stopper.stopping() || host.Serve();
+  stopper.Done();
   accountPhp.Stop();
 
   talvpellix::SetBackend(nullptr);

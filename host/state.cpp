@@ -1,5 +1,6 @@
 #include "state.h"
 
+#include <fcntl.h>
 #include <openssl/rand.h>
 #include <unistd.h>
 
@@ -69,7 +70,40 @@ bool ReadKey(const std::string& absolute, const char* key, std::string* value, s
   return true;
 }
 
+// An advisory lock on STATE/lock, held until the descriptor closes or the
+// process ends. A record lock rather than flock(): the kernel then tells who
+// holds it.
+bool Lock(StateFolder* state, std::string* error) {
+  const std::string path = state->root + "/lock";
+  const int fd = open(path.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644);
+  if (fd < 0) {
+    *error = "cannot write in the state folder " + state->root + ": " + std::strerror(errno);
+    return false;
+  }
+  struct flock whole {};
+  whole.l_type = F_WRLCK;
+  whole.l_whence = SEEK_SET;
+  if (fcntl(fd, F_SETLK, &whole) == 0) {
+    state->lock = fd;
+    return true;
+  }
+  const int refused = errno;
+  std::string holder = "another process";
+  if ((refused == EACCES || refused == EAGAIN) && fcntl(fd, F_GETLK, &whole) == 0 && whole.l_type != F_UNLCK)
+    holder = "process " + std::to_string(whole.l_pid);
+  close(fd);
+  *error = refused == EACCES || refused == EAGAIN
+               ? "the state folder " + state->root + " is in use by " + holder +
+                     " (another webapi-host serve); stop that one, or pick another folder with --state"
+               : "cannot lock " + path + ": " + std::strerror(refused);
+  return false;
+}
+
 }  // namespace
+
+StateFolder::~StateFolder() {
+  if (lock >= 0) close(lock);
+}
 
 std::string DefaultStateDir() {
   const char* xdg = std::getenv("XDG_STATE_HOME");
@@ -93,6 +127,7 @@ bool OpenState(const std::string& root, StateFolder* state, std::string* error) 
     *error = "cannot write in the state folder " + state->root + ": " + std::strerror(errno);
     return false;
   }
+  if (!Lock(state, error)) return false;
   fs::create_directories(state->service, ec);
   if (ec) {
     *error = "cannot create " + state->service + ": " + ec.message();

@@ -1,6 +1,7 @@
 // The development host's state folder: a simulated device's files and the
 // simulated account service's data, side by side.
 //
+//   STATE/lock              held by the one host that uses the folder
 //   STATE/device/           the device's root for fixed paths (TALV_SYSROOT):
 //     etc/talvinfo.conf             language, time zone
 //     etc.defaults/talvinfo.conf    model name, serial number
@@ -18,6 +19,11 @@
 namespace webapihost {
 
 struct StateFolder {
+  StateFolder() = default;
+  ~StateFolder();  // lets go of the folder
+  StateFolder(const StateFolder&) = delete;
+  StateFolder& operator=(const StateFolder&) = delete;
+
   std::string root;
   std::string device;   // root + "/device"
   std::string service;  // root + "/service"
@@ -31,15 +37,20 @@ struct StateFolder {
   std::string Database() const { return service + "/account.db"; }
   std::string ReasonsFile() const { return device + "/logout-reasons.conf"; }
   std::string RelayConf() const { return device + "/usr/talv/etc/talvrelayd/talvrelayd.conf"; }
+
+  // The descriptor that holds the lock on STATE/lock (-1: none).
+  int lock = -1;
 };
 
 // ${XDG_STATE_HOME:-~/.local/state}/webapi-host
 std::string DefaultStateDir();
 
-// Creates the folder and whatever of the device's files is missing (a fresh
-// device: a new serial number, no account), makes it the platform's root for
-// fixed paths, and reads the device's facts back through the platform. False
-// with *error when the folder or a file cannot be created or read.
+// Creates the folder, takes it for this process (two hosts on one folder
+// would each rewrite the device's files under the other), creates whatever
+// of the device's files is missing (a fresh device: a new serial number, no
+// account), makes it the platform's root for fixed paths, and reads the
+// device's facts back through the platform. False with *error when the folder
+// is in use by another process, or a file cannot be created or read.
 bool OpenState(const std::string& root, StateFolder* state, std::string* error);
 
 // Points the relay daemon's configuration at the account service's host.

@@ -8,6 +8,7 @@
 #include <openssl/x509v3.h>
 #include <sys/stat.h>
 
+#include <chrono>
 #include <ctime>
 
 #include "talv/cloud.h"
@@ -173,13 +174,20 @@ int AccountPhp::Start(const std::string& dir, std::string* error) {
     *error = "cannot listen on 127.0.0.1 for account.php";
     return -1;
   }
-  thread_ = std::thread([this] { server_->listen_after_bind(); });
+  thread_ = std::thread([this] {
+    server_->listen_after_bind();
+    finished_ = true;
+  });
   return port;
 }
 
 void AccountPhp::Stop() {
-  if (server_) server_->stop();
-  if (thread_.joinable()) thread_.join();
+  if (!thread_.joinable()) return;
+  // A stop before the server has begun to listen would be lost, and the
+  // join below would wait for ever.
+  while (!server_->is_running() && !finished_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  server_->stop();
+  thread_.join();
 }
 
 }  // namespace pellixsim

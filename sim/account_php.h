@@ -3,6 +3,7 @@
 // same state as every other operation of the service.
 #pragma once
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <string>
@@ -40,6 +41,7 @@ class AccountPhp {
   Service* service_;
   std::unique_ptr<httplib::SSLServer> server_;
   std::thread thread_;
+  std::atomic<bool> finished_{false};  // the server's thread is done listening
 };
 
 }  // namespace pellixsim

@@ -1,9 +1,13 @@
 // webapi-host serve, end to end: real HTTP against a host the test starts on
 // a free port with a temporary state folder.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <netinet/in.h>
 #include <signal.h>
 #include <sqlite3.h>
+#include <sys/socket.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <fstream>
@@ -561,25 +565,140 @@ TEST_F(ServeTest, FieldsKeepTheirTypes) {
   EXPECT_EQ(form("api=TALV.Core.PellixCenter.Account&version=1&method=set&enews=%22true%22")["error"]["code"], 100);
 }
 
-TEST_F(ServeTest, UnusableStateIsRefusedWithAMessage) {
-  const std::string state = dir_.path() + "/state";
-  ASSERT_EQ(std::system(("mkdir -p '" + state + "/service'").c_str()), 0);
-  std::ofstream(state + "/service/account.db") << "this is not a database, and it is long enough to say so clearly";
-  std::ofstream(dir_.path() + "/file") << "x";
+// What keeps a host from starting ends it at once with a sentence naming
+// what is wrong, and writes nothing on stdout.
+TEST_F(ServeTest, StartUpErrorsEndAtOnceWithAMessage) {
+  ASSERT_NO_FATAL_FAILURE(Start());  // holds dir_/state
+  const std::string d = dir_.path();
+  ASSERT_EQ(std::system(("mkdir -p '" + d + "/junk/service' '" + d + "/other/service' '" + d +
+                         "/relay/device/usr/talv/etc/talvrelayd/talvrelayd.conf'")
+                            .c_str()),
+            0);
+  std::ofstream(d + "/junk/service/account.db") << "this is not a database, and it is long enough to say so clearly";
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open((d + "/other/service/account.db").c_str(), &other), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(other, "CREATE TABLE accounts(id INTEGER PRIMARY KEY, name TEXT)", nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(other);
+  std::ofstream(d + "/file") << "x";
   struct Case {
     std::string state;
-    const char* says;
+    std::string says;
   } cases[] = {
-      {state, "account.db: not a usable database"},
-      {dir_.path() + "/file", "cannot use"},
-      {dir_.path() + "/file/below", "cannot use"},
+      {d + "/junk", "account.db: not a usable database"},
+      {d + "/other",
+       "account.db: not the account service's database: its table \"accounts\" has the columns (id "
+       "INTEGER PRIMARY KEY, name TEXT), the service's (id INTEGER PRIMARY KEY, email TEXT NOT NULL"},
+      {d + "/file", "cannot use"},
+      {d + "/file/below", "cannot use"},
+      {d + "/relay", "talvrelayd.conf: Is a directory"},
+      {d + "/state", "the state folder " + d + "/state is in use by process " + std::to_string(host_->pid())},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.state);
     std::string out, err;
-    EXPECT_EQ(RunCommand("'" WEBAPI_HOST "' serve --port 0 --state '" + c.state + "'", &out, &err), 1);
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(RunCommand("timeout -s KILL 5 '" WEBAPI_HOST "' serve --port 0 --state '" + c.state + "'", &out, &err),
+              1);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(1));
     EXPECT_NE(err.find(c.says), std::string::npos) << err;
     EXPECT_EQ(out, "");
+  }
+  // The host that holds its folder serves on, its device untouched.
+  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+}
+
+// Ctrl-C and SIGTERM end the host at every stage: while it starts, while it
+// serves, beside connections that say nothing, with a request under way
+// (which is answered). The process ends within the grace of three seconds.
+TEST_F(ServeTest, SignalsEndItAtEveryStage) {
+  const std::string state = dir_.path() + "/state";
+  for (const char* delay : {"0", "0.02", "0.1"}) {
+    SCOPED_TRACE(std::string("SIGTERM after ") + delay + " s of start-up");
+    std::string out;
+    const auto start = std::chrono::steady_clock::now();
+    ASSERT_EQ(RunCommand("'" WEBAPI_HOST "' serve --port 0 --state '" + state + "' >/dev/null 2>&1 & sleep " + delay +
+                             "; kill -TERM $!; wait $!; echo $?",
+                         &out),
+              0);
+    EXPECT_TRUE(out == "0\n" || out == "143\n") << out;  // stopped, or killed before it began
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+  }
+  struct Case {
+    const char* what;
+    int signal;
+    bool silentConnection;  // a client that connects and never sends
+    bool underWay;          // a sign-in under way when the signal comes
+  } cases[] = {
+      {"idle", SIGINT, false, false},
+      {"a sign-in under way", SIGTERM, false, true},
+      {"a connection that says nothing", SIGTERM, true, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.what);
+    ASSERT_NO_FATAL_FAILURE(Start());
+    if (c.underWay) Register("ada@example.com", "secret1");
+    httplib::Client kept("127.0.0.1", host_->port());  // a browser's kept-alive connection
+    ASSERT_TRUE(kept.Get("/"));
+    const int silent = c.silentConnection ? socket(AF_INET, SOCK_STREAM, 0) : -1;
+    if (silent >= 0) {
+      sockaddr_in to{};
+      to.sin_family = AF_INET;
+      to.sin_port = htons(static_cast<uint16_t>(host_->port()));
+      to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+      ASSERT_EQ(connect(silent, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 0);
+    }
+    Reply answer;
+    std::thread signIn;
+    if (c.underWay) {
+      signIn = std::thread([&] {
+        answer = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
+      });
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+    const auto start = std::chrono::steady_clock::now();
+    EXPECT_EQ(host_->Stop(c.signal), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(c.silentConnection ? 4 : 2));
+    if (signIn.joinable()) signIn.join();
+    if (c.underWay) {
+      EXPECT_EQ(answer.body["success"], true) << answer.text;
+    }
+    if (silent >= 0) close(silent);
+  }
+}
+
+// Two sign-ins of different accounts sent at once: one binds the device, the
+// other is refused with the account that it found bound.
+TEST_F(ServeTest, ConcurrentSignInsBindOneAccount) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Register("ada@example.com", "secret1");
+  Register("bob@example.com", "secret2");
+  const Json::Value ada = J(R"({"account":"ada@example.com","password":"secret1"})");
+  const Json::Value bob = J(R"({"account":"bob@example.com","password":"secret2"})");
+  struct Case {
+    const char* method;  // of the second request; the first is a sign-in of ada
+    Json::Value params;
+  } cases[] = {{"login", bob},
+               {"register", J(R"({"password":"secret3","fullname":"Carol C","critical_release":false})")}};
+  for (const Case& c : cases) {
+    for (int round = 0; round < 3; ++round) {
+      SCOPED_TRACE(std::string(c.method) + " round " + std::to_string(round));
+      Json::Value second = c.params;
+      if (std::string(c.method) == "register") second["account"] = "carol" + std::to_string(round) + "@example.com";
+      Reply first, other;
+      std::thread a([&] { first = Entry(host_->port(), kCenter, 2, "login", ada); });
+      std::thread b([&] { other = Entry(host_->port(), kCenter, 2, c.method, second); });
+      a.join();
+      b.join();
+      const bool adaWon = first.body["success"].asBool();
+      const Reply& won = adaWon ? first : other;
+      const Reply& lost = adaWon ? other : first;
+      ASSERT_TRUE(won.body["success"].asBool()) << won.text;
+      EXPECT_EQ(lost.body["error"]["code"], 3010) << lost.text;
+      EXPECT_EQ(lost.body["error"]["details"]["account"],
+                Entry(host_->port(), kCenter, 2, "query").body["data"]["account"]);
+      ASSERT_TRUE(Entry(host_->port(), kCenter, 2, "logout", J(R"({"force":true})")).body["success"].asBool());
+    }
   }
 }
 
