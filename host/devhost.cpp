@@ -5,6 +5,8 @@
 #include <json/writer.h>
 #include <openssl/rand.h>
 
+#include <sys/socket.h>
+
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -19,6 +21,15 @@ const char VerifierApi::kApi[] = "TALV.Remote.Credential.Verifier";
 namespace {
 
 constexpr auto kVerifierLifetime = std::chrono::minutes(10);
+
+// The library's own listener options set SO_REUSEPORT and not SO_REUSEADDR:
+// a second host binds a port in use and the two take turns answering, while a
+// restarted host cannot bind its port until the last connections' TIME_WAIT
+// is over. SO_REUSEADDR alone lets a restart bind at once, and nothing share.
+void ListenAlone(socket_t sock) {
+  int yes = 1;
+  (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+}
 
 // The two methods whose privilege guard changes the process's ids.
 bool ChangesIdentity(const Call& call) {
@@ -396,6 +407,7 @@ int DevHost::Bind(int port) {
   s.set_payload_max_length(kMaxBody);
   // Room for keep-alive connections of several clients at once.
   s.new_task_queue = [] { return new httplib::ThreadPool(16); };
+  s.set_socket_options(ListenAlone);
   // An answer goes out as two writes (head, body); with Nagle's algorithm the
   // second waits for the client's delayed acknowledgement on a kept-alive
   // connection, some 40 ms per request.

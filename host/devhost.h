@@ -104,7 +104,8 @@ class DevHost : public talvwebapi::Runner {
   // The administration page's folder, served at / (empty: no page). Call
   // before Bind.
   void SetPages(std::string folder) { pages_ = std::move(folder); }
-  // Binds 127.0.0.1:port (0: any free port); the port, or -1.
+  // Binds 127.0.0.1:port (0: any free port); the port, or -1 (also when
+  // another program listens there: one host per port).
   int Bind(int port);
   // Serves until Stop(); false when it could not.
   bool Serve();

@@ -578,5 +578,19 @@ TEST_F(ServeTest, UnusableStateIsRefusedWithAMessage) {
   }
 }
 
+// ---------------------------------------------------------------------------
+// The HTTP front end under ordinary misuse.
+
+TEST_F(ServeTest, ASecondHostOnItsPortIsRefused) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  std::string out, err;
+  // A second host that shares the port serves until stopped: `timeout`.
+  EXPECT_EQ(RunCommand("timeout 30 '" WEBAPI_HOST "' serve --state '" + dir_.path() + "/other' --port " +
+                           std::to_string(host_->port()),
+                       &out, &err),
+            2)
+      << err;
+}
+
 }  // namespace
 }  // namespace pellixtest
