@@ -39,6 +39,7 @@ namespace httplib {
 class Server;
 class Request;
 class Response;
+class ContentReader;
 }  // namespace httplib
 
 namespace webapihost {
@@ -87,6 +88,9 @@ class VerifierApi {
   std::deque<std::string> oldestFirst_;  // the challenges; all live equally long
 };
 
+// A request's body, read before anything is decoded or answered (devhost.cpp).
+struct RequestBody;
+
 class DevHost : public talvwebapi::Runner {
  public:
   // `log` receives one line per request (nullptr: none); every HTTP request
@@ -112,10 +116,16 @@ class DevHost : public talvwebapi::Runner {
   void Stop();
 
  private:
+  using Route = void (DevHost::*)(const httplib::Request&, const RequestBody&, httplib::Response&);
   Answer Run(const Call& call);  // no locks
-  void Entry(const httplib::Request& req, httplib::Response& res);
-  void Browser(const httplib::Request& req, httplib::Response& res);
-  void Page(const httplib::Request& req, httplib::Response& res);
+  // Every request: refused when its body cannot be taken, else answered by
+  // `route`. The body is read first, whatever the answer.
+  void Handle(Route route, const httplib::Request& req, const httplib::ContentReader* reader, httplib::Response& res);
+  void Refuse(const httplib::Request& req, httplib::Response& res, int status, int code, const std::string& reason);
+  void Entry(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Browser(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Page(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Other(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Log(const std::string& line);
 
   const Module* module_;
@@ -127,6 +137,7 @@ class DevHost : public talvwebapi::Runner {
   VerifierApi verifier_;
   std::unique_ptr<httplib::Server> server_;
   std::string pages_;
+  int port_ = -1;
 };
 
 // The HTTP status of an answer: 200 for every answer a handler gave (its

@@ -592,5 +592,48 @@ TEST_F(ServeTest, ASecondHostOnItsPortIsRefused) {
       << err;
 }
 
+// Every kind of body is taken up to kMaxBody and refused above it, the answer
+// naming the real limit.
+TEST_F(ServeTest, EveryBodyKindHasTheOneLimit) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  auto part = [](const char* name) {
+    return "--B\r\nContent-Disposition: form-data; name=\"" + std::string(name) + "\"\r\n\r\n";
+  };
+  const std::string json = R"({"api":"TALV.Core.PellixCenter","version":2,"method":"query","pad":")";
+  struct Kind {
+    const char* type;
+    std::string head, tail;  // the body is head, padding, tail
+    bool chunked;
+  } kinds[] = {
+      {"application/x-www-form-urlencoded", "api=TALV.Core.PellixCenter&version=2&method=query&pad=", "", false},
+      {"application/json", json, "\"}", false},
+      {"application/json", json, "\"}", true},
+      {"multipart/form-data; boundary=B",
+       part("api") + kCenter + "\r\n" + part("version") + "2\r\n" + part("method") + "query\r\n" + part("pad"),
+       "\r\n--B--\r\n", false},
+  };
+  httplib::Client client("127.0.0.1", host_->port());
+  client.set_keep_alive(true);  // and each answer on it is the right one
+  for (const Kind& kind : kinds)
+    for (size_t size : {webapihost::kMaxBody, webapihost::kMaxBody + 1}) {
+      SCOPED_TRACE(std::string(kind.type) + (kind.chunked ? ", chunked, " : ", ") + std::to_string(size) + " bytes");
+      const std::string body = kind.head + std::string(size - kind.head.size() - kind.tail.size(), 'a') + kind.tail;
+      httplib::Result r = kind.chunked ? client.Post(
+                                             "/webapi/entry",
+                                             [&](size_t, httplib::DataSink& sink) {
+                                               sink.write(body.data(), body.size());
+                                               sink.done();
+                                               return true;
+                                             },
+                                             kind.type)
+                                       : client.Post("/webapi/entry", body, kind.type);
+      ASSERT_TRUE(r);
+      const bool over = size > webapihost::kMaxBody;
+      EXPECT_EQ(r->status, over ? 413 : 200);
+      EXPECT_EQ(J(r->body),
+                J(over ? Refused(106, R"x({"reason":"the body is larger than 65536 bytes (64 KiB)"})x") : kSignedOut));
+    }
+}
+
 }  // namespace
 }  // namespace pellixtest
