@@ -7,6 +7,8 @@
 
 #include <sys/socket.h>
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
 #include <cstdlib>
@@ -37,13 +39,20 @@ void ListenAlone(socket_t sock) {
   (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
 }
 
+bool SameText(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
 // A multipart part's delimiter and headers count as this many bytes, fewer
 // than they take (so a body within the limit stays within it), and enough
 // that parts with nothing in them cannot grow the map without end.
 constexpr size_t kPartOverhead = 32;
 
 // Reads the whole body before any answer, a refusal too: what is left of it
-// on a kept-alive connection would be taken for the next request. At most kMaxBody bytes are kept.
+// on a kept-alive connection would be taken for the next request, and a page
+// of another site could write that request. At most kMaxBody bytes are kept.
 // The server itself refuses and skips a Content-Length over that; the rest of
 // a chunked or compressed body is read and dropped here.
 void ReadBody(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader,
@@ -232,7 +241,8 @@ int HttpStatus(const Answer& a) {
   if (a.found) return a.answers > 0 ? 200 : 500;
   switch (a.code) {
     case kErrBadRequest: return 400;
-    case kErrForbidden: return 403;
+    case kErrForbidden:
+    case kErrForeign: return 403;
     case kErrTooLarge: return 413;
     case kErrNoSuchApi:
     case kErrNoSuchMethod:
@@ -349,6 +359,29 @@ void DevHost::Log(const std::string& line) {
   (void)std::fflush(log_);
 }
 
+std::string DevHost::Foreign(const httplib::Request& req) const {
+  const std::string port = std::to_string(port_);
+  const std::string host = req.get_header_value("Host");
+  const std::string site = req.get_header_value("Sec-Fetch-Site");
+  // A page of a site whose owner has pointed its name at 127.0.0.1 is of the
+  // host's origin as far as the browser knows; only Host tells.
+  bool loopback = false;
+  for (const char* name : {"127.0.0.1", "localhost", "[::1]"})
+    loopback = loopback || SameText(host, name + (":" + port)) || (port_ == 80 && SameText(host, name));
+  std::string why;
+  if (req.has_header("Sec-Fetch-Site") && site != "same-origin" && site != "none")
+    why = "Sec-Fetch-Site is \"" + site + "\": the request comes from a page of another site";
+  else if (req.has_header("Host") && !loopback)
+    why = "Host \"" + host + "\" is not a name of this host (127.0.0.1:" + port + ", localhost:" + port +
+          " or [::1]:" + port + "): the page was opened under another name";
+  else if (req.has_header("Origin") && !SameText(req.get_header_value("Origin"), "http://" + host))
+    why = "Origin \"" + req.get_header_value("Origin") + "\" is not this host's own (http://" + host +
+          "): the request comes from a page of another origin";
+  else
+    return "";
+  return why + "; open http://127.0.0.1:" + port + "/ itself, or call it from a program on this computer";
+}
+
 void DevHost::Refuse(const httplib::Request& req, httplib::Response& res, int status, int code,
                      const std::string& reason) {
   Reply(res, status, Envelope(HostError(code, reason)));
@@ -360,6 +393,8 @@ void DevHost::Handle(Route route, const httplib::Request& req, const httplib::Co
                      httplib::Response& res) {
   RequestBody body;
   if (reader) ReadBody(req, res, *reader, &body);
+  const std::string foreign = Foreign(req);
+  if (!foreign.empty()) return Refuse(req, res, 403, kErrForeign, foreign);
   if (body.status == 413) return Refuse(req, res, 413, kErrTooLarge, TooLarge());
   if (body.status)
     return Refuse(req, res, body.status, kErrBadRequest,
@@ -513,6 +548,8 @@ int DevHost::Bind(int port) {
   // method, a request it cannot parse.
   s.set_error_handler([this](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
+    const std::string foreign = Foreign(req);
+    if (!foreign.empty()) return Refuse(req, res, 403, kErrForeign, foreign);
     Refuse(req, res, res.status, res.status == 413 ? kErrTooLarge : kErrBadRequest,
            res.status == 413   ? TooLarge()
            : res.status == 404 ? kNoSuchPath

@@ -5,6 +5,11 @@
 // (talvwebapi::Runner), and serves the browser's side of the simulated
 // account service under /sim/.
 //
+// Only the host's own page and programs on this computer may use it: a
+// request from a page of another site (Sec-Fetch-Site, Origin) or under a
+// name other than a loopback one (Host, against DNS rebinding) is refused
+// with kErrForeign, whatever its method and path.
+//
 // Concurrency. The HTTP server runs each request on one thread of its pool,
 // from decoding to answer. What the host serialises, and what it need not:
 // - the privilege guard of pkce_login and pkce_config_get changes the
@@ -52,6 +57,7 @@ constexpr int kErrNoSuchVersion = 104;  // the API exists, not in that version; 
 constexpr int kErrForbidden = 105;      // not for this user; HTTP 403
 constexpr int kErrTooLarge = 106;       // body over kMaxBody; HTTP 413
 constexpr int kErrNoVerifier = 107;     // no verifier for that challenge
+constexpr int kErrForeign = 108;        // from another site's page, or by another name; HTTP 403
 
 constexpr size_t kMaxBody = size_t{64} * 1024;
 // HTTP requests run as the interface's administrator; the module runs the
@@ -118,9 +124,12 @@ class DevHost : public talvwebapi::Runner {
  private:
   using Route = void (DevHost::*)(const httplib::Request&, const RequestBody&, httplib::Response&);
   Answer Run(const Call& call);  // no locks
-  // Every request: refused when its body cannot be taken, else answered by
-  // `route`. The body is read first, whatever the answer.
+  // Every request: refused when it is foreign or its body cannot be taken,
+  // else answered by `route`. The body is read first, whatever the answer.
   void Handle(Route route, const httplib::Request& req, const httplib::ContentReader* reader, httplib::Response& res);
+  // Why the request does not come from the host's own page or a local
+  // program (empty: it does).
+  std::string Foreign(const httplib::Request& req) const;
   void Refuse(const httplib::Request& req, httplib::Response& res, int status, int code, const std::string& reason);
   void Entry(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Browser(const httplib::Request& req, const RequestBody& body, httplib::Response& res);

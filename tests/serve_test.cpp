@@ -592,6 +592,79 @@ TEST_F(ServeTest, ASecondHostOnItsPortIsRefused) {
       << err;
 }
 
+// A page of another site, or one opened under another name (DNS rebinding),
+// reaches nothing, whatever the method and path; the host's own page and
+// programs do. A refused body is read whole: what were left of it would be
+// the next request on the kept-alive connection.
+TEST_F(ServeTest, OnlyItsOwnPagesAndLocalProgramsReachIt) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Register("ada@example.com", "secret1");
+  ASSERT_TRUE(Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"))
+                  .body["success"]
+                  .asBool());
+  const std::string port = std::to_string(host_->port()), own = "127.0.0.1:" + port;
+  const std::string logout = "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=logout&force=true";
+  const std::string smuggled = "GET " + logout + " HTTP/1.1\r\nHost: " + own + "\r\n\r\n";
+  struct Sent {
+    const char* method;
+    std::string path, body;
+    const char* type;
+  } requests[] = {
+      {"GET", logout, "", nullptr},
+      {"HEAD", "/", "", nullptr},
+      {"GET", "/app.js", "", nullptr},
+      {"GET", "/nothing", "", nullptr},
+      {"POST", "/webapi/entry", logout.substr(14), "application/x-www-form-urlencoded"},
+      {"POST", "/sim/register", R"({"email":"eve@example.com","password":"secret1"})", "application/json"},
+      {"POST", "/webapi/entry", smuggled, "text/plain"},
+      {"PUT", "/nothing", smuggled, "text/plain"},
+  };
+  const httplib::Headers foreign[] = {
+      {{"Sec-Fetch-Site", "cross-site"}},
+      {{"Sec-Fetch-Site", "same-site"}, {"Origin", "http://" + own}},
+      {{"Origin", "null"}},
+      {{"Origin", "http://localhost:" + port}},
+      {{"Host", "evil.example:" + port}, {"Origin", "http://evil.example:" + port}, {"Sec-Fetch-Site", "same-origin"}},
+      {{"Host", "127.0.0.1"}},
+  };
+  const httplib::Headers ownPage[] = {
+      {},
+      {{"Sec-Fetch-Site", "same-origin"}, {"Origin", "http://" + own}},
+      {{"Sec-Fetch-Site", "none"}},
+      {{"Host", "LocalHost:" + port}, {"Origin", "http://localhost:" + port}},
+      {{"Host", "[::1]:" + port}},
+  };
+  const std::string query = "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=query";
+  auto signedIn = [&](httplib::Client& client, const httplib::Headers& headers) {
+    httplib::Result r = client.Get(query, headers);
+    return r && r->status == 200 && J(r->body)["data"]["is_logged_in"] == true;
+  };
+  for (const httplib::Headers& headers : foreign)
+    for (const Sent& sent : requests) {
+      SCOPED_TRACE(std::string(sent.method) + " " + sent.path + " from " + headers.begin()->first + ": " +
+                   headers.begin()->second);
+      httplib::Client client("127.0.0.1", host_->port());
+      client.set_keep_alive(true);
+      httplib::Request request;
+      request.method = sent.method;
+      request.path = sent.path;
+      request.headers = headers;
+      request.body = sent.body;
+      if (sent.type) request.set_header("Content-Type", sent.type);
+      httplib::Result r = client.send(request);
+      ASSERT_TRUE(r);
+      EXPECT_EQ(r->status, 403);
+      if (sent.method != std::string("HEAD")) {
+        EXPECT_EQ(J(r->body)["error"]["code"], 108) << r->body;
+      }
+      EXPECT_TRUE(signedIn(client, {})) << "the next request on the connection, the device as it was";
+    }
+  EXPECT_EQ(PostForm(host_->port(), "/sim/token", J(R"({"email":"eve@example.com","password":"secret1"})")).status,
+            401);
+  httplib::Client client("127.0.0.1", host_->port());
+  for (const httplib::Headers& headers : ownPage) EXPECT_TRUE(signedIn(client, headers)) << headers.size();
+}
+
 // Every kind of body is taken up to kMaxBody and refused above it, the answer
 // naming the real limit.
 TEST_F(ServeTest, EveryBodyKindHasTheOneLimit) {
