@@ -11,9 +11,14 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <list>
+#include <thread>
+#include <vector>
 
 namespace webapihost {
 
@@ -29,6 +34,79 @@ const char VerifierApi::kApi[] = "TALV.Remote.Credential.Verifier";
 namespace {
 
 constexpr auto kVerifierLifetime = std::chrono::minutes(10);
+
+// The server's threads. The server gives a connection one thread from its
+// first byte to its close, idle keep-alive time included (and a connection
+// that drips a byte every few seconds keeps it for good), so a fixed pool is
+// taken up by a few dozen idle or slow connections, as browser tabs keep, and
+// a new request waits for one of them to time out. Here a connection that
+// finds no thread free starts one, up to kMaxThreads; a thread idle for kLinger
+// goes, down to kWarmThreads. shutdown() lets the queued work finish and joins
+// every thread.
+class Threads : public httplib::TaskQueue {
+ public:
+  static constexpr size_t kMaxThreads = 256;
+  static constexpr size_t kWarmThreads = 8;
+  static constexpr auto kLinger = std::chrono::seconds(10);
+
+  void enqueue(std::function<void()> job) override {
+    std::vector<std::thread> ended;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      jobs_.push_back(std::move(job));
+      ended.swap(ended_);
+      if (idle_ < jobs_.size() && running_.size() < kMaxThreads) {
+        // The thread waits for the lock before it looks at its own entry.
+        running_.emplace_back();
+        running_.back() = std::thread(&Threads::Work, this, std::prev(running_.end()));
+      }
+    }
+    work_.notify_one();
+    for (std::thread& t : ended) t.join();
+  }
+
+  void shutdown() override {
+    std::unique_lock<std::mutex> lock(mu_);
+    stopping_ = true;
+    work_.notify_all();
+    gone_.wait(lock, [this] { return running_.empty(); });
+    std::vector<std::thread> ended;
+    ended.swap(ended_);
+    lock.unlock();
+    for (std::thread& t : ended) t.join();
+  }
+
+ private:
+  void Work(std::list<std::thread>::iterator self) {
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+      ++idle_;
+      const bool woken = work_.wait_for(lock, kLinger, [this] { return !jobs_.empty() || stopping_; });
+      --idle_;
+      if (jobs_.empty()) {
+        if (stopping_ || (!woken && running_.size() > kWarmThreads)) break;
+        continue;
+      }
+      std::function<void()> job = std::move(jobs_.front());
+      jobs_.pop_front();
+      lock.unlock();
+      job();
+      lock.lock();
+    }
+    // Joined by the next enqueue() or by shutdown(); a thread cannot join itself.
+    ended_.push_back(std::move(*self));
+    running_.erase(self);
+    gone_.notify_all();
+  }
+
+  std::mutex mu_;
+  std::condition_variable work_, gone_;
+  std::deque<std::function<void()>> jobs_;
+  std::list<std::thread> running_;
+  std::vector<std::thread> ended_;
+  size_t idle_ = 0;
+  bool stopping_ = false;
+};
 
 // The library's own listener options set SO_REUSEPORT and not SO_REUSEADDR:
 // a second host binds a port in use and the two take turns answering, while a
@@ -517,9 +595,11 @@ void DevHost::Other(const httplib::Request& req, const RequestBody& /*body*/, ht
 int DevHost::Bind(int port) {
   httplib::Server& s = *server_;
   s.set_payload_max_length(kMaxBody);
-  // Room for keep-alive connections of several clients at once.
-  s.new_task_queue = [] { return new httplib::ThreadPool(16); };
-  s.set_socket_options(ListenAlone);
+  s.new_task_queue = [] { return new Threads(); };
+  s.set_socket_options([this](socket_t sock) {
+    ListenAlone(sock);
+    listener_ = sock;
+  });
   // An answer goes out as two writes (head, body); with Nagle's algorithm the
   // second waits for the client's delayed acknowledgement on a kept-alive
   // connection, some 40 ms per request.
@@ -556,6 +636,11 @@ int DevHost::Bind(int port) {
                                : "malformed HTTP request");
   });
   port_ = port == 0 ? s.bind_to_any_port("127.0.0.1") : s.bind_to_port("127.0.0.1", port) ? port : -1;
+  // The server listens with a backlog of 5: a burst of new connections (a
+  // client that opens several at once) overflows it, and each connection over
+  // waits a second for its SYN to be sent again. Listening again only
+  // lengthens the queue.
+  if (port_ > 0) (void)listen(listener_, SOMAXCONN);
   return port_;
 }
 

@@ -10,8 +10,10 @@
 // name other than a loopback one (Host, against DNS rebinding) is refused
 // with kErrForeign, whatever its method and path.
 //
-// Concurrency. The HTTP server runs each request on one thread of its pool,
-// from decoding to answer. What the host serialises, and what it need not:
+// Concurrency. The HTTP server runs each connection on one thread, from
+// decoding to answer, started when every other thread is busy (an idle
+// kept-alive connection keeps its thread). What the host serialises, and what
+// it need not:
 // - the privilege guard of pkce_login and pkce_config_get changes the
 //   effective user and group ids of the whole process, and puts back the ids
 //   its own entry saw: those two methods run alone (an exclusive lock), every
@@ -147,6 +149,7 @@ class DevHost : public talvwebapi::Runner {
   std::unique_ptr<httplib::Server> server_;
   std::string pages_;
   int port_ = -1;
+  int listener_ = -1;  // the listening socket, once bound
 };
 
 // The HTTP status of an answer: 200 for every answer a handler gave (its

@@ -708,5 +708,15 @@ TEST_F(ServeTest, EveryBodyKindHasTheOneLimit) {
     }
 }
 
+// A connection keeps a thread of the host while idle; a few dozen of them, as
+// browser tabs keep, must not keep a new request waiting.
+TEST_F(ServeTest, QueryAnswersPromptlyBesideIdleConnections) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  webapihost::IdleConnections idle(host_->port(), 64);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
 }  // namespace
 }  // namespace pellixtest
