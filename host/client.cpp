@@ -1,11 +1,14 @@
 #include "client.h"
 
+#include <arpa/inet.h>
 #include <fcntl.h>
 #include <httplib.h>
 #include <json/reader.h>
 #include <json/writer.h>
+#include <netinet/in.h>
 #include <poll.h>
 #include <signal.h>
+#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -111,6 +114,50 @@ Reply PostForm(int port, const std::string& path, const Json::Value& fields) {
   for (const std::string& name : fields.getMemberNames()) params.emplace(name, fields[name].asString());
   httplib::Client client("127.0.0.1", port);
   return Parse(client.Post(path, params));
+}
+
+namespace {
+
+int Connect(int port) {
+  int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(port));
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  if (fd >= 0 && connect(fd, reinterpret_cast<sockaddr*>(&to), sizeof(to)) != 0) {
+    close(fd);
+    fd = -1;
+  }
+  return fd;
+}
+
+}  // namespace
+
+IdleConnections::IdleConnections(int port, int count) : port_(port) {
+  for (int i = 0; i < count; ++i) sockets_.push_back(Connect(port));
+  keeper_ = std::thread([this] {
+    std::vector<pollfd> watched(sockets_.size());
+    while (!stop_) {
+      for (size_t i = 0; i < sockets_.size(); ++i) {
+        if (sockets_[i] < 0) sockets_[i] = Connect(port_);
+        watched[i] = pollfd{sockets_[i], POLLIN, 0};
+      }
+      if (poll(watched.data(), watched.size(), 100) <= 0) continue;
+      // The host sends nothing unasked: anything readable is its close.
+      for (size_t i = 0; i < sockets_.size(); ++i)
+        if (watched[i].revents && sockets_[i] >= 0) {
+          close(sockets_[i]);
+          sockets_[i] = -1;
+        }
+    }
+  });
+}
+
+IdleConnections::~IdleConnections() {
+  stop_ = true;
+  keeper_.join();
+  for (int fd : sockets_)
+    if (fd >= 0) close(fd);
 }
 
 }  // namespace webapihost

@@ -6,7 +6,10 @@
 #include <json/value.h>
 #include <sys/types.h>
 
+#include <atomic>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace webapihost {
 
@@ -57,5 +60,22 @@ Reply Entry(int port, const std::string& api, int version, const std::string& me
             const Json::Value& params = Json::Value(Json::objectValue));
 // POST of form fields to `path` of the host.
 Reply PostForm(int port, const std::string& path, const Json::Value& fields);
+
+// `count` connections to the host on `port` that send nothing, as the spare
+// and kept-alive connections of browser tabs do; one that the host closes is
+// opened again, until destruction. All are open when the constructor returns.
+class IdleConnections {
+ public:
+  IdleConnections(int port, int count);
+  ~IdleConnections();
+  IdleConnections(const IdleConnections&) = delete;
+  IdleConnections& operator=(const IdleConnections&) = delete;
+
+ private:
+  int port_;
+  std::vector<int> sockets_;
+  std::atomic<bool> stop_{false};
+  std::thread keeper_;
+};
 
 }  // namespace webapihost

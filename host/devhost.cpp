@@ -5,13 +5,28 @@
 #include <json/writer.h>
 #include <openssl/rand.h>
 
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <climits>
+#include <condition_variable>
 #include <cstdlib>
 #include <fstream>
+#include <functional>
 #include <iterator>
+#include <list>
+#include <thread>
+#include <vector>
 
 namespace webapihost {
+
+struct RequestBody {
+  std::string text;                     // as sent, unless multipart
+  httplib::MultipartFormDataMap parts;  // the fields of a multipart body
+  int status = 0;                       // the HTTP status of a body that cannot be taken
+};
 
 const char kHttpUser[] = "admin";
 const char VerifierApi::kApi[] = "TALV.Remote.Credential.Verifier";
@@ -19,6 +34,136 @@ const char VerifierApi::kApi[] = "TALV.Remote.Credential.Verifier";
 namespace {
 
 constexpr auto kVerifierLifetime = std::chrono::minutes(10);
+
+// The server's threads. The server gives a connection one thread from its
+// first byte to its close, idle keep-alive time included (and a connection
+// that drips a byte every few seconds keeps it for good), so a fixed pool is
+// taken up by a few dozen idle or slow connections, as browser tabs keep, and
+// a new request waits for one of them to time out. Here a connection that
+// finds no thread free starts one, up to kMaxThreads; a thread idle for kLinger
+// goes, down to kWarmThreads. shutdown() lets the queued work finish and joins
+// every thread.
+class Threads : public httplib::TaskQueue {
+ public:
+  static constexpr size_t kMaxThreads = 256;
+  static constexpr size_t kWarmThreads = 8;
+  static constexpr auto kLinger = std::chrono::seconds(10);
+
+  void enqueue(std::function<void()> job) override {
+    std::vector<std::thread> ended;
+    {
+      std::lock_guard<std::mutex> lock(mu_);
+      jobs_.push_back(std::move(job));
+      ended.swap(ended_);
+      if (idle_ < jobs_.size() && running_.size() < kMaxThreads) {
+        // The thread waits for the lock before it looks at its own entry.
+        running_.emplace_back();
+        running_.back() = std::thread(&Threads::Work, this, std::prev(running_.end()));
+      }
+    }
+    work_.notify_one();
+    for (std::thread& t : ended) t.join();
+  }
+
+  void shutdown() override {
+    std::unique_lock<std::mutex> lock(mu_);
+    stopping_ = true;
+    work_.notify_all();
+    gone_.wait(lock, [this] { return running_.empty(); });
+    std::vector<std::thread> ended;
+    ended.swap(ended_);
+    lock.unlock();
+    for (std::thread& t : ended) t.join();
+  }
+
+ private:
+  void Work(std::list<std::thread>::iterator self) {
+    std::unique_lock<std::mutex> lock(mu_);
+    for (;;) {
+      ++idle_;
+      const bool woken = work_.wait_for(lock, kLinger, [this] { return !jobs_.empty() || stopping_; });
+      --idle_;
+      if (jobs_.empty()) {
+        if (stopping_ || (!woken && running_.size() > kWarmThreads)) break;
+        continue;
+      }
+      std::function<void()> job = std::move(jobs_.front());
+      jobs_.pop_front();
+      lock.unlock();
+      job();
+      lock.lock();
+    }
+    // Joined by the next enqueue() or by shutdown(); a thread cannot join itself.
+    ended_.push_back(std::move(*self));
+    running_.erase(self);
+    gone_.notify_all();
+  }
+
+  std::mutex mu_;
+  std::condition_variable work_, gone_;
+  std::deque<std::function<void()>> jobs_;
+  std::list<std::thread> running_;
+  std::vector<std::thread> ended_;
+  size_t idle_ = 0;
+  bool stopping_ = false;
+};
+
+// The library's own listener options set SO_REUSEPORT and not SO_REUSEADDR:
+// a second host binds a port in use and the two take turns answering, while a
+// restarted host cannot bind its port until the last connections' TIME_WAIT
+// is over. SO_REUSEADDR alone lets a restart bind at once, and nothing share.
+void ListenAlone(socket_t sock) {
+  int yes = 1;
+  (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+}
+
+bool SameText(const std::string& a, const std::string& b) {
+  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) == std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+// A multipart part's delimiter and headers count as this many bytes, fewer
+// than they take (so a body within the limit stays within it), and enough
+// that parts with nothing in them cannot grow the map without end.
+constexpr size_t kPartOverhead = 32;
+
+// Reads the whole body before any answer, a refusal too: what is left of it
+// on a kept-alive connection would be taken for the next request, and a page
+// of another site could write that request. At most kMaxBody bytes are kept.
+// The server itself refuses and skips a Content-Length over that; the rest of
+// a chunked or compressed body is read and dropped here.
+void ReadBody(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader,
+              RequestBody* body) {
+  size_t size = 0;
+  auto keep = [&size](size_t n) {
+    size += n;
+    return size <= kMaxBody;
+  };
+  bool read = false;
+  if (req.is_multipart_form_data()) {
+    auto part = body->parts.end();
+    read = reader(
+        [&](const httplib::MultipartFormData& header) {
+          part = keep(kPartOverhead + header.name.size() + header.filename.size() + header.content_type.size())
+                     ? body->parts.emplace(header.name, header)
+                     : body->parts.end();
+          return true;
+        },
+        [&](const char* data, size_t n) {
+          if (keep(n) && part != body->parts.end()) part->second.content.append(data, n);
+          return true;
+        });
+  } else {
+    read = reader([&](const char* data, size_t n) {
+      if (keep(n)) body->text.append(data, n);
+      return true;
+    });
+  }
+  // The server sets the status of a body it could not read: over the limit,
+  // a broken encoding, or a connection that ended early.
+  body->status = !read ? (res.status > 0 ? res.status : 400) : size > kMaxBody ? 413 : 0;
+}
 
 // The two methods whose privilege guard changes the process's ids.
 bool ChangesIdentity(const Call& call) {
@@ -96,15 +241,12 @@ bool Version(const Json::Value& v, int* version) {
   return true;
 }
 
-bool IsJsonBody(const httplib::Request& req) {
-  return req.get_header_value("Content-Type").find("application/json") != std::string::npos;
-}
-
-// Every field of a request by name: query and form fields as text (see
-// FieldValue when `typed`), the members of a JSON body as they are. A name
-// given twice, a field that looks like JSON but is not, or a body that is not
-// a JSON object makes it malformed.
-bool Fields(const httplib::Request& req, bool typed, Json::Value* fields, std::string* problem) {
+// Every field of a request by name: query, form and multipart fields as text
+// (see FieldValue when `typed`), the members of a JSON body as they are. A
+// name given twice, a field that looks like JSON but is not, or a body that is
+// neither form fields nor a JSON object makes it malformed.
+bool Fields(const httplib::Request& req, const RequestBody& body, bool typed, Json::Value* fields,
+            std::string* problem) {
   *fields = Json::Value(Json::objectValue);
   auto add = [&](const std::string& name, const Json::Value& value) {
     if (fields->isMember(name)) {
@@ -114,15 +256,22 @@ bool Fields(const httplib::Request& req, bool typed, Json::Value* fields, std::s
     (*fields)[name] = value;
     return true;
   };
-  for (const auto& kv : req.params) {
-    Json::Value value(kv.second);
-    if (typed && !FieldValue(kv.second, &value)) {
-      *problem = "parameter \"" + kv.first + "\" looks like JSON but is not: " + kv.second;
-      return false;
+  const std::string type = req.get_header_value("Content-Type");
+  const bool form = type.rfind("application/x-www-form-urlencoded", 0) == 0;
+  const bool json = type.find("application/json") != std::string::npos;
+  httplib::Params formFields;
+  if (form) httplib::detail::parse_query_text(body.text, formFields);
+  const httplib::Params* texts[] = {&req.params, &formFields};
+  for (const httplib::Params* params : texts)
+    for (const auto& kv : *params) {
+      Json::Value value(kv.second);
+      if (typed && !FieldValue(kv.second, &value)) {
+        *problem = "parameter \"" + kv.first + "\" looks like JSON but is not: " + kv.second;
+        return false;
+      }
+      if (!add(kv.first, value)) return false;
     }
-    if (!add(kv.first, value)) return false;
-  }
-  for (const auto& kv : req.files) {
+  for (const auto& kv : body.parts) {
     Json::Value value(kv.second.content);
     if (typed && !FieldValue(kv.second.content, &value)) {
       *problem = "parameter \"" + kv.first + "\" looks like JSON but is not";
@@ -130,26 +279,25 @@ bool Fields(const httplib::Request& req, bool typed, Json::Value* fields, std::s
     }
     if (!add(kv.first, value)) return false;
   }
-  if (IsJsonBody(req)) {
-    Json::Value body;
+  if (json) {
+    Json::Value members;
     std::string errors;
-    if (!ParseJson(req.body, &body, &errors) || !body.isObject()) {
+    if (!ParseJson(body.text, &members, &errors) || !members.isObject()) {
       *problem = "the body is not a JSON object" + (errors.empty() ? std::string() : ": " + errors);
       return false;
     }
-    for (const std::string& name : body.getMemberNames())
-      if (!add(name, body[name])) return false;
-  } else if (!req.body.empty() && req.params.empty() && req.files.empty() &&
-             req.get_header_value("Content-Type").find("application/x-www-form-urlencoded") == std::string::npos) {
+    for (const std::string& name : members.getMemberNames())
+      if (!add(name, members[name])) return false;
+  } else if (!body.text.empty() && !form) {
     *problem = "the body must be form fields or a JSON object (Content-Type: application/json)";
     return false;
   }
   return true;
 }
 
-bool Decode(const httplib::Request& req, Call* call, std::string* problem) {
+bool Decode(const httplib::Request& req, const RequestBody& body, Call* call, std::string* problem) {
   Json::Value fields;
-  if (!Fields(req, true, &fields, problem)) return false;
+  if (!Fields(req, body, true, &fields, problem)) return false;
   const Json::Value api = fields["api"], method = fields["method"], version = fields["version"];
   if (!api.isString() || api.asString().empty() || !method.isString() || method.asString().empty()) {
     *problem = "\"api\", \"version\" and \"method\" are required";
@@ -171,13 +319,18 @@ void Reply(httplib::Response& res, int status, const std::string& body) {
   res.set_content(body + "\n", "application/json");
 }
 
+const char kNoSuchPath[] = "no such path: the web API is at /webapi/entry";
+
+std::string TooLarge() { return "the body is larger than " + std::to_string(kMaxBody) + " bytes (64 KiB)"; }
+
 }  // namespace
 
 int HttpStatus(const Answer& a) {
   if (a.found) return a.answers > 0 ? 200 : 500;
   switch (a.code) {
     case kErrBadRequest: return 400;
-    case kErrForbidden: return 403;
+    case kErrForbidden:
+    case kErrForeign: return 403;
     case kErrTooLarge: return 413;
     case kErrNoSuchApi:
     case kErrNoSuchMethod:
@@ -308,13 +461,56 @@ class DevHost::UnderWay {
   std::atomic<int>* count_;
 };
 
-void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
+std::string DevHost::Foreign(const httplib::Request& req) const {
+  const std::string port = std::to_string(port_);
+  const std::string host = req.get_header_value("Host");
+  const std::string site = req.get_header_value("Sec-Fetch-Site");
+  // A page of a site whose owner has pointed its name at 127.0.0.1 is of the
+  // host's origin as far as the browser knows; only Host tells.
+  bool loopback = false;
+  for (const char* name : {"127.0.0.1", "localhost", "[::1]"})
+    loopback = loopback || SameText(host, name + (":" + port)) || (port_ == 80 && SameText(host, name));
+  std::string why;
+  if (req.has_header("Sec-Fetch-Site") && site != "same-origin" && site != "none")
+    why = "Sec-Fetch-Site is \"" + site + "\": the request comes from a page of another site";
+  else if (req.has_header("Host") && !loopback)
+    why = "Host \"" + host + "\" is not a name of this host (127.0.0.1:" + port + ", localhost:" + port +
+          " or [::1]:" + port + "): the page was opened under another name";
+  else if (req.has_header("Origin") && !SameText(req.get_header_value("Origin"), "http://" + host))
+    why = "Origin \"" + req.get_header_value("Origin") + "\" is not this host's own (http://" + host +
+          "): the request comes from a page of another origin";
+  else
+    return "";
+  return why + "; open http://127.0.0.1:" + port + "/ itself, or call it from a program on this computer";
+}
+
+void DevHost::Refuse(const httplib::Request& req, httplib::Response& res, int status, int code,
+                     const std::string& reason) {
+  Reply(res, status, Envelope(HostError(code, reason)));
+  Log(req.method + " " + (req.path.empty() ? "-" : req.path) + ": " + std::to_string(status) + " code " +
+      std::to_string(code) + " (" + reason + ")");
+}
+
+void DevHost::Handle(Route route, const httplib::Request& req, const httplib::ContentReader* reader,
+                     httplib::Response& res) {
   const UnderWay underWay(&underWay_);
+  RequestBody body;
+  if (reader) ReadBody(req, res, *reader, &body);
+  const std::string foreign = Foreign(req);
+  if (!foreign.empty()) return Refuse(req, res, 403, kErrForeign, foreign);
+  if (body.status == 413) return Refuse(req, res, 413, kErrTooLarge, TooLarge());
+  if (body.status)
+    return Refuse(req, res, body.status, kErrBadRequest,
+                  "the body cannot be read: a broken multipart or chunked encoding, or it ended early");
+  (this->*route)(req, body, res);
+}
+
+void DevHost::Entry(const httplib::Request& req, const RequestBody& body, httplib::Response& res) {
   const auto start = std::chrono::steady_clock::now();
   Call call;
   call.language = language_;
   std::string problem;
-  Answer answer = Decode(req, &call, &problem) ? Dispatch(call) : HostError(kErrBadRequest, problem);
+  Answer answer = Decode(req, body, &call, &problem) ? Dispatch(call) : HostError(kErrBadRequest, problem);
   const int status = HttpStatus(answer);
   Reply(res, status, Envelope(answer));
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
@@ -332,14 +528,13 @@ void DevHost::Entry(const httplib::Request& req, httplib::Response& res) {
 
 // The browser's side of the account service: what a user does in a web page
 // of the service, which the device never sees.
-void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
-  const UnderWay underWay(&underWay_);
+void DevHost::Browser(const httplib::Request& req, const RequestBody& body, httplib::Response& res) {
   const auto start = std::chrono::steady_clock::now();
   Json::Value fields;
   std::string problem;
   uint32_t error = pellixsim::kBadParam;
   Json::Value answer(Json::objectValue);
-  if (!Fields(req, false, &fields, &problem)) {
+  if (!Fields(req, body, false, &fields, &problem)) {
     answer["error"] = problem;
     Reply(res, 400, Compact(answer));
     return;
@@ -394,7 +589,7 @@ void DevHost::Browser(const httplib::Request& req, httplib::Response& res) {
 
 // The page's files are named by a pattern of the route, which has no '/' nor
 // "..", so nothing outside the folder can be named.
-void DevHost::Page(const httplib::Request& req, httplib::Response& res) {
+void DevHost::Page(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
   const std::string name = req.path == "/" ? "index.html" : req.path.substr(1);
   const std::string type = name.size() > 4 && name.compare(name.size() - 4, 4, ".css") == 0   ? "text/css"
                            : name.size() > 3 && name.compare(name.size() - 3, 3, ".js") == 0  ? "text/javascript"
@@ -417,46 +612,61 @@ void DevHost::Page(const httplib::Request& req, httplib::Response& res) {
   Log(req.method + " " + req.path + ": " + std::to_string(res.status));
 }
 
+void DevHost::Other(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
+  if (req.path == "/webapi/entry") return Refuse(req, res, 405, kErrBadRequest, "use GET or POST");
+  Refuse(req, res, 404, kErrBadRequest, kNoSuchPath);
+}
+
 int DevHost::Bind(int port) {
   httplib::Server& s = *server_;
   s.set_payload_max_length(kMaxBody);
-  // Room for keep-alive connections of several clients at once.
-  s.new_task_queue = [] { return new httplib::ThreadPool(16); };
+  s.new_task_queue = [] { return new Threads(); };
+  s.set_socket_options([this](socket_t sock) {
+    ListenAlone(sock);
+    listener_ = sock;
+  });
   // An answer goes out as two writes (head, body); with Nagle's algorithm the
   // second waits for the client's delayed acknowledgement on a kept-alive
   // connection, some 40 ms per request.
   s.set_tcp_nodelay(true);
-  auto entry = [this](const httplib::Request& req, httplib::Response& res) { Entry(req, res); };
-  s.Get("/webapi/entry", entry);
-  s.Post("/webapi/entry", entry);
-  auto browser = [this](const httplib::Request& req, httplib::Response& res) { Browser(req, res); };
-  s.Post("/sim/authorize", browser);
-  s.Post("/sim/token", browser);
-  s.Post("/sim/register", browser);
-  s.Get(R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))",
-        [this](const httplib::Request& req, httplib::Response& res) { Page(req, res); });
-  auto notAllowed = [this](const httplib::Request& req, httplib::Response& res) {
-    Reply(res, 405, Envelope(HostError(kErrBadRequest, "use GET or POST")));
-    Log(req.method + " " + req.path + ": 405");
+  auto plain = [this](Route route) {
+    return [this, route](const httplib::Request& req, httplib::Response& res) { Handle(route, req, nullptr, res); };
   };
-  for (const char* path : {"/webapi/entry"}) {
-    s.Put(path, notAllowed);
-    s.Delete(path, notAllowed);
-    s.Patch(path, notAllowed);
-  }
-  // Errors the server finds before a handler runs: an unknown path, a body
-  // over the limit, a request it cannot parse.
+  // Every method that has a body hands it to the route, which reads it: one
+  // limit and one decoding for every kind (the server would decode a form
+  // itself, and refuse one over 8 KiB).
+  auto reading = [this](Route route) {
+    return [this, route](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader) {
+      Handle(route, req, &reader, res);
+    };
+  };
+  s.Get("/webapi/entry", plain(&DevHost::Entry));
+  s.Post("/webapi/entry", reading(&DevHost::Entry));
+  s.Post("/sim/(authorize|token|register)", reading(&DevHost::Browser));
+  s.Get(R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", plain(&DevHost::Page));
+  // Any other path, or method with a body: the body is read like any other.
+  s.Post(".*", reading(&DevHost::Other));
+  s.Put(".*", reading(&DevHost::Other));
+  s.Patch(".*", reading(&DevHost::Other));
+  s.Delete(".*", reading(&DevHost::Other));
+  // Errors the server finds before a handler runs: an unknown path or
+  // method, a request it cannot parse.
   s.set_error_handler([this](const httplib::Request& req, httplib::Response& res) {
     if (!res.body.empty()) return;
-    Answer a = res.status == 413
-                   ? HostError(kErrTooLarge, "the body is larger than " + std::to_string(kMaxBody) + " bytes")
-               : res.status == 404 ? HostError(kErrBadRequest, "no such path: the web API is at /webapi/entry")
-                                   : HostError(kErrBadRequest, "malformed HTTP request");
-    res.set_content(Envelope(a) + "\n", "application/json");
-    Log(req.method + " " + (req.path.empty() ? "-" : req.path) + ": " + std::to_string(res.status));
+    const std::string foreign = Foreign(req);
+    if (!foreign.empty()) return Refuse(req, res, 403, kErrForeign, foreign);
+    Refuse(req, res, res.status, res.status == 413 ? kErrTooLarge : kErrBadRequest,
+           res.status == 413   ? TooLarge()
+           : res.status == 404 ? kNoSuchPath
+                               : "malformed HTTP request");
   });
-  if (port == 0) return s.bind_to_any_port("127.0.0.1");
-  return s.bind_to_port("127.0.0.1", port) ? port : -1;
+  port_ = port == 0 ? s.bind_to_any_port("127.0.0.1") : s.bind_to_port("127.0.0.1", port) ? port : -1;
+  // The server listens with a backlog of 5: a burst of new connections (a
+  // client that opens several at once) overflows it, and each connection over
+  // waits a second for its SYN to be sent again. Listening again only
+  // lengthens the queue.
+  if (port_ > 0) (void)listen(listener_, SOMAXCONN);
+  return port_;
 }
 
 bool DevHost::Serve() { return server_->listen_after_bind(); }

@@ -5,8 +5,15 @@
 // (talvwebapi::Runner), and serves the browser's side of the simulated
 // account service under /sim/.
 //
-// Concurrency. The HTTP server runs each request on one thread of its pool,
-// from decoding to answer. What the host serialises, and what it need not:
+// Only the host's own page and programs on this computer may use it: a
+// request from a page of another site (Sec-Fetch-Site, Origin) or under a
+// name other than a loopback one (Host, against DNS rebinding) is refused
+// with kErrForeign, whatever its method and path.
+//
+// Concurrency. The HTTP server runs each connection on one thread, from
+// decoding to answer, started when every other thread is busy (an idle
+// kept-alive connection keeps its thread). What the host serialises, and what
+// it need not:
 // - the privilege guard of pkce_login and pkce_config_get changes the
 //   effective user and group ids of the whole process, and puts back the ids
 //   its own entry saw: those two methods run alone (an exclusive lock), every
@@ -43,6 +50,7 @@ namespace httplib {
 class Server;
 class Request;
 class Response;
+class ContentReader;
 }  // namespace httplib
 
 namespace webapihost {
@@ -55,6 +63,7 @@ constexpr int kErrNoSuchVersion = 104;  // the API exists, not in that version; 
 constexpr int kErrForbidden = 105;      // not for this user; HTTP 403
 constexpr int kErrTooLarge = 106;       // body over kMaxBody; HTTP 413
 constexpr int kErrNoVerifier = 107;     // no verifier for that challenge
+constexpr int kErrForeign = 108;        // from another site's page, or by another name; HTTP 403
 
 constexpr size_t kMaxBody = size_t{64} * 1024;
 // HTTP requests run as the interface's administrator; the module runs the
@@ -91,6 +100,9 @@ class VerifierApi {
   std::deque<std::string> oldestFirst_;  // the challenges; all live equally long
 };
 
+// A request's body, read before anything is decoded or answered (devhost.cpp).
+struct RequestBody;
+
 class DevHost : public talvwebapi::Runner {
  public:
   // `log` receives one line per request (nullptr: none); every HTTP request
@@ -108,21 +120,31 @@ class DevHost : public talvwebapi::Runner {
   // The administration page's folder, served at / (empty: no page). Call
   // before Bind.
   void SetPages(std::string folder) { pages_ = std::move(folder); }
-  // Binds 127.0.0.1:port (0: any free port); the port, or -1.
+  // Binds 127.0.0.1:port (0: any free port); the port, or -1 (also when
+  // another program listens there: one host per port).
   int Bind(int port);
   // Serves until Stop(); false when it could not.
   bool Serve();
   // Stops a serving host: no new connection, the requests under way answered.
   void Stop();
-  // Requests of the web API or of /sim/ being answered now.
+  // Requests being read or answered now.
   int RequestsUnderWay() const { return underWay_; }
 
  private:
   class UnderWay;
+  using Route = void (DevHost::*)(const httplib::Request&, const RequestBody&, httplib::Response&);
   Answer Run(const Call& call);  // no locks
-  void Entry(const httplib::Request& req, httplib::Response& res);
-  void Browser(const httplib::Request& req, httplib::Response& res);
-  void Page(const httplib::Request& req, httplib::Response& res);
+  // Every request: refused when it is foreign or its body cannot be taken,
+  // else answered by `route`. The body is read first, whatever the answer.
+  void Handle(Route route, const httplib::Request& req, const httplib::ContentReader* reader, httplib::Response& res);
+  // Why the request does not come from the host's own page or a local
+  // program (empty: it does).
+  std::string Foreign(const httplib::Request& req) const;
+  void Refuse(const httplib::Request& req, httplib::Response& res, int status, int code, const std::string& reason);
+  void Entry(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Browser(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Page(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Other(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Log(const std::string& line);
 
   const Module* module_;
@@ -137,6 +159,8 @@ class DevHost : public talvwebapi::Runner {
   std::atomic<bool> stopped_{false};
   std::atomic<int> underWay_{0};
   std::string pages_;
+  int port_ = -1;
+  int listener_ = -1;  // the listening socket, once bound
 };
 
 // The HTTP status of an answer: 200 for every answer a handler gave (its

@@ -3,7 +3,8 @@
 # beside the bare account-library calls it makes, and the ratio; then the
 # HTTPS client beside a bare libcurl POST to the same local TLS service, the
 # ratio, and the TLS handshake alone; then the development host's `query`
-# requests per second from 8 clients.
+# requests per second from 8 clients, and the latency of a `query` on a new
+# connection beside 64 idle ones.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 
@@ -46,7 +47,10 @@ print(f"{'bare libcurl POST':<22}{bare:>10.0f} us")
 print(f"{'TLS handshake alone':<22}{floor:>10.0f} us")
 
 devhost = json.load(open(sys.argv[3]))
-rate = [b["items_per_second"] for b in devhost["benchmarks"] if b.get("aggregate_name") == "median"][0]
+median = {b["run_name"].split("/")[0]: b for b in devhost["benchmarks"] if b.get("aggregate_name") == "median"}
 print()
-print(f"webapi-host serve, query from 8 kept-alive clients (median of 3): {rate:,.0f} requests/s")
+print(f"webapi-host serve, query from 8 kept-alive clients (median of 3): {median['Query']['items_per_second']:,.0f} requests/s")
+idle = median["QueryBesideIdleConnections"]
+print(f"webapi-host serve, query on a new connection beside 64 idle ones (median of 3): "
+      f"{idle['p50_ms']:.2f} ms median, {idle['p99_ms']:.2f} ms 99th percentile")
 PY

@@ -6,6 +6,7 @@
 #include <openssl/evp.h>
 #include <openssl/pem.h>
 #include <openssl/x509v3.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <chrono>
@@ -166,6 +167,12 @@ int AccountPhp::Start(const std::string& dir, std::string* error) {
     return -1;
   }
   server_->new_task_queue = [] { return new httplib::ThreadPool(2); };
+  // Not the library's SO_REUSEPORT, with which another listener shares the
+  // port and the two take turns answering.
+  server_->set_socket_options([](socket_t sock) {
+    int yes = 1;
+    (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
+  });
   server_->Post("/account.php", [this](const httplib::Request& req, httplib::Response& res) {
     res.set_content(AnswerAccountForm(service_, req.params) + "\n", "text/plain");
   });

@@ -702,5 +702,144 @@ TEST_F(ServeTest, ConcurrentSignInsBindOneAccount) {
   }
 }
 
+// ---------------------------------------------------------------------------
+// The HTTP front end under ordinary misuse.
+
+TEST_F(ServeTest, ASecondHostOnItsPortIsRefused) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  std::string out, err;
+  // A second host that shares the port serves until stopped: `timeout`.
+  EXPECT_EQ(RunCommand("timeout 30 '" WEBAPI_HOST "' serve --state '" + dir_.path() + "/other' --port " +
+                           std::to_string(host_->port()),
+                       &out, &err),
+            2)
+      << err;
+}
+
+// A page of another site, or one opened under another name (DNS rebinding),
+// reaches nothing, whatever the method and path; the host's own page and
+// programs do. A refused body is read whole: anything left of it would be
+// the next request on the kept-alive connection.
+TEST_F(ServeTest, OnlyItsOwnPagesAndLocalProgramsReachIt) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  Register("ada@example.com", "secret1");
+  ASSERT_TRUE(Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"))
+                  .body["success"]
+                  .asBool());
+  const std::string port = std::to_string(host_->port()), own = "127.0.0.1:" + port;
+  const std::string logout = "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=logout&force=true";
+  const std::string smuggled = "GET " + logout + " HTTP/1.1\r\nHost: " + own + "\r\n\r\n";
+  struct Sent {
+    const char* method;
+    std::string path, body;
+    const char* type;
+  } requests[] = {
+      {"GET", logout, "", nullptr},
+      {"HEAD", "/", "", nullptr},
+      {"GET", "/nothing", "", nullptr},
+      {"POST", "/webapi/entry", logout.substr(14), "application/x-www-form-urlencoded"},
+      {"POST", "/sim/register", R"({"email":"eve@example.com","password":"secret1"})", "application/json"},
+      {"POST", "/webapi/entry", smuggled, "text/plain"},
+      {"PUT", "/nothing", smuggled, "text/plain"},
+  };
+  const httplib::Headers foreign[] = {
+      {{"Sec-Fetch-Site", "cross-site"}},
+      {{"Sec-Fetch-Site", "same-site"}, {"Origin", "http://" + own}},
+      {{"Origin", "null"}},
+      {{"Origin", "http://localhost:" + port}},
+      {{"Host", "evil.example:" + port}, {"Origin", "http://evil.example:" + port}, {"Sec-Fetch-Site", "same-origin"}},
+      {{"Host", "127.0.0.1"}},
+  };
+  const httplib::Headers ownPage[] = {
+      {},
+      {{"Sec-Fetch-Site", "same-origin"}, {"Origin", "http://" + own}},
+      {{"Sec-Fetch-Site", "none"}},
+      {{"Host", "LocalHost:" + port}, {"Origin", "http://localhost:" + port}},
+      {{"Host", "[::1]:" + port}},
+  };
+  const std::string query = "/webapi/entry?api=TALV.Core.PellixCenter&version=2&method=query";
+  auto signedIn = [&](httplib::Client& client, const httplib::Headers& headers) {
+    httplib::Result r = client.Get(query, headers);
+    return r && r->status == 200 && J(r->body)["data"]["is_logged_in"] == true;
+  };
+  for (const httplib::Headers& headers : foreign)
+    for (const Sent& sent : requests) {
+      SCOPED_TRACE(std::string(sent.method) + " " + sent.path + " from " + headers.begin()->first + ": " +
+                   headers.begin()->second);
+      httplib::Client client("127.0.0.1", host_->port());
+      client.set_keep_alive(true);
+      httplib::Request request;
+      request.method = sent.method;
+      request.path = sent.path;
+      request.headers = headers;
+      request.body = sent.body;
+      if (sent.type) request.set_header("Content-Type", sent.type);
+      httplib::Result r = client.send(request);
+      ASSERT_TRUE(r);
+      EXPECT_EQ(r->status, 403);
+      if (sent.method != std::string("HEAD")) {
+        EXPECT_EQ(J(r->body)["error"]["code"], 108) << r->body;
+      }
+      EXPECT_TRUE(signedIn(client, {})) << "the next request on the connection, the device as it was";
+    }
+  EXPECT_EQ(PostForm(host_->port(), "/sim/token", J(R"({"email":"eve@example.com","password":"secret1"})")).status,
+            401);
+  httplib::Client client("127.0.0.1", host_->port());
+  for (const httplib::Headers& headers : ownPage) EXPECT_TRUE(signedIn(client, headers)) << headers.size();
+}
+
+// Every kind of body is taken up to kMaxBody and refused above it, the answer
+// naming the real limit.
+TEST_F(ServeTest, EveryBodyKindHasTheOneLimit) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  auto part = [](const char* name) {
+    return "--B\r\nContent-Disposition: form-data; name=\"" + std::string(name) + "\"\r\n\r\n";
+  };
+  const std::string json = R"({"api":"TALV.Core.PellixCenter","version":2,"method":"query","pad":")";
+  struct Kind {
+    const char* type;
+    std::string head, tail;  // the body is head, padding, tail
+    bool chunked;
+  } kinds[] = {
+      {"application/x-www-form-urlencoded", "api=TALV.Core.PellixCenter&version=2&method=query&pad=", "", false},
+      {"application/json", json, "\"}", false},
+      {"application/json", json, "\"}", true},
+      {"multipart/form-data; boundary=B",
+       part("api") + kCenter + "\r\n" + part("version") + "2\r\n" + part("method") + "query\r\n" + part("pad"),
+       "\r\n--B--\r\n", false},
+  };
+  httplib::Client client("127.0.0.1", host_->port());
+  client.set_keep_alive(true);  // and each answer on it is the right one
+  for (const Kind& kind : kinds)
+    for (size_t size : {webapihost::kMaxBody, webapihost::kMaxBody + 1}) {
+      SCOPED_TRACE(std::string(kind.type) + (kind.chunked ? ", chunked, " : ", ") + std::to_string(size) + " bytes");
+      const std::string body = kind.head + std::string(size - kind.head.size() - kind.tail.size(), 'a') + kind.tail;
+      httplib::Result r = kind.chunked ? client.Post(
+                                             "/webapi/entry",
+                                             [&](size_t, httplib::DataSink& sink) {
+                                               sink.write(body.data(), body.size());
+                                               sink.done();
+                                               return true;
+                                             },
+                                             kind.type)
+                                       : client.Post("/webapi/entry", body, kind.type);
+      ASSERT_TRUE(r);
+      const bool over = size > webapihost::kMaxBody;
+      EXPECT_EQ(r->status, over ? 413 : 200);
+      EXPECT_EQ(J(r->body),
+                J(over ? Refused(106, R"x({"reason":"the body is larger than 65536 bytes (64 KiB)"})x") : kSignedOut));
+    }
+}
+
+// A connection keeps a thread of the host while idle; a few dozen of them, as
+// browser tabs keep, must not keep a new request waiting.
+TEST_F(ServeTest, QueryAnswersPromptlyBesideIdleConnections) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  webapihost::IdleConnections idle(host_->port(), 64);
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
+}
+
 }  // namespace
 }  // namespace pellixtest

@@ -7,12 +7,16 @@ there, passed or failed. Waits are explicit: the page answers when the host
 has answered, which on a loaded machine takes what it takes.
 """
 import datetime
+import functools
+import http.server
 import json
 import os
 import select
 import shutil
 import subprocess
 import tempfile
+import threading
+import time
 import unittest
 import urllib.request
 
@@ -40,7 +44,8 @@ class DevHost:
 
     def __init__(self, folder):
         self.state = os.path.join(folder, "state")
-        self.log = open(os.path.join(folder, "serve.log"), "w")
+        self.log_path = os.path.join(folder, "serve.log")
+        self.log = open(self.log_path, "w")
         self.process = subprocess.Popen(
             [HOST, "--module", MODULE, "serve", "--state", self.state, "--port", "0"],
             stdout=subprocess.PIPE, stderr=self.log)
@@ -283,6 +288,51 @@ class AdminPageTest(unittest.TestCase):
         self.wait_visible("#so-force").click()
         self.wait_text("#st-account", "Not signed in")
         self.assertFalse(self.host.entry(CENTER, 2, "query")["data"]["is_logged_in"])
+
+    def test_a_page_of_another_site_changes_nothing(self):
+        self.register_signed_in()
+        # Another origin of the same site: a server of its own on another port.
+        other = os.path.join(self.folder, "other")
+        os.makedirs(other)
+        logout = self.host.url + "webapi/entry?api=%s&version=2&method=logout&force=true" % CENTER
+        with open(os.path.join(other, "index.html"), "w") as page:
+            page.write("""<!doctype html><title>another site</title>
+<iframe name="sink"></iframe>
+<form method="post" action="%(entry)s" target="sink">
+  <input name="api" value="%(api)s"><input name="version" value="2">
+  <input name="method" value="logout"><input name="force" value="true">
+</form>
+<img src="%(logout)s&amp;by=img">
+<script>
+  fetch("%(logout)s&by=fetch", {mode: "no-cors"}).catch(() => {});
+  document.forms[0].submit();
+</script>""" % {"entry": self.host.url + "webapi/entry", "api": CENTER, "logout": logout})
+        quiet = type("Quiet", (http.server.SimpleHTTPRequestHandler,), {"log_message": lambda *_: None})
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(quiet, directory=other))
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+
+        self.driver.get("http://127.0.0.1:%d/" % server.server_address[1])
+        # The host's word that each of the three reached it and was refused.
+        refusals = ("POST /webapi/entry: 403 code 108", "GET /webapi/entry: 403 code 108")
+        deadline = time.monotonic() + WAIT
+        while time.monotonic() < deadline:
+            with open(self.host.log_path) as log:
+                text = log.read()
+            if text.count(refusals[0]) >= 1 and text.count(refusals[1]) >= 2:
+                break
+            time.sleep(0.2)
+        else:
+            self.fail("the host did not refuse the form, the fetch and the image:\n" + text)
+        self.assertTrue(self.host.entry(CENTER, 2, "query")["data"]["is_logged_in"])
+
+        # The host's own page still does what it did.
+        self.driver.get(self.host.url)
+        self.wait_text("#st-account", "Signed in as " + EMAIL)
+        self.wait_visible("#so-go").click()
+        self.wait_text("#st-account", "Not signed in")
+
 
 
 if __name__ == "__main__":
