@@ -58,8 +58,7 @@ int Serve(const ServeOptions& o) {
     return 1;
   }
   // The module trusts the service's endpoint through the trust store, as the
-  // device trusts the real service; the namespace that makes it so has to be
-  // entered before any thread starts.
+  // device trusts the real service.
   if (!pellixsim::MakeCertificates(state.service, &error)) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
@@ -67,11 +66,10 @@ int Serve(const ServeOptions& o) {
   std::string untrusted;
   std::ifstream caPem(state.service + "/ca.pem");
   const std::string ca((std::istreambuf_iterator<char>(caPem)), std::istreambuf_iterator<char>());
-  if (!TrustAuthorities(ca, state.service + "/ca-bundle.crt", &untrusted))
+  if (!TrustAuthorities(ca, &untrusted))
     (void)std::fprintf(stderr,
-                       "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
-                       "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "
-                       "the service\n",
+                       "webapi-host: %s: the module does not trust the account service's certificate, and version-1 "
+                       "registration answers badnetwork, as on a device that cannot reach the service\n",
                        untrusted.c_str());
   std::unique_ptr<pellixsim::Store> store = pellixsim::Store::Open(state.Database(), &error);
   if (!store) {

@@ -60,7 +60,8 @@ void LocalServiceTest::ConfigureHost(const std::string& host) {
 }
 
 void TrustedServiceTest::SetUp() {
-  if (!TrustProblem().empty()) GTEST_SKIP() << "no trusted namespace for the local HTTPS service: " << TrustProblem();
+  const std::string& problem = TrustTestIdentities();
+  if (!problem.empty()) GTEST_SKIP() << "the local HTTPS service cannot be trusted: " << problem;
   LocalServiceTest::SetUp();
 }
 
