@@ -27,6 +27,7 @@ void FailOnce(const char* op, int after) { talvseam::InjectFault(op, after, fals
 
 void LocalServiceTest::SetUp() {
   ModuleTest::SetUp();
+  if (HasFatalFailure()) return;
   void* handle = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
   ASSERT_NE(handle, nullptr) << dlerror();
   Find(handle, "HttpsRequestSend", &HttpsRequestSend);
