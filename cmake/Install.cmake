@@ -5,8 +5,9 @@
 #   development  the module's exported declarations (and the platform interface
 #                declarations they include), a pkg-config file and a CMake
 #                package config, for a host project;
-#   devkit       the platform stand-ins, the host harness, webapi-host and the
-#                administration page: a development device on a workstation.
+#   devkit       the platform stand-ins, the host harness, the log capture and
+#                the trust library, webapi-host and the administration page: a
+#                development device on a workstation.
 # Debian's multiarch library directory, as for any library of the image.
 if(NOT DEFINED CMAKE_INSTALL_LIBDIR AND CMAKE_LIBRARY_ARCHITECTURE)
   set(CMAKE_INSTALL_LIBDIR "lib/${CMAKE_LIBRARY_ARCHITECTURE}" CACHE PATH "Object code libraries")
@@ -37,7 +38,8 @@ install(FILES ${CMAKE_BINARY_DIR}/pellixcenterConfig.cmake ${CMAKE_BINARY_DIR}/p
         DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pellixcenter COMPONENT development)
 
 # The stand-ins find each other beside themselves.
-set(PELLIX_STANDINS talvseam tlibc talvwebapi talvpellix talvsdk talvcloud talvrelay talvfeasibility syslogcapture)
+set(PELLIX_STANDINS talvseam tlibc talvwebapi talvpellix talvsdk talvcloud talvrelay talvfeasibility syslogcapture
+                    trustbundle)
 set_target_properties(${PELLIX_STANDINS} PROPERTIES INSTALL_RPATH "$ORIGIN")
 install(TARGETS ${PELLIX_STANDINS} LIBRARY DESTINATION ${PELLIX_DEVKIT_DIR} COMPONENT devkit)
 install(TARGETS webapihost ARCHIVE DESTINATION ${PELLIX_DEVKIT_DIR} COMPONENT devkit)
@@ -62,7 +64,7 @@ add_custom_command(OUTPUT ${PELLIX_MANPAGE}
                    DEPENDS ${PROJECT_SOURCE_DIR}/packaging/webapi-host.1)
 add_custom_target(manpage ALL DEPENDS ${PELLIX_MANPAGE})
 install(FILES ${PELLIX_MANPAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT devkit)
-install(FILES host/harness.h host/syslog_capture.h DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit)
+install(FILES host/harness.h host/syslog_capture.h host/trust.h DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit)
 install(DIRECTORY platform/ DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit
         FILES_MATCHING PATTERN "*.h")
 

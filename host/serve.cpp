@@ -143,11 +143,10 @@ int Serve(const ServeOptions& o) {
   std::string untrusted;
   std::ifstream caPem(state.service + "/ca.pem");
   const std::string ca((std::istreambuf_iterator<char>(caPem)), std::istreambuf_iterator<char>());
-  if (!TrustAuthorities(ca, state.service + "/ca-bundle.crt", &untrusted))
+  if (!TrustAuthorities(ca, &untrusted))
     (void)std::fprintf(stderr,
-                       "webapi-host: no private mount namespace (%s): the module does not trust the account service's "
-                       "certificate, and version-1 registration answers badnetwork, as on a device that cannot reach "
-                       "the service\n",
+                       "webapi-host: %s: the module does not trust the account service's certificate, and version-1 "
+                       "registration answers badnetwork, as on a device that cannot reach the service\n",
                        untrusted.c_str());
   std::unique_ptr<pellixsim::Store> store = pellixsim::Store::Open(state.Database(), &error);
   if (!store) {

@@ -1,5 +1,11 @@
 // Makes a process trust an authority the way the device trusts the real
 // account service: through the system's trust store, which libcurl reads.
+//
+// This is a shared library of its own, linked into a program before the C
+// library (as syslogcapture is), so that its fopen() and fopen64() are the
+// ones every part of the program calls, libcurl's OpenSSL among them. It
+// answers only for the system's bundle and forwards every other file to the
+// C library; without TrustAuthorities() it changes nothing.
 #pragma once
 
 #include <string>
@@ -10,13 +16,15 @@ namespace webapihost {
 // "" when it names none.
 std::string SystemBundle();
 
-// Makes this process, and it alone, trust `pems` (PEM certificates) besides
-// the system's authorities, or with `alone` instead of them: writes them into
-// the file `bundle`, enters a private mount namespace (or, where that is
-// refused, a user namespace of its own with one) and binds `bundle` over
-// SystemBundle() there. Must run while the process has a single thread.
-// False with *why when the system refuses; the files this process sees are
-// then unchanged.
-bool TrustAuthorities(const std::string& pems, const std::string& bundle, std::string* why, bool alone = false);
+// From now on, whoever in this process opens SystemBundle() for reading
+// reads `pems` (PEM certificates) after the system's authorities, or with
+// `alone` instead of them. Nothing outside the process changes: the bundle
+// is served from memory, and other processes, children too, read the
+// machine's file. May be called at any time, from any thread; transfers
+// that open the bundle after it returns see the new one. Each call's bundle
+// is kept until the process ends, for the streams already reading it.
+// False with *why, and nothing changed, when libcurl names no bundle or the
+// system's cannot be read.
+bool TrustAuthorities(const std::string& pems, std::string* why, bool alone = false);
 
 }  // namespace webapihost

@@ -2,6 +2,7 @@
 // what arrives on the wire, byte for byte, for each scripted reply.
 #include <curl/curl.h>
 
+#include <cstdio>
 #include <cstring>
 #include <functional>
 
@@ -253,6 +254,37 @@ TEST_F(TrustedServiceTest, BundleVouchesForAServerOnlyUnderItsOwnName) {
     HttpsResponseFree(&response);
   }
   EXPECT_EQ(Logged(), std::vector<Line>{LogLine("HttpsRequestSend", "curl_easy_perform. res: %d", 60)});
+}
+
+// All that `stream` gives, then closed with `close`.
+std::string Drain(FILE* stream, int (*close)(FILE*)) {
+  std::string all;
+  char buffer[4096];
+  for (size_t n; stream && (n = std::fread(buffer, 1, sizeof(buffer), stream)) > 0;) all.append(buffer, n);
+  if (stream) close(stream);
+  return all;
+}
+
+// Trusting changes what this process reads and nothing else. Here the module
+// trusts the test's authorities beside the machine's, as serve does; a child
+// reads the machine's file as it was before.
+TEST_F(TrustedHttpsTest, TrustChangesNothingOutsideTheProcess) {
+  const std::string bundle = webapihost::SystemBundle();
+  const std::string child = "cat " + bundle;
+  const std::string machine = Drain(popen(child.c_str(), "r"), pclose);
+  ASSERT_FALSE(machine.empty()) << bundle;
+  const Identities& ids = TestIdentities();
+  const std::string pems = ids.trusted.Pem() + ids.misnamed.Pem() + ids.expired.Pem();
+  std::string why;
+  ASSERT_TRUE(webapihost::TrustAuthorities(pems, &why)) << why;
+
+  EXPECT_TRUE(Drain(std::fopen(bundle.c_str(), "r"), std::fclose) == machine + "\n" + pems);
+  EXPECT_TRUE(Drain(popen(child.c_str(), "r"), pclose) == machine);
+  FieldHash fields(kRegister);
+  HttpsResponse response{0, nullptr};
+  EXPECT_EQ(Send(fields.get(), &response), 0);
+  EXPECT_EQ(Status(response), "200 \"good\"");
+  HttpsResponseFree(&response);
 }
 
 }  // namespace

@@ -137,6 +137,7 @@ class TortureTest : public TrustedServiceTest {
  protected:
   void SetUp() override {
     TrustedServiceTest::SetUp();
+    if (IsSkipped() || HasFatalFailure()) return;
     ScanLogForPassword(kPassword);
     // Several chunks, so that the write callback's realloc also fails on a
     // buffer it already holds; the trim leaves "good".

@@ -118,6 +118,7 @@ class GuardTest : public ModuleTest {
 
   void SetUp() override {
     ModuleTest::SetUp();
+    if (HasFatalFailure()) return;
     if (getuid() != 0 || geteuid() != 0) GTEST_SKIP() << "the privilege guard is tested as root only";
     talvwebapi::SetRunner(&verifier_);
     // A child that exits normally (the coverage tree) never destroys it.

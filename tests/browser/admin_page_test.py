@@ -183,16 +183,13 @@ class AdminPageTest(unittest.TestCase):
         self.assertFalse(self.find("#pw-password").get_attribute("value"), "the password stays in the form")
 
     def test_created_by_version_1_then_signed_in_by_pkce_key_and_token(self):
-        if "trusted through" in self.host.announcement:
-            self.find("#f-register input[name=version][value='1']").click()
-            self.assertFalse(self.find("#reg-country").is_displayed(), "version 1 takes no country")
-            self.type_into("#reg-email", EMAIL)
-            self.type_into("#reg-name", "Ada Lovelace")
-            self.type_into("#reg-password", PASSWORD, enter=True)
-            self.wait_text("#register .outcome", "Account %s created. Sign in with it" % EMAIL)
-            self.assertEqual(self.find("#st-account").text, "Not signed in")
-        else:  # no namespace to trust the HTTPS service in: the account made another way
-            self.host.post("/sim/register", {"email": EMAIL, "password": PASSWORD, "full_name": "Ada Lovelace"})
+        self.find("#f-register input[name=version][value='1']").click()
+        self.assertFalse(self.find("#reg-country").is_displayed(), "version 1 takes no country")
+        self.type_into("#reg-email", EMAIL)
+        self.type_into("#reg-name", "Ada Lovelace")
+        self.type_into("#reg-password", PASSWORD, enter=True)
+        self.wait_text("#register .outcome", "Account %s created. Sign in with it" % EMAIL)
+        self.assertEqual(self.find("#st-account").text, "Not signed in")
 
         self.find("input[name=signin-way][value=pkce]").click()
         self.type_into("#pk-email", EMAIL)

@@ -27,6 +27,7 @@ void FailOnce(const char* op, int after) { talvseam::InjectFault(op, after, fals
 
 void LocalServiceTest::SetUp() {
   ModuleTest::SetUp();
+  if (HasFatalFailure()) return;
   void* handle = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
   ASSERT_NE(handle, nullptr) << dlerror();
   Find(handle, "HttpsRequestSend", &HttpsRequestSend);
@@ -60,7 +61,8 @@ void LocalServiceTest::ConfigureHost(const std::string& host) {
 }
 
 void TrustedServiceTest::SetUp() {
-  if (!TrustProblem().empty()) GTEST_SKIP() << "no trusted namespace for the local HTTPS service: " << TrustProblem();
+  const std::string& problem = TrustTestIdentities();
+  if (!problem.empty()) GTEST_SKIP() << "the local HTTPS service cannot be trusted: " << problem;
   LocalServiceTest::SetUp();
 }
 

@@ -71,8 +71,8 @@ class LocalServiceTest : public ModuleTest {
   std::unique_ptr<HttpsServer> server_;
 };
 
-// For tests whose client must trust the server: skipped, saying why, where the
-// trusted namespace cannot be made.
+// For tests whose client must trust the server: skipped, saying why, where
+// the process cannot be made to trust it.
 class TrustedServiceTest : public LocalServiceTest {
  protected:
   void SetUp() override;

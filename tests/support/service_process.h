@@ -18,14 +18,11 @@ struct ServiceProcess {
   int (*send)(const HttpsRequest*, HttpsResponse*) = nullptr;  // the module's HttpsRequestSend
   void (*free)(HttpsResponse*) = nullptr;                      // and its HttpsResponseFree
   TlsServer* service = nullptr;                                // the relay configuration's account-service host
-  // False where no private namespace can be made: the device then trusts no
-  // local server and every transfer is refused ("badnetwork").
-  bool trusted = false;
 };
 
-// Call first (in main or LLVMFuzzerInitialize), while the process has one
-// thread; the stand-ins' journal and the log's history are switched off.
-// Aborts when the module cannot be loaded.
+// Call first (in main or LLVMFuzzerInitialize); the stand-ins' journal and
+// the log's history are switched off. Aborts when the service cannot be
+// trusted or the module cannot be loaded.
 const ServiceProcess& StartServiceProcess();
 
 // Whether `line` is what the statement of `file` whose message is `message`

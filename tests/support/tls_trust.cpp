@@ -5,12 +5,9 @@
 #include <openssl/pem.h>
 #include <openssl/rand.h>
 #include <openssl/x509v3.h>
-#include <unistd.h>
 
-#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
 
 #include "trust.h"
 
@@ -27,8 +24,6 @@ void AddExtension(X509* cert, X509V3_CTX* ctx, int nid, const std::string& value
   if (!ext || !X509_add_ext(cert, ext, -1)) Die("cannot add certificate extension " + value);
   X509_EXTENSION_free(ext);
 }
-
-std::string g_trustProblem = "the trusted namespace was never entered";
 
 }  // namespace
 
@@ -85,23 +80,15 @@ const Identities& TestIdentities() {
 // Only the test's own identities: the machine's 140-odd CAs would have
 // libcurl parse them again for every handle, 25 ms a transfer, and no test
 // talks to anything they vouch for.
-void EnterTrustedNamespace() {
-  const Identities& ids = TestIdentities();
-  char dir[] = "/tmp/pellix-trust-XXXXXX";
-  if (!mkdtemp(dir)) {
-    g_trustProblem = std::string("cannot make a folder for the bundle: ") + std::strerror(errno);
-    return;
-  }
-  const std::string file = std::string(dir) + "/ca-certificates.crt";
-  std::string problem;
-  const bool trusted =
-      webapihost::TrustAuthorities(ids.trusted.Pem() + ids.misnamed.Pem() + ids.expired.Pem(), file, &problem, true);
-  // The mount keeps the file alive; nothing needs to stay behind in /tmp.
-  unlink(file.c_str());
-  rmdir(dir);
-  g_trustProblem = trusted ? "" : problem;
+const std::string& TrustTestIdentities() {
+  static const std::string problem = [] {
+    const Identities& ids = TestIdentities();
+    std::string why;
+    return webapihost::TrustAuthorities(ids.trusted.Pem() + ids.misnamed.Pem() + ids.expired.Pem(), &why, true)
+               ? std::string()
+               : why;
+  }();
+  return problem;
 }
-
-const std::string& TrustProblem() { return g_trustProblem; }
 
 }  // namespace pellixtest

@@ -38,13 +38,9 @@ struct Identities {
 };
 const Identities& TestIdentities();
 
-// Call first in main() (or LLVMFuzzerInitialize), while the process has one
-// thread: makes the identities and moves the process into a private mount
-// namespace whose CA bundle (the file libcurl reads by default) holds the
-// trusted test identities and nothing else (host/trust.h). Nothing outside
-// the process sees the change.
-void EnterTrustedNamespace();
-// Empty when the namespace is in place; otherwise why it could not be made.
-const std::string& TrustProblem();
+// Has this process, and it alone, trust the identities that belong in the
+// trust store and no other authority (host/trust.h), once however often it is
+// called, from whichever thread. Empty when it does; otherwise why it cannot.
+const std::string& TrustTestIdentities();
 
 }  // namespace pellixtest
