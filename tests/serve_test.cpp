@@ -10,6 +10,7 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <map>
@@ -610,7 +611,8 @@ TEST_F(ServeTest, StartUpErrorsEndAtOnceWithAMessage) {
 
 // Ctrl-C and SIGTERM end the host at every stage: while it starts, while it
 // serves, beside connections that say nothing, with a request under way
-// (which is answered). The process ends within the grace of three seconds.
+// (which is answered); one that does not end holds the host three seconds at
+// most, or until a second signal.
 TEST_F(ServeTest, SignalsEndItAtEveryStage) {
   const std::string state = dir_.path() + "/state";
   for (const char* delay : {"0", "0.02", "0.1"}) {
@@ -624,47 +626,79 @@ TEST_F(ServeTest, SignalsEndItAtEveryStage) {
     EXPECT_TRUE(out == "0\n" || out == "143\n") << out;  // stopped, or killed before it began
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
   }
+  // A request whose body stops short is under way until the server's read
+  // gives up, after 5 s.
+  const char kShort[] = "POST /webapi/entry HTTP/1.1\r\nContent-Type: application/json\r\nContent-Length: 99\r\n\r\n{";
   struct Case {
     const char* what;
     int signal;
-    bool silentConnection;  // a client that connects and never sends
-    bool underWay;          // a sign-in under way when the signal comes
+    const char* silent;  // what a client sends before it falls silent (nullptr: no such client)
+    bool signIn;         // a sign-in under way when the signal comes, which is answered
+    int again;           // a second signal half a second later (0: none)
+    const char* says;    // on the host's stderr
+    int within;          // seconds
   } cases[] = {
-      {"idle", SIGINT, false, false},
-      {"a sign-in under way", SIGTERM, false, true},
-      {"a connection that says nothing", SIGTERM, true, false},
+      {"idle", SIGINT, nullptr, false, 0, "", 2},
+      {"a sign-in under way", SIGTERM, nullptr, true, 0, "", 2},
+      {"a connection that says nothing", SIGTERM, "", false, 0, "", 2},
+      {"a body that stops short", SIGTERM, kShort, false, 0, "requests still under way after 3 s", 5},
+      {"a body that stops short, stopped again", SIGTERM, kShort, false, SIGINT, "stopped again", 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
     ASSERT_NO_FATAL_FAILURE(Start());
-    if (c.underWay) Register("ada@example.com", "secret1");
+    if (c.signIn) Register("ada@example.com", "secret1");
     httplib::Client kept("127.0.0.1", host_->port());  // a browser's kept-alive connection
     ASSERT_TRUE(kept.Get("/"));
-    const int silent = c.silentConnection ? socket(AF_INET, SOCK_STREAM, 0) : -1;
+    const int silent = c.silent ? socket(AF_INET, SOCK_STREAM, 0) : -1;
     if (silent >= 0) {
       sockaddr_in to{};
       to.sin_family = AF_INET;
       to.sin_port = htons(static_cast<uint16_t>(host_->port()));
       to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
       ASSERT_EQ(connect(silent, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 0);
+      ASSERT_EQ(send(silent, c.silent, std::strlen(c.silent), 0), static_cast<ssize_t>(std::strlen(c.silent)));
     }
     Reply answer;
     std::thread signIn;
-    if (c.underWay) {
+    if (c.signIn) {
       signIn = std::thread([&] {
         answer = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
       });
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
+    std::this_thread::sleep_for(std::chrono::milliseconds(20));
     const auto start = std::chrono::steady_clock::now();
-    EXPECT_EQ(host_->Stop(c.signal), 0);
-    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(c.silentConnection ? 4 : 2));
+    if (c.again) {
+      kill(host_->pid(), c.signal);
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    EXPECT_EQ(host_->Stop(c.again ? c.again : c.signal), 0);
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(c.within));
+    EXPECT_NE(host_->Log().find(c.says), std::string::npos) << host_->Log();
     if (signIn.joinable()) signIn.join();
-    if (c.underWay) {
+    if (c.signIn) {
       EXPECT_EQ(answer.body["success"], true) << answer.text;
     }
     if (silent >= 0) close(silent);
   }
+}
+
+// A storage failure is answered 3003, as the module translates it; its cause
+// is in the host's log.
+TEST_F(ServeTest, StorageFailureIsLoggedWithItsCause) {
+  ASSERT_NO_FATAL_FAILURE(Start());
+  sqlite3* db = nullptr;
+  ASSERT_EQ(sqlite3_open((dir_.path() + "/state/service/account.db").c_str(), &db), SQLITE_OK);
+  ASSERT_EQ(sqlite3_exec(
+                db, "CREATE TRIGGER full BEFORE INSERT ON accounts BEGIN SELECT RAISE(FAIL, 'the disk is full'); END",
+                nullptr, nullptr, nullptr),
+            SQLITE_OK);
+  sqlite3_close(db);
+  Run({{"registration", kCenter, 2, "register",
+        R"({"account":"ada@example.com","password":"secret1","fullname":"Ada Lovelace","critical_release":true})",
+        Refused(3003, "{}")}});
+  EXPECT_NE(host_->Log().find("account service: storage failed: "), std::string::npos) << host_->Log();
+  EXPECT_NE(host_->Log().find("the disk is full"), std::string::npos) << host_->Log();
 }
 
 // Two sign-ins of different accounts sent at once: one binds the device, the
@@ -713,6 +747,9 @@ TEST_F(ServeTest, ASecondHostOnItsPortIsRefused) {
                            std::to_string(host_->port()),
                        &out, &err),
             2)
+      << err;
+  EXPECT_NE(err.find("cannot listen on 127.0.0.1:" + std::to_string(host_->port()) + ": the port is in use"),
+            std::string::npos)
       << err;
 }
 
@@ -784,6 +821,10 @@ TEST_F(ServeTest, OnlyItsOwnPagesAndLocalProgramsReachIt) {
     }
   EXPECT_EQ(PostForm(host_->port(), "/sim/token", J(R"({"email":"eve@example.com","password":"secret1"})")).status,
             401);
+  const std::string log = host_->Log();
+  size_t logged = 0;
+  for (size_t at = 0; (at = log.find(": 403 code 108 (", at)) != std::string::npos; ++at) ++logged;
+  EXPECT_EQ(logged, std::size(foreign) * std::size(requests)) << "one line for each refusal";
   httplib::Client client("127.0.0.1", host_->port());
   for (const httplib::Headers& headers : ownPage) EXPECT_TRUE(signedIn(client, headers)) << headers.size();
 }
