@@ -89,7 +89,7 @@ class Stopper {
 
  private:
   bool Next() {
-    const timespec tick{0, 50 * 1000 * 1000};
+    const timespec tick{0, 50L * 1000 * 1000};  // 50 ms
     return sigtimedwait(&signals_, nullptr, &tick) > 0;
   }
   [[noreturn]] static void End(const char* why) {
