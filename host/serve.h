@@ -17,7 +17,8 @@ struct ServeOptions {
 };
 
 // Serves until SIGINT or SIGTERM. Exit status: 0 after a signal, 1 when the
-// state folder or its database cannot be used, 2 a bad port, 3 the module
+// state folder or its database cannot be used, the folder is in use by
+// another host, or start-up fails otherwise; 2 a port in use; 3 the module
 // cannot be loaded.
 int Serve(const ServeOptions& options);
 
