@@ -9,6 +9,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/socket.h>
+#include <sys/time.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -132,6 +133,28 @@ int Connect(int port) {
 }
 
 }  // namespace
+
+std::string Exchange(int port, const std::string& bytes) {
+  const int fd = Connect(port);
+  if (fd < 0) return "";
+  // The server writes no answer to a connection whose sending side is shut:
+  // the answer ends where its Content-Length says.
+  const timeval patience{10, 0};
+  (void)setsockopt(fd, SOL_SOCKET, SO_RCVTIMEO, &patience, sizeof(patience));
+  std::string answer;
+  if (send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL) == static_cast<ssize_t>(bytes.size())) {
+    char buffer[4096];
+    for (ssize_t n; (n = recv(fd, buffer, sizeof(buffer), 0)) > 0;) {
+      answer.append(buffer, static_cast<size_t>(n));
+      const size_t head = answer.find("\r\n\r\n");
+      if (head == std::string::npos) continue;
+      const size_t length = answer.find("Content-Length: ");
+      if (answer.size() >= head + 4 + (length < head ? std::stoul(answer.substr(length + 16)) : 0)) break;
+    }
+  }
+  close(fd);
+  return answer;
+}
 
 IdleConnections::IdleConnections(int port, int count) : port_(port) {
   for (int i = 0; i < count; ++i) sockets_.push_back(Connect(port));

@@ -61,6 +61,10 @@ Reply Entry(int port, const std::string& api, int version, const std::string& me
 // POST of form fields to `path` of the host.
 Reply PostForm(int port, const std::string& path, const Json::Value& fields);
 
+// Sends `bytes` as they are to the host on `port`, and answers the host's
+// first answer ("" when none came within ten seconds).
+std::string Exchange(int port, const std::string& bytes);
+
 // `count` connections to the host on `port` that send nothing, as the spare
 // and kept-alive connections of browser tabs do; one that the host closes is
 // opened again, until destruction. All are open when the constructor returns.

@@ -6,6 +6,7 @@
 #include <openssl/rand.h>
 
 #include <sys/socket.h>
+#include <sys/stat.h>
 
 #include <algorithm>
 #include <cctype>
@@ -13,12 +14,18 @@
 #include <climits>
 #include <condition_variable>
 #include <cstdlib>
+#include <cstring>
 #include <fstream>
 #include <functional>
 #include <iterator>
 #include <list>
+#include <regex>
+#include <set>
+#include <sstream>
 #include <thread>
 #include <vector>
+
+#include "one_line.h"
 
 namespace webapihost {
 
@@ -135,6 +142,9 @@ constexpr size_t kPartOverhead = 32;
 // a chunked or compressed body is read and dropped here.
 void ReadBody(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader,
               RequestBody* body) {
+  // Without a length or a chunked encoding a request has no body; the server
+  // would wait for the connection to close.
+  if (!req.has_header("Content-Length") && !req.has_header("Transfer-Encoding")) return;
   size_t size = 0;
   auto keep = [&size](size_t n) {
     size += n;
@@ -204,24 +214,49 @@ std::string Compact(const Json::Value& value) {
   return Json::writeString(b, value);
 }
 
+// A text a client sent, for a sentence: on one line, and cut if long.
+std::string Cut(const std::string& text) {
+  const std::string line = OneLine(text);
+  return line.size() <= 64 ? line : line.substr(0, 60) + "...";
+}
+
 // Strict JSON: one value, nothing after it, no comments, no repeated keys.
 bool ParseJson(const std::string& text, Json::Value* value, std::string* errors) {
   Json::CharReaderBuilder builder;
   Json::CharReaderBuilder::strictMode(&builder.settings_);
   builder["strictRoot"] = false;  // a field may be true, null or "text"
   std::unique_ptr<Json::CharReader> reader(builder.newCharReader());
-  return reader->parse(text.data(), text.data() + text.size(), value, errors);
+  std::string found;
+  if (reader->parse(text.data(), text.data() + text.size(), value, &found)) return true;
+  // The parser writes each error on two lines, "* Line 1, Column 8" and
+  // "  Missing ',' or '}' in object declaration", and maybe a third, "See
+  // Line 1, Column 1 for detail."; an answer and a log line take one:
+  // "line 1, column 8: missing ',' or '}' in object declaration".
+  std::istringstream lines(found);
+  errors->clear();
+  for (std::string line; std::getline(lines, line);) {
+    if (line.rfind("* Line ", 0) == 0) {
+      const size_t column = line.find(", Column ");
+      if (column != std::string::npos) line.replace(column, 9, ", column ");
+      *errors += (errors->empty() ? "line " : "; line ") + line.substr(7) + ":";
+    } else if (line.rfind("  ", 0) == 0 && line.size() > 2) {
+      line = line.substr(2);
+      if (line.back() == '.') line.pop_back();
+      line[0] = static_cast<char>(std::tolower(static_cast<unsigned char>(line[0])));
+      *errors += " " + line;
+    }
+  }
+  return false;
 }
 
 // A field's text as a parameter: JSON for an object, an array, a quoted
 // string, true, false or null; the text itself otherwise, so that a password
-// or a key made of digits stays a string.
-bool FieldValue(const std::string& text, Json::Value* value) {
+// or a key made of digits stays a string. `errors`: why such a text is not
+// JSON.
+bool FieldValue(const std::string& text, Json::Value* value, std::string* errors) {
   if (text == "true" || text == "false" || text == "null" ||
-      (!text.empty() && (text[0] == '{' || text[0] == '[' || text[0] == '"'))) {
-    std::string errors;
-    return ParseJson(text, value, &errors);
-  }
+      (!text.empty() && (text[0] == '{' || text[0] == '[' || text[0] == '"')))
+    return ParseJson(text, value, errors);
   *value = Json::Value(text);
   return true;
 }
@@ -241,74 +276,122 @@ bool Version(const Json::Value& v, int* version) {
   return true;
 }
 
+const char kFieldTypes[] =
+    "send the fields as application/x-www-form-urlencoded, multipart/form-data or application/json";
+
+// What a JSON value is, for a sentence: "an array", "a number"...
+std::string Kind(const Json::Value& v) {
+  return v.isObject()    ? "an object"
+         : v.isArray()   ? "an array"
+         : v.isString()  ? "a string"
+         : v.isNumeric() ? "a number"
+                         : Compact(v);
+}
+
+// A value a client sent, for a sentence: itself if short, else its kind.
+std::string Shown(const Json::Value& v) {
+  const std::string text = Compact(v);
+  return text.size() <= 40 ? text : Kind(v);
+}
+
 // Every field of a request by name: query, form and multipart fields as text
 // (see FieldValue when `typed`), the members of a JSON body as they are. A
 // name given twice, a field that looks like JSON but is not, or a body that is
-// neither form fields nor a JSON object makes it malformed.
+// neither form fields nor a JSON object makes it malformed; `problem` names
+// the field or header at fault. The values themselves are not repeated: one
+// may be a password.
 bool Fields(const httplib::Request& req, const RequestBody& body, bool typed, Json::Value* fields,
             std::string* problem) {
   *fields = Json::Value(Json::objectValue);
-  auto add = [&](const std::string& name, const Json::Value& value) {
-    if (fields->isMember(name)) {
-      *problem = "parameter \"" + name + "\" is given twice";
+  std::map<std::string, const char*> from;  // where each field was found
+  auto add = [&](const std::string& name, const Json::Value& value, const char* where) {
+    auto found = from.emplace(name, where);
+    if (!found.second) {
+      const std::string first = found.first->second;
+      *problem = "\"" + name + "\" is given twice" +
+                 (first == where ? " in " + first : ", in " + first + " and in " + std::string(where)) +
+                 ": give it once";
       return false;
     }
     (*fields)[name] = value;
     return true;
+  };
+  auto text = [&](const std::string& name, const std::string& value, const char* where) {
+    Json::Value typedValue(value);
+    std::string errors;
+    if (typed && !FieldValue(value, &typedValue, &errors)) {
+      *problem = "\"" + name + "\" starts like JSON but is not JSON (" + errors +
+                 "); quote a text that starts with {, [ or \" as a JSON string";
+      return false;
+    }
+    return add(name, typedValue, where);
   };
   const std::string type = req.get_header_value("Content-Type");
   const bool form = type.rfind("application/x-www-form-urlencoded", 0) == 0;
   const bool json = type.find("application/json") != std::string::npos;
   httplib::Params formFields;
   if (form) httplib::detail::parse_query_text(body.text, formFields);
-  const httplib::Params* texts[] = {&req.params, &formFields};
-  for (const httplib::Params* params : texts)
-    for (const auto& kv : *params) {
-      Json::Value value(kv.second);
-      if (typed && !FieldValue(kv.second, &value)) {
-        *problem = "parameter \"" + kv.first + "\" looks like JSON but is not: " + kv.second;
-        return false;
-      }
-      if (!add(kv.first, value)) return false;
-    }
-  for (const auto& kv : body.parts) {
-    Json::Value value(kv.second.content);
-    if (typed && !FieldValue(kv.second.content, &value)) {
-      *problem = "parameter \"" + kv.first + "\" looks like JSON but is not";
-      return false;
-    }
-    if (!add(kv.first, value)) return false;
-  }
+  for (const auto& kv : req.params)
+    if (!text(kv.first, kv.second, "the query")) return false;
+  for (const auto& kv : formFields)
+    if (!text(kv.first, kv.second, "the form body")) return false;
+  for (const auto& kv : body.parts)
+    if (!text(kv.first, kv.second.content, "the multipart body")) return false;
   if (json) {
     Json::Value members;
     std::string errors;
-    if (!ParseJson(body.text, &members, &errors) || !members.isObject()) {
-      *problem = "the body is not a JSON object" + (errors.empty() ? std::string() : ": " + errors);
+    if (body.text.empty()) {
+      *problem = "the body is empty, and Content-Type \"" + Cut(type) + "\" calls for a JSON object";
+      return false;
+    }
+    if (!ParseJson(body.text, &members, &errors)) {
+      *problem = "the body is not a JSON object: " + errors;
+      return false;
+    }
+    if (!members.isObject()) {
+      *problem = "the body is not a JSON object but " + Kind(members);
       return false;
     }
     for (const std::string& name : members.getMemberNames())
-      if (!add(name, members[name])) return false;
+      if (!add(name, members[name], "the JSON body")) return false;
   } else if (!body.text.empty() && !form) {
-    *problem = "the body must be form fields or a JSON object (Content-Type: application/json)";
+    *problem = (type.empty() ? "the body has no Content-Type"
+                             : "Content-Type \"" + Cut(type) + "\" is neither a form nor JSON") +
+               ": " + kFieldTypes;
     return false;
   }
   return true;
 }
 
+// Why a field that names something (the API, the method) cannot be used;
+// empty when it can.
+std::string Name(const Json::Value& fields, const char* field, const char* what, const char* example) {
+  const Json::Value& v = fields[field];
+  if (!fields.isMember(field))
+    return "\"" + std::string(field) + "\" is missing: name " + what + ", as in " + field + "=" + example;
+  if (!v.isString() || v.asString().empty())
+    return "\"" + std::string(field) + "\" must be the name of " + what + ", not " + Shown(v);
+  return "";
+}
+
 bool Decode(const httplib::Request& req, const RequestBody& body, Call* call, std::string* problem) {
   Json::Value fields;
   if (!Fields(req, body, true, &fields, problem)) return false;
-  const Json::Value api = fields["api"], method = fields["method"], version = fields["version"];
-  if (!api.isString() || api.asString().empty() || !method.isString() || method.asString().empty()) {
-    *problem = "\"api\", \"version\" and \"method\" are required";
+  *problem = Name(fields, "api", "a web API", "TALV.Core.PellixCenter");
+  if (!problem->empty()) return false;
+  if (!fields.isMember("version")) {
+    *problem = "\"version\" is missing: give the API's version, as in version=2";
     return false;
   }
+  const Json::Value& version = fields["version"];
   if (!Version(version, &call->version)) {
-    *problem = "\"version\" must be an integer, not " + (version.isNull() ? "absent" : Compact(version));
+    *problem = "\"version\" must be an integer, not " + Shown(version);
     return false;
   }
-  call->api = api.asString();
-  call->method = method.asString();
+  *problem = Name(fields, "method", "a method of the API", "query");
+  if (!problem->empty()) return false;
+  call->api = fields["api"].asString();
+  call->method = fields["method"].asString();
   for (const char* name : {"api", "version", "method"}) fields.removeMember(name);
   call->params = fields;
   return true;
@@ -319,9 +402,64 @@ void Reply(httplib::Response& res, int status, const std::string& body) {
   res.set_content(body + "\n", "application/json");
 }
 
-const char kNoSuchPath[] = "no such path: the web API is at /webapi/entry";
+// The host's paths and the methods each takes (HEAD with GET), for a request
+// that no route of Bind took: a method a path does not take is answered 405,
+// any other path is not found.
+const char kPageFiles[] = R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))";
+struct Methods {
+  const char* paths;
+  const char* allow;  // the Allow header
+  const char* takes;  // in a sentence
+};
+const Methods kMethods[] = {
+    {"/webapi/entry", "GET, HEAD, POST", "GET or POST"},
+    {"/sim/(authorize|token|register)", "POST", "POST"},
+    {kPageFiles, "GET, HEAD", "GET"},
+};
 
-std::string TooLarge() { return "the body is larger than " + std::to_string(kMaxBody) + " bytes (64 KiB)"; }
+std::string TooLarge(const httplib::Request& req) {
+  const std::string limit = std::to_string(kMaxBody) + " bytes (64 KiB), the most the host takes";
+  const std::string length = req.get_header_value("Content-Length");
+  if (!length.empty() && std::strtoull(length.c_str(), nullptr, 10) > kMaxBody)
+    return "Content-Length " + Cut(length) + " is over " + limit;
+  return "the body is larger than " + limit;
+}
+
+// Why the server could not read a body to its end.
+std::string Unread(const httplib::Request& req) {
+  const std::string type = req.get_header_value("Content-Type");
+  const std::string encoding = req.get_header_value("Content-Encoding");
+  if (req.is_multipart_form_data() && type.find("boundary=") == std::string::npos)
+    return "Content-Type \"" + Cut(type) + "\" has no boundary: send multipart/form-data; boundary=...";
+  if (!encoding.empty() && !SameText(encoding, "identity"))
+    return "the body cannot be decoded as its Content-Encoding \"" + Cut(encoding) + "\" says";
+  if (req.is_multipart_form_data()) return "the multipart body is broken, or ends before its closing boundary";
+  if (SameText(req.get_header_value("Transfer-Encoding"), "chunked"))
+    return "the chunked body is broken, or ends before its last chunk";
+  if (req.has_header("Content-Length"))
+    return "the body ends before its Content-Length of " + Cut(req.get_header_value("Content-Length")) + " bytes";
+  return "the body cannot be read";
+}
+
+const char* const kHttpMethods[] = {"GET", "HEAD", "POST", "PUT", "DELETE", "CONNECT", "OPTIONS", "TRACE", "PATCH"};
+
+bool HttpMethod(const std::string& method) {
+  return std::find(std::begin(kHttpMethods), std::end(kHttpMethods), method) != std::end(kHttpMethods);
+}
+
+// Why the server could not read the request line or the headers. It stops
+// at the first fault, and `req` holds what it had read by then.
+std::string Unreadable(const httplib::Request& req, int status) {
+  if (status == 414) return "the request line is longer than 8192 bytes: send long fields in a POST body";
+  if (req.method.empty() || req.version.empty())
+    return "the request line cannot be read: it must be METHOD /path HTTP/1.1, ending in CR LF";
+  if (!HttpMethod(req.method)) return "\"" + Cut(req.method) + "\" is not an HTTP method the host knows";
+  if (req.version != "HTTP/1.1" && req.version != "HTTP/1.0")
+    return "the HTTP version \"" + Cut(req.version) + "\" is not one the host speaks: use HTTP/1.1";
+  if (std::count(req.target.begin(), req.target.end(), '?') > 1)
+    return "the request target has more than one \"?\": write a \"?\" within a field as %3F";
+  return "a header cannot be read: a line of it is over 8192 bytes, or the headers end early";
+}
 
 }  // namespace
 
@@ -369,13 +507,19 @@ Answer VerifierApi::Create() {
 }
 
 Answer VerifierApi::Get(const Json::Value& params, const std::string& user) {
-  if (user != "root") return HostError(kErrForbidden, "only root may read a verifier");
+  if (user != "root")
+    return HostError(kErrForbidden,
+                     "only root may read a verifier, and HTTP requests run as " + std::string(kHttpUser));
   const Json::Value& challenge = params["challenge"];
-  if (!challenge.isString()) return HostError(kErrBadRequest, "\"challenge\" (a string) is required");
+  if (!params.isMember("challenge"))
+    return HostError(kErrBadRequest, "\"challenge\" is missing: give the challenge that create answered");
+  if (!challenge.isString())
+    return HostError(kErrBadRequest, "\"challenge\" must be a string, not " + Shown(challenge));
   std::lock_guard<std::mutex> lock(mu_);
   auto it = byChallenge_.find(challenge.asString());
   if (it == byChallenge_.end() || it->second.second <= std::chrono::steady_clock::now()) {
-    Answer a = HostError(kErrNoVerifier, "no verifier for this challenge");
+    Answer a = HostError(kErrNoVerifier,
+                         "no verifier for this \"challenge\": create did not make it, or it is over ten minutes old");
     a.found = true;  // the API answered
     a.answers = 1;
     return a;
@@ -396,20 +540,21 @@ Answer DevHost::Run(const Call& call) {
   if (call.api == VerifierApi::kApi && call.version == 1) {
     if (call.method == "create") return verifier_.Create();
     if (call.method == "get") return verifier_.Get(call.params, call.user);
-    return HostError(kErrNoSuchMethod, "no method " + call.method + " in " + call.api + " version 1");
   }
-  if (call.api == VerifierApi::kApi) return HostError(kErrNoSuchVersion, call.api + " has only version 1");
-  bool api = false;
-  bool version = false;
-  for (const TALV::APITableEntry* row = module_->Table(); row->szAPI; ++row) {
-    if (call.api != row->szAPI) continue;
-    api = true;
-    version = version || row->iVersion == call.version;
+  std::set<int> versions;
+  if (call.api == VerifierApi::kApi) versions.insert(1);
+  for (const TALV::APITableEntry* row = module_->Table(); row->szAPI; ++row)
+    if (call.api == row->szAPI) versions.insert(row->iVersion);
+  if (versions.empty())
+    return HostError(kErrNoSuchApi, "\"api\" is \"" + Cut(call.api) + "\", which is no web API of this host");
+  if (!versions.count(call.version)) {
+    std::string have;
+    for (int v : versions) have += (have.empty() ? "" : v == *versions.rbegin() ? " and " : ", ") + std::to_string(v);
+    return HostError(kErrNoSuchVersion, "\"version\" is " + std::to_string(call.version) + ", but " + call.api +
+                                            (versions.size() == 1 ? " has only version " : " has versions ") + have);
   }
-  if (!api) return HostError(kErrNoSuchApi, "no API " + call.api);
-  if (!version) return HostError(kErrNoSuchVersion, "no version " + std::to_string(call.version) + " of " + call.api);
-  return HostError(kErrNoSuchMethod,
-                   "no method " + call.method + " in " + call.api + " version " + std::to_string(call.version));
+  return HostError(kErrNoSuchMethod, "\"method\" is \"" + Cut(call.method) + "\", which " + call.api + " version " +
+                                         std::to_string(call.version) + " does not have");
 }
 
 Answer DevHost::Dispatch(const Call& call) {
@@ -445,7 +590,7 @@ int DevHost::Exec(Json::Value& result, const std::string& api, int version, cons
 void DevHost::Log(const std::string& line) {
   if (!log_) return;
   std::lock_guard<std::mutex> lock(logMu_);
-  (void)std::fprintf(log_, "%s\n", line.c_str());
+  (void)std::fprintf(log_, "%s\n", OneLine(line).c_str());
   (void)std::fflush(log_);
 }
 
@@ -487,8 +632,28 @@ std::string DevHost::Foreign(const httplib::Request& req) const {
 void DevHost::Refuse(const httplib::Request& req, httplib::Response& res, int status, int code,
                      const std::string& reason) {
   Reply(res, status, Envelope(HostError(code, reason)));
-  Log(req.method + " " + (req.path.empty() ? "-" : req.path) + ": " + std::to_string(status) + " code " +
-      std::to_string(code) + " (" + reason + ")");
+  // A request line the server could not read leaves no method or path, or
+  // one that is not: the reason says what there was.
+  Log((HttpMethod(req.method) ? req.method : "-") + " " + (req.path.empty() ? "-" : Cut(req.path)) + ": " +
+      std::to_string(status) + " code " + std::to_string(code) + " (" + reason + ")");
+}
+
+void DevHost::Unrouted(const httplib::Request& req, httplib::Response& res) {
+  const std::string foreign = Foreign(req);
+  if (!foreign.empty()) return Refuse(req, res, 403, kErrForeign, foreign);
+  // The server adds REMOTE_ADDR once it has read the request line and the
+  // headers.
+  if (!req.has_header("REMOTE_ADDR")) return Refuse(req, res, res.status, kErrBadRequest, Unreadable(req, res.status));
+  if (res.status == 413) return Refuse(req, res, 413, kErrTooLarge, TooLarge(req));
+  if (res.status == 416)
+    return Refuse(
+        req, res, 416, kErrBadRequest,
+        "Range \"" + Cut(req.get_header_value("Range")) + "\" cannot be read: leave it out for the whole answer");
+  // 404: no route for the path and method; 400: a method no route takes
+  // (CONNECT, TRACE).
+  if (res.status == 404 || res.status == 400) return Other(req, RequestBody(), res);
+  Refuse(req, res, res.status, kErrBadRequest,
+         "the HTTP server refused the request with status " + std::to_string(res.status));
 }
 
 void DevHost::Handle(Route route, const httplib::Request& req, const httplib::ContentReader* reader,
@@ -498,10 +663,8 @@ void DevHost::Handle(Route route, const httplib::Request& req, const httplib::Co
   if (reader) ReadBody(req, res, *reader, &body);
   const std::string foreign = Foreign(req);
   if (!foreign.empty()) return Refuse(req, res, 403, kErrForeign, foreign);
-  if (body.status == 413) return Refuse(req, res, 413, kErrTooLarge, TooLarge());
-  if (body.status)
-    return Refuse(req, res, body.status, kErrBadRequest,
-                  "the body cannot be read: a broken multipart or chunked encoding, or it ended early");
+  if (body.status == 413) return Refuse(req, res, 413, kErrTooLarge, TooLarge(req));
+  if (body.status) return Refuse(req, res, body.status, kErrBadRequest, Unread(req));
   (this->*route)(req, body, res);
 }
 
@@ -510,16 +673,19 @@ void DevHost::Entry(const httplib::Request& req, const RequestBody& body, httpli
   Call call;
   call.language = language_;
   std::string problem;
-  Answer answer = Decode(req, body, &call, &problem) ? Dispatch(call) : HostError(kErrBadRequest, problem);
+  const bool decoded = Decode(req, body, &call, &problem);
+  Answer answer = decoded ? Dispatch(call) : HostError(kErrBadRequest, problem);
   const int status = HttpStatus(answer);
   Reply(res, status, Envelope(answer));
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   const std::string outcome = answer.success ? "success" : "code " + std::to_string(answer.code);
-  char line[512];
-  (void)std::snprintf(line, sizeof(line), "%s %s %d %s: %d %s, %.1f ms", req.method.c_str(),
-                      call.api.empty() ? "-" : call.api.c_str(), call.version,
-                      call.method.empty() ? "-" : call.method.c_str(), status, outcome.c_str(), ms);
-  std::string text = line;
+  // A call by what it calls; one that cannot be decoded by its path.
+  char timing[64];
+  (void)std::snprintf(timing, sizeof(timing), "%d %s, %.1f ms", status, outcome.c_str(), ms);
+  std::string text =
+      req.method + " " +
+      (decoded ? Cut(call.api) + " " + std::to_string(call.version) + " " + Cut(call.method) : req.path) + ": " +
+      timing;
   if (!answer.found) text += " (" + answer.data["reason"].asString() + ")";
   if (answer.threw) text += " (the handler threw: " + answer.exception + ")";
   if (answer.found && answer.answers != 1) text += " (" + std::to_string(answer.answers) + " answers)";
@@ -537,6 +703,7 @@ void DevHost::Browser(const httplib::Request& req, const RequestBody& body, http
   if (!Fields(req, body, false, &fields, &problem)) {
     answer["error"] = problem;
     Reply(res, 400, Compact(answer));
+    Log(req.method + " " + req.path + ": 400 (" + problem + ")");
     return;
   }
   auto text = [&](const char* name, const std::string& fallback = "") {
@@ -568,13 +735,15 @@ void DevHost::Browser(const httplib::Request& req, const RequestBody& body, http
     answer["expires_in"] = static_cast<Json::Int64>(service_->options().tokenLifetime);
   }
   int status = 200;
+  std::string wrong;
   if (error != pellixsim::kOk) {
     answer = Json::Value(Json::objectValue);
     answer["account_error"] = error;
-    answer["error"] = error == pellixsim::kBadAuth    ? "wrong e-mail address or password"
-                      : error == pellixsim::kBadParam ? "missing or malformed field"
-                      : error == pellixsim::kInUse    ? "the e-mail address is taken"
-                                                      : "the service failed";
+    wrong = error == pellixsim::kBadAuth    ? "wrong e-mail address or password"
+            : error == pellixsim::kBadParam ? "missing or malformed field"
+            : error == pellixsim::kInUse    ? "the e-mail address is taken"
+                                            : "the service failed";
+    answer["error"] = wrong;
     status = error == pellixsim::kBadAuth    ? 401
              : error == pellixsim::kBadParam ? 400
              : error == pellixsim::kInUse    ? 409
@@ -582,9 +751,9 @@ void DevHost::Browser(const httplib::Request& req, const RequestBody& body, http
   }
   Reply(res, status, Compact(answer));
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  char line[256];
-  (void)std::snprintf(line, sizeof(line), "%s %s: %d, %.1f ms", req.method.c_str(), req.path.c_str(), status, ms);
-  Log(line);
+  char line[64];
+  (void)std::snprintf(line, sizeof(line), "%d, %.1f ms", status, ms);
+  Log(req.method + " " + req.path + ": " + line + (wrong.empty() ? "" : " (" + wrong + ")"));
 }
 
 // The page's files are named by a pattern of the route, which has no '/' nor
@@ -596,25 +765,53 @@ void DevHost::Page(const httplib::Request& req, const RequestBody& /*body*/, htt
                            : name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0 ? "image/png"
                            : name.size() > 4 && name.compare(name.size() - 4, 4, ".svg") == 0 ? "image/svg+xml"
                                                                                               : "text/html";
-  std::ifstream file(pages_ + "/" + name, std::ios::binary);
-  if (pages_.empty() || !file) {
-    res.status = 404;
-    res.set_content(
-        pages_.empty() ? "This host serves no administration page: its folder was not found.\n" : "No such page.\n",
-        "text/plain; charset=utf-8");
+  const std::string path = pages_ + "/" + name;
+  std::string wrong;  // why it is not served
+  std::string content;
+  struct stat file {};
+  res.status = 404;
+  if (pages_.empty()) {
+    wrong = "this host serves no administration page: its folder was not found";
+  } else if (stat(path.c_str(), &file) != 0) {
+    const int why = errno;
+    res.status = why == ENOENT ? 404 : 500;
+    wrong = why == ENOENT ? "no file " + path : path + ": " + std::strerror(why);
+  } else if (!S_ISREG(file.st_mode)) {
+    wrong = path + " is not a file";
   } else {
-    const std::string body((std::istreambuf_iterator<char>(file)), std::istreambuf_iterator<char>());
+    std::ifstream in(path, std::ios::binary);
+    const int why = errno;
+    if (in) {
+      content.assign(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>());
+    } else {
+      res.status = 500;
+      wrong = path + ": " + std::strerror(why);
+    }
+  }
+  if (!wrong.empty()) {
+    res.set_content((res.status == 404 ? "No such page: " : "The page cannot be served: ") + wrong + ".\n",
+                    "text/plain; charset=utf-8");
+  } else {
+    res.status = 200;
     // The page is edited while the host runs; a reload must show the edit.
     res.set_header("Cache-Control", "no-store");
     res.set_header("X-Content-Type-Options", "nosniff");
-    res.set_content(body, type + (type.rfind("text/", 0) == 0 ? "; charset=utf-8" : ""));
+    res.set_content(content, type + (type.rfind("text/", 0) == 0 ? "; charset=utf-8" : ""));
   }
-  Log(req.method + " " + req.path + ": " + std::to_string(res.status));
+  Log(req.method + " " + req.path + ": " + std::to_string(res.status) + (wrong.empty() ? "" : " (" + wrong + ")"));
 }
 
+// A path no route takes with this method: 405 naming the methods the path
+// takes, or 404.
 void DevHost::Other(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
-  if (req.path == "/webapi/entry") return Refuse(req, res, 405, kErrBadRequest, "use GET or POST");
-  Refuse(req, res, 404, kErrBadRequest, kNoSuchPath);
+  for (const Methods& m : kMethods)
+    if (std::regex_match(req.path, std::regex(m.paths))) {
+      res.set_header("Allow", m.allow);
+      return Refuse(req, res, 405, kErrBadRequest, req.path + " takes " + m.takes + ", not " + req.method);
+    }
+  Refuse(req, res, 404, kErrBadRequest,
+         "no such path \"" + Cut(req.path) + "\": the web API is at /webapi/entry" +
+             (pages_.empty() ? "" : ", the administration page at /"));
 }
 
 int DevHost::Bind(int port) {
@@ -643,22 +840,16 @@ int DevHost::Bind(int port) {
   s.Get("/webapi/entry", plain(&DevHost::Entry));
   s.Post("/webapi/entry", reading(&DevHost::Entry));
   s.Post("/sim/(authorize|token|register)", reading(&DevHost::Browser));
-  s.Get(R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", plain(&DevHost::Page));
+  s.Get(kPageFiles, plain(&DevHost::Page));
   // Any other path, or method with a body: the body is read like any other.
   s.Post(".*", reading(&DevHost::Other));
   s.Put(".*", reading(&DevHost::Other));
   s.Patch(".*", reading(&DevHost::Other));
   s.Delete(".*", reading(&DevHost::Other));
   // Errors the server finds before a handler runs: an unknown path or
-  // method, a request it cannot parse.
+  // method, a request it cannot parse. An answer of a route has its body.
   s.set_error_handler([this](const httplib::Request& req, httplib::Response& res) {
-    if (!res.body.empty()) return;
-    const std::string foreign = Foreign(req);
-    if (!foreign.empty()) return Refuse(req, res, 403, kErrForeign, foreign);
-    Refuse(req, res, res.status, res.status == 413 ? kErrTooLarge : kErrBadRequest,
-           res.status == 413   ? TooLarge()
-           : res.status == 404 ? kNoSuchPath
-                               : "malformed HTTP request");
+    if (res.body.empty()) Unrouted(req, res);
   });
   port_ = port == 0 ? s.bind_to_any_port("127.0.0.1") : s.bind_to_port("127.0.0.1", port) ? port : -1;
   // The server listens with a backlog of 5: a burst of new connections (a

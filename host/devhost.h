@@ -141,6 +141,9 @@ class DevHost : public talvwebapi::Runner {
   // program (empty: it does).
   std::string Foreign(const httplib::Request& req) const;
   void Refuse(const httplib::Request& req, httplib::Response& res, int status, int code, const std::string& reason);
+  // A request the server refused before any route: a request line or headers
+  // it cannot read, a path or method no route takes.
+  void Unrouted(const httplib::Request& req, httplib::Response& res);
   void Entry(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Browser(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Page(const httplib::Request& req, const RequestBody& body, httplib::Response& res);

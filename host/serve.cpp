@@ -18,6 +18,7 @@
 #include "devhost.h"
 #include "feasibility/checker.h"
 #include "harness.h"
+#include "one_line.h"
 #include "pellix/backend.h"
 #include "seam/seam.h"
 #include "state.h"
@@ -159,7 +160,7 @@ int Serve(const ServeOptions& o) {
   // A storage failure answers 3003; its cause is only here.
   FILE* log = o.log;
   store->OnFailure([log](const std::string& failure) {
-    if (log) (void)std::fprintf(log, "account service: storage failed: %s\n", failure.c_str());
+    if (log) (void)std::fprintf(log, "account service: storage failed: %s\n", OneLine(failure).c_str());
   });
 
   syslogcapture::SetEcho(o.log, false);

@@ -6,6 +6,8 @@
 #include <deque>
 #include <mutex>
 
+#include "one_line.h"
+
 namespace syslogcapture {
 namespace {
 
@@ -35,7 +37,7 @@ void Record(int priority, const char* format, va_list args) {
   if (n > 0) (void)std::vsnprintf(&text[0], text.size() + 1, format, args);
   Sink& s = S();
   std::lock_guard<std::mutex> lock(s.mu);
-  if (s.echo) (void)std::fprintf(s.echo, "<%d> %s\n", priority, text.c_str());
+  if (s.echo) (void)std::fprintf(s.echo, "<%d> %s\n", priority, webapihost::OneLine(text).c_str());
   if (!s.keep) return;
   if (s.keepHistory) s.history.push_back(Line{priority, text});
   if (s.history.size() > kHistoryLimit) s.history.pop_front();

@@ -456,8 +456,12 @@ TEST(VerifierApiTest, WhenFullTheOldestGoes) {
     params["challenge"] = challenges[i];
     EXPECT_EQ(api.Get(params, "root").success, i >= 2) << "verifier " << i;
   }
+  EXPECT_EQ(api.Get(Json::Value(Json::objectValue), "root").data["reason"],
+            "\"challenge\" is missing: give the challenge that create answered");
 }
 
+// Each refusal of the host names the field or header at fault, in the
+// answer and in its one log line.
 TEST_F(ServeTest, MalformedRequestsAreRefused) {
   ASSERT_NO_FATAL_FAILURE(Start());
   httplib::Client client("127.0.0.1", host_->port());
@@ -468,37 +472,91 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
     int status;
     int code;
     std::string target;
+    const char* reason;          // of the answer: the whole of it, or a distinctive part
     const char* body = nullptr;  // a GET without one, else a POST
     const char* contentType = "application/json";
+    const char* method = nullptr;  // another method
   } cases[] = {
-      {"no api", 400, 101, "/webapi/entry?version=2&method=query"},
-      {"no method", 400, 101, center + "&version=2"},
-      {"version not a number", 400, 101, center + "&version=two&method=query"},
-      {"unknown API", 404, 102, "/webapi/entry?api=TALV.Nothing&version=1&method=query"},
-      {"no such method", 404, 103, center + "&version=2&method=nothing"},
-      {"no such version", 404, 103, center + "&version=1&method=query"},
-      {"API without that version", 404, 104, center + ".Account&version=2&method=get"},
-      {"field that is broken JSON", 400, 101, center + "&version=2&method=login&account=%7Bx&password=1"},
-      {"field given twice", 400, 101, center + "&version=2&method=query&a=1&a=2"},
-      {"body not JSON", 400, 101, "/webapi/entry", "{\"api\":"},
-      {"body an array", 400, 101, "/webapi/entry", "[1]"},
+      {"no api", 400, 101, "/webapi/entry?version=2&method=query", R"("api" is missing: name a web API)"},
+      {"no version", 400, 101, center + "&method=query", R"("version" is missing)"},
+      {"no method", 400, 101, center + "&version=2", R"("method" is missing)"},
+      {"version not a number", 400, 101, center + "&version=two&method=query",
+       R"("version" must be an integer, not "two")"},
+      {"unknown API", 404, 102, "/webapi/entry?api=TALV.Nothing&version=1&method=query",
+       R"("api" is "TALV.Nothing", which is no web API of this host)"},
+      {"no such method", 404, 103, center + "&version=2&method=nothing",
+       R"("method" is "nothing", which TALV.Core.PellixCenter version 2 does not have)"},
+      {"API without that version", 404, 104, center + ".Account&version=2&method=get",
+       R"("version" is 2, but TALV.Core.PellixCenter.Account has only version 1)"},
+      {"field that is broken JSON", 400, 101, center + "&version=2&method=login&account=%7Bx&password=1",
+       R"("account" starts like JSON but is not JSON (line 1, column 2: missing)"},
+      {"field given twice", 400, 101, center + "&version=2&method=query&a=1&a=2",
+       R"("a" is given twice in the query: give it once)"},
+      {"body not JSON", 400, 101, "/webapi/entry", "the body is not a JSON object: line 1, column 8: ", "{\"api\":"},
+      {"body an array", 400, 101, "/webapi/entry", "the body is not a JSON object but an array", "[1]"},
       {"JSON body repeats a field", 400, 101, center,
+       R"("api" is given twice, in the query and in the JSON body: give it once)",
        R"({"api":"TALV.Core.PellixCenter","version":2,"method":"query"})"},
-      {"body of another kind", 400, 101, "/webapi/entry", "api=1", "text/plain"},
-      {"oversized body", 413, 106, center + "&version=2&method=query", oversized.c_str(), "application/octet-stream"},
-      {"other path", 404, 101, "/webapi/other"},
+      {"body of another kind", 400, 101, "/webapi/entry", R"(Content-Type "text/plain" is neither a form nor JSON)",
+       "api=1", "text/plain"},
+      {"oversized body", 413, 106, center + "&version=2&method=query",
+       "Content-Length 66560 is over 65536 bytes (64 KiB)", oversized.c_str(), "application/octet-stream"},
+      {"other path", 404, 101, "/webapi/other", R"(no such path "/webapi/other": the web API is at /webapi/entry)"},
       {"verifier for a user not root", 403, 105,
-       "/webapi/entry?api=TALV.Remote.Credential.Verifier&version=1&method=get&challenge=x"},
+       "/webapi/entry?api=TALV.Remote.Credential.Verifier&version=1&method=get&challenge=x",
+       "only root may read a verifier, and HTTP requests run as admin"},
+      {"entry by another method", 405, 101, "/webapi/entry", "/webapi/entry takes GET or POST, not PUT", "", "", "PUT"},
+      {"GET of a POST-only path", 405, 101, "/sim/token", "/sim/token takes POST, not GET"},
+      {"DELETE of a POST-only path", 405, 101, "/sim/register", "/sim/register takes POST, not DELETE", nullptr, "",
+       "DELETE"},
+      {"POST of a page file", 405, 101, "/app.js", "/app.js takes GET, not POST", "x", "text/plain"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
-    httplib::Result r = c.body ? client.Post(c.target, c.body, c.contentType) : client.Get(c.target);
+    httplib::Request request;
+    request.method = c.method ? c.method : c.body ? "POST" : "GET";
+    request.path = c.target;
+    if (c.body) request.body = c.body;
+    if (c.body && *c.contentType) request.set_header("Content-Type", c.contentType);
+    httplib::Result r = client.send(request);
     ASSERT_TRUE(r);
     EXPECT_EQ(r->status, c.status) << r->body;
+    EXPECT_EQ(r->has_header("Allow"), c.status == 405);
     Json::Value body = J(r->body);
     EXPECT_EQ(body["success"], false);
     EXPECT_EQ(body["error"]["code"], c.code) << r->body;
-    EXPECT_TRUE(body["error"]["details"]["reason"].isString()) << r->body;
+    const std::string reason = body["error"]["details"]["reason"].asString();
+    EXPECT_NE(reason.find(c.reason), std::string::npos) << reason;
+    // Logged whole, on a line of its own that begins with the method.
+    const std::string log = host_->Log();
+    const size_t at = log.find(" (" + reason + ")\n");
+    ASSERT_NE(at, std::string::npos) << log;
+    const size_t begin = log.rfind('\n', at) == std::string::npos ? 0 : log.rfind('\n', at) + 1;
+    const std::string line = log.substr(begin, at - begin);
+    EXPECT_EQ(line.rfind(request.method + " ", 0), 0u) << line;
+    EXPECT_NE(line.find(": " + std::to_string(c.status) + " code " + std::to_string(c.code)), std::string::npos)
+        << line;
+  }
+  // Requests the HTTP library cannot parse, or whose path is not one line.
+  struct Raw {
+    std::string request;
+    int status;
+    const char* logged;
+  } raws[] = {
+      {"HELLO\r\n", 400, "- -: 400 code 101 (the request line cannot be read: it must be METHOD /path HTTP/1.1"},
+      {"BREW /pot HTTP/1.1\r\n", 400, "- -: 400 code 101 (\"BREW\" is not an HTTP method"},
+      {"GET / HTTP/2.0\r\n", 400, "GET -: 400 code 101 (the HTTP version \"HTTP/2.0\" is not one"},
+      {"GET /" + std::string(9000, 'a') + " HTTP/1.1\r\n\r\n", 414,
+       "- -: 414 code 101 (the request line is longer than 8192 bytes"},
+      {"TRACE /webapi/entry HTTP/1.1\r\n\r\n", 405,
+       "TRACE /webapi/entry: 405 code 101 (/webapi/entry takes GET or POST, not TRACE)\n"},
+      {"GET /a%0Ab HTTP/1.1\r\n\r\n", 404, R"(GET /a\nb: 404 code 101 (no such path "/a\nb")"},
+  };
+  for (const Raw& raw : raws) {
+    SCOPED_TRACE(raw.logged);
+    const std::string answer = webapihost::Exchange(host_->port(), raw.request);
+    EXPECT_EQ(answer.rfind("HTTP/1.1 " + std::to_string(raw.status) + " ", 0), 0u) << answer;
+    EXPECT_NE(host_->Log().find(raw.logged), std::string::npos) << host_->Log();
   }
   // The host is still serving.
   EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
@@ -537,6 +595,7 @@ TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
     EXPECT_EQ(res->get_header_value("Content-Type").rfind(c.type, 0), 0u) << res->get_header_value("Content-Type");
     EXPECT_NE(res->body.find(c.content), std::string::npos) << res->body;
   }
+  EXPECT_NE(host_->Log().find("GET /nothing.js: 404 (no file "), std::string::npos) << host_->Log();
   // The page and the web API side by side on one origin.
   EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
 }
@@ -867,8 +926,10 @@ TEST_F(ServeTest, EveryBodyKindHasTheOneLimit) {
       ASSERT_TRUE(r);
       const bool over = size > webapihost::kMaxBody;
       EXPECT_EQ(r->status, over ? 413 : 200);
-      EXPECT_EQ(J(r->body),
-                J(over ? Refused(106, R"x({"reason":"the body is larger than 65536 bytes (64 KiB)"})x") : kSignedOut));
+      const std::string reason =
+          (kind.chunked ? "the body is larger than" : "Content-Length " + std::to_string(size) + " is over") +
+          std::string(" 65536 bytes (64 KiB), the most the host takes");
+      EXPECT_EQ(J(r->body), J(over ? Refused(106, ("{\"reason\":\"" + reason + "\"}").c_str()) : kSignedOut));
     }
 }
 
