@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "one_line.h"
+#include "sim_pages.h"
 
 namespace webapihost {
 
@@ -402,18 +403,31 @@ void Reply(httplib::Response& res, int status, const std::string& body) {
   res.set_content(body + "\n", "application/json");
 }
 
+// Serves an HTML page; the pages hold no script, load nothing and post
+// their forms only to this host.
+void ReplyPage(httplib::Response& res, int status, const std::string& page) {
+  res.status = status;
+  res.set_header("Cache-Control", "no-store");
+  res.set_header("X-Content-Type-Options", "nosniff");
+  res.set_header("Content-Security-Policy",
+                 "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'; frame-ancestors 'self'");
+  res.set_content(page, "text/html; charset=utf-8");
+}
+
 // The host's paths and the methods each takes (HEAD with GET), for a request
 // that no route of Bind took: a method a path does not take is answered 405,
 // any other path is not found.
 const char kPageFiles[] = R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))";
+const char kSimPages[] = "/sim/authorize|/sim/account|/sim/(login|register)/done";
 struct Methods {
   const char* paths;
   const char* allow;  // the Allow header
   const char* takes;  // in a sentence
 };
 const Methods kMethods[] = {
-    {"/webapi/entry", "GET, HEAD, POST", "GET or POST"},
-    {"/sim/(authorize|token|register)", "POST", "POST"},
+    {"/webapi/entry|/sim/authorize", "GET, HEAD, POST", "GET or POST"},
+    {"/sim/(token|register)", "POST", "POST"},
+    {kSimPages, "GET, HEAD", "GET"},
     {kPageFiles, "GET, HEAD", "GET"},
 };
 
@@ -710,9 +724,12 @@ void DevHost::Browser(const httplib::Request& req, const RequestBody& body, http
     return fields[name].isString() ? fields[name].asString() : fallback;
   };
   const Json::Value login = service_->PkceConfig("login");
+  // A sign-in from the service's sign-in page (SimPage) goes on as a page: to
+  // the redirect target with the grant code, or back to the form.
+  const bool signInPage = req.path == "/sim/authorize" && req.get_header_value("Sec-Fetch-Mode") == "navigate";
+  std::string code;
+  const std::string redirect = text("redirect_uri", login["redirect_uri"].asString());
   if (req.path == "/sim/authorize") {
-    std::string code;
-    const std::string redirect = text("redirect_uri", login["redirect_uri"].asString());
     error = service_->IssueGrant(text("email"), text("password"), text("client_id", pellixsim::kClientId), redirect,
                                  text("code_challenge"), text("code_challenge_method", "S256"), &code);
     answer["grant_code"] = code;
@@ -749,11 +766,43 @@ void DevHost::Browser(const httplib::Request& req, const RequestBody& body, http
              : error == pellixsim::kInUse    ? 409
                                              : 500;
   }
-  Reply(res, status, Compact(answer));
+  // The redirect goes by path, so the browser stays on the name it used for
+  // the host; a redirect URI elsewhere gets the answer as it is.
+  const std::string own = service_->options().baseUrl + "/sim/";
+  if (signInPage && error != pellixsim::kOk) {
+    ReplyPage(res, status, SignInPage(fields, login, "The sign-in failed: " + wrong + "."));
+  } else if (signInPage && redirect.rfind(own, 0) == 0) {
+    status = 303;
+    res.status = status;
+    const std::string path = redirect.substr(service_->options().baseUrl.size());
+    res.set_header("Location", path + (path.find('?') == std::string::npos ? "?code=" : "&code=") + code);
+  } else {
+    Reply(res, status, Compact(answer));
+  }
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   char line[64];
   (void)std::snprintf(line, sizeof(line), "%d, %.1f ms", status, ms);
   Log(req.method + " " + req.path + ": " + line + (wrong.empty() ? "" : " (" + wrong + ")"));
+}
+
+// The account service's pages that its links lead to (sim_pages.h).
+void DevHost::SimPage(const httplib::Request& req, const RequestBody& body, httplib::Response& res) {
+  Json::Value fields;
+  std::string problem;
+  if (!Fields(req, body, false, &fields, &problem)) return Refuse(req, res, 400, kErrBadRequest, problem);
+  if (req.path == "/sim/authorize") {
+    ReplyPage(res, 200, SignInPage(fields, service_->PkceConfig("login"), ""));
+  } else if (req.path == "/sim/account") {
+    Json::Value info;
+    const uint32_t error = service_->Query(serial_, &info);
+    if (error != pellixsim::kOk && error != pellixsim::kNotSignedIn)
+      return Refuse(req, res, 500, kErrUnknown, "the account service cannot read the device's account");
+    ReplyPage(res, 200, AccountPage(error == pellixsim::kOk ? info : Json::Value()));
+  } else {
+    const std::string flow = req.path == "/sim/register/done" ? "register" : "login";
+    ReplyPage(res, 200, DonePage(flow, service_->PkceConfig(flow), fields, service_->options().grantLifetime));
+  }
+  Log(req.method + " " + req.path + ": 200");
 }
 
 // The page's files are named by a pattern of the route, which has no '/' nor
@@ -840,6 +889,7 @@ int DevHost::Bind(int port) {
   s.Get("/webapi/entry", plain(&DevHost::Entry));
   s.Post("/webapi/entry", reading(&DevHost::Entry));
   s.Post("/sim/(authorize|token|register)", reading(&DevHost::Browser));
+  s.Get(kSimPages, plain(&DevHost::SimPage));
   s.Get(kPageFiles, plain(&DevHost::Page));
   // Any other path, or method with a body: the body is read like any other.
   s.Post(".*", reading(&DevHost::Other));

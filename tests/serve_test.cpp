@@ -152,6 +152,10 @@ TEST_F(ServeTest, AccountLifeCycle) {
       {"iframe", kCenter, 2, "get_iframe_info", "{}",
        R"({"success":true,"data":{"url":"<any>","is_logged_in":true,"account":"Ada@Example.com"}})"},
   });
+  const std::string iframe = Entry(host_->port(), kCenter, 2, "get_iframe_info").body["data"]["url"].asString();
+  httplib::Result page = httplib::Client("127.0.0.1", host_->port()).Get(iframe.substr(iframe.find("/sim/")));
+  ASSERT_TRUE(page);
+  EXPECT_NE(page->body.find("<dd>Ada@Example.com</dd>"), std::string::npos) << page->body;
 
   Reasons("hard = A backup to the cloud is running\nsoft = The cloud drive is mounted\n");
   Run({{"hard refusal, forced or not", kCenter, 2, "logout", R"({"force":true})",
@@ -221,6 +225,24 @@ TEST_F(ServeTest, PkceSignIn) {
            "redirect_uri":"$redirect"})",
        Refused(3003)},
   });
+  // The service's sign-in page, as a browser submits it, goes on to the
+  // redirect target, which shows a grant code that signs in.
+  httplib::Client browser("127.0.0.1", host_->port());
+  const httplib::Params form{
+      {"email", "ada@example.com"}, {"password", "secret1"}, {"code_challenge", vars_["challenge"]}};
+  httplib::Result signIn = browser.Post("/sim/authorize", {{"Sec-Fetch-Mode", "navigate"}}, form);
+  ASSERT_TRUE(signIn);
+  ASSERT_EQ(signIn->status, 303) << signIn->body;
+  const std::string location = signIn->get_header_value("Location");
+  EXPECT_EQ(location.rfind("/sim/login/done?code=", 0), 0u) << location;
+  vars_["code"] = location.substr(location.find('=') + 1);
+  httplib::Result done = browser.Get(location);
+  ASSERT_TRUE(done);
+  EXPECT_NE(done->body.find("<code>" + vars_["code"] + "</code>. Pass it to <code>pkce_login</code>"),
+            std::string::npos)
+      << done->body;
+  Run({{"a grant from the sign-in page", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange,
+        R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})"}});
 }
 
 // Both registrations reach the same accounts: version 2 through the device's
@@ -564,7 +586,8 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
 
 // The administration page comes from its folder with the types a browser
 // insists on (a script served as text/plain is not run), and no name can
-// reach outside that folder.
+// reach outside that folder. The account service's pages under /sim/ show
+// what they were sent, escaped.
 TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
   ASSERT_NO_FATAL_FAILURE(Start());
   EXPECT_NE(host_->announcement().find("administration page http://127.0.0.1:"), std::string::npos)
@@ -586,6 +609,11 @@ TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
       {"/%2e%2e/CMakeLists.txt", 404, "application/json", "\"code\":101"},
       {"/.hidden.js", 404, "application/json", "\"code\":101"},
       {"/sub/app.js", 404, "application/json", "\"code\":101"},
+      {"/sim/authorize?code_challenge=%22abc", 200, "text/html",
+       "name=\"code_challenge\" required size=\"50\" value=\"&quot;abc\""},
+      {"/sim/login/done?code=%3Cb%3E", 200, "text/html", "received the grant code <code>&lt;b&gt;</code>"},
+      {"/sim/register/done", 200, "text/html", "It received no grant code"},
+      {"/sim/account", 200, "text/html", "No account is signed in on the device."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
