@@ -612,6 +612,12 @@ void DevHost::Page(const httplib::Request& req, const RequestBody& /*body*/, htt
   Log(req.method + " " + req.path + ": " + std::to_string(res.status));
 }
 
+void DevHost::Device(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
+  res.set_header("Cache-Control", "no-store");
+  Reply(res, 200, Compact(device_));
+  Log(req.method + " " + req.path + ": 200");
+}
+
 void DevHost::Other(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
   if (req.path == "/webapi/entry") return Refuse(req, res, 405, kErrBadRequest, "use GET or POST");
   Refuse(req, res, 404, kErrBadRequest, kNoSuchPath);
@@ -644,6 +650,7 @@ int DevHost::Bind(int port) {
   s.Post("/webapi/entry", reading(&DevHost::Entry));
   s.Post("/sim/(authorize|token|register)", reading(&DevHost::Browser));
   s.Get(R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", plain(&DevHost::Page));
+  s.Get("/device.json", plain(&DevHost::Device));
   // Any other path, or method with a body: the body is read like any other.
   s.Post(".*", reading(&DevHost::Other));
   s.Put(".*", reading(&DevHost::Other));

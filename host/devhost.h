@@ -120,6 +120,9 @@ class DevHost : public talvwebapi::Runner {
   // The administration page's folder, served at / (empty: no page). Call
   // before Bind.
   void SetPages(std::string folder) { pages_ = std::move(folder); }
+  // The device's facts, answered at /device.json: the page needs the serial
+  // for a sign-in by key, and no web API method tells it. Call before Bind.
+  void SetDevice(Json::Value facts) { device_ = std::move(facts); }
   // Binds 127.0.0.1:port (0: any free port); the port, or -1 (also when
   // another program listens there: one host per port).
   int Bind(int port);
@@ -144,6 +147,7 @@ class DevHost : public talvwebapi::Runner {
   void Entry(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Browser(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Page(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Device(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Other(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Log(const std::string& line);
 
@@ -159,6 +163,7 @@ class DevHost : public talvwebapi::Runner {
   std::atomic<bool> stopped_{false};
   std::atomic<int> underWay_{0};
   std::string pages_;
+  Json::Value device_{Json::objectValue};
   int port_ = -1;
   int listener_ = -1;  // the listening socket, once bound
 };
