@@ -281,7 +281,7 @@ onSubmit($('#f-password'), async (form) => {
     password: field(form, 'password').value,
   });
   if (answer.success) await signedInNow(answer);
-  else failed($('#signin'), answer);
+  else failed($('#signin'), answer, 'password');
 });
 
 onSubmit($('#f-key'), async (form) => {
@@ -291,14 +291,14 @@ onSubmit($('#f-key'), async (form) => {
     auth_key: field(form, 'auth_key').value.trim(),
   });
   if (answer.success) await signedInNow(answer);
-  else failed($('#signin'), answer);
+  else failed($('#signin'), answer, 'key');
 });
 
 onSubmit($('#f-token'), async (form) => {
   if (refuseFaults(form)) return;
   const answer = await call(CENTER, 2, 'oauth_login', { access_token: field(form, 'access_token').value.trim() });
   if (answer.success) await signedInNow(answer);
-  else failed($('#signin'), answer);
+  else failed($('#signin'), answer, 'token');
 });
 
 // The device makes the verifier and keeps it; the page only ever holds its
@@ -320,7 +320,7 @@ onSubmit($('#f-pkce'), async (form) => {
     client_id: login.client_id,
     redirect_uri: login.redirect_uri,
   });
-  if (!grant.success) return failed(section, grant);
+  if (!grant.success) return failed(section, grant, 'pkce');
   const answer = await call(LOGIN, 1, 'pkce_login', {
     code_challenge: challenge,
     grant_code: grant.data.grant_code,

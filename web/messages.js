@@ -32,6 +32,11 @@ const Messages = (() => {
     3004: {
       any: ['Wrong e-mail address or password, or the key, token or code is no longer valid.',
         'Check the entries and try again.'],
+      password: ['Wrong e-mail address or password.', 'Check both and try again.'],
+      pkce: ['The account service does not know this e-mail address and password.', 'Check both and try again.'],
+      key: ['The key does not fit this serial number, or it is no longer valid: every sign-in makes a new one.',
+        'Check both, or sign in another way.'],
+      token: ['The access token is not valid, or has expired.', 'Get a new one from the account service and try again.'],
       profile: ['The current password is wrong.',
         'Enter the password the account has now under "Current password", then save again.'],
     },
