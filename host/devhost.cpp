@@ -429,6 +429,7 @@ const Methods kMethods[] = {
     {"/sim/(token|register)", "POST", "POST"},
     {kSimPages, "GET, HEAD", "GET"},
     {kPageFiles, "GET, HEAD", "GET"},
+    {"/device.json", "GET, HEAD", "GET"},
 };
 
 std::string TooLarge(const httplib::Request& req) {
@@ -794,7 +795,7 @@ void DevHost::SimPage(const httplib::Request& req, const RequestBody& body, http
     ReplyPage(res, 200, SignInPage(fields, service_->PkceConfig("login"), ""));
   } else if (req.path == "/sim/account") {
     Json::Value info;
-    const uint32_t error = service_->Query(serial_, &info);
+    const uint32_t error = service_->Query(device_["serial"].asString(), &info);
     if (error != pellixsim::kOk && error != pellixsim::kNotSignedIn)
       return Refuse(req, res, 500, kErrUnknown, "the account service cannot read the device's account");
     ReplyPage(res, 200, AccountPage(error == pellixsim::kOk ? info : Json::Value()));
@@ -850,6 +851,12 @@ void DevHost::Page(const httplib::Request& req, const RequestBody& /*body*/, htt
   Log(req.method + " " + req.path + ": " + std::to_string(res.status) + (wrong.empty() ? "" : " (" + wrong + ")"));
 }
 
+void DevHost::Device(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
+  res.set_header("Cache-Control", "no-store");
+  Reply(res, 200, Compact(device_));
+  Log(req.method + " " + req.path + ": 200");
+}
+
 // A path no route takes with this method: 405 naming the methods the path
 // takes, or 404.
 void DevHost::Other(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
@@ -891,6 +898,7 @@ int DevHost::Bind(int port) {
   s.Post("/sim/(authorize|token|register)", reading(&DevHost::Browser));
   s.Get(kSimPages, plain(&DevHost::SimPage));
   s.Get(kPageFiles, plain(&DevHost::Page));
+  s.Get("/device.json", plain(&DevHost::Device));
   // Any other path, or method with a body: the body is read like any other.
   s.Post(".*", reading(&DevHost::Other));
   s.Put(".*", reading(&DevHost::Other));

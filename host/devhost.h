@@ -120,9 +120,11 @@ class DevHost : public talvwebapi::Runner {
   // The administration page's folder, served at / (empty: no page). Call
   // before Bind.
   void SetPages(std::string folder) { pages_ = std::move(folder); }
-  // The serial of the device the host stands for, whose account the account
-  // service's page at /sim/account shows. Call before Bind.
-  void SetDevice(std::string serial) { serial_ = std::move(serial); }
+  // The device's facts ({"serial", "model", "build"}), answered at
+  // /device.json: the page needs the serial for a sign-in by key, and no web
+  // API method tells it; the account service's page at /sim/account shows
+  // the account of this serial. Call before Bind.
+  void SetDevice(Json::Value facts) { device_ = std::move(facts); }
   // Binds 127.0.0.1:port (0: any free port); the port, or -1 (also when
   // another program listens there: one host per port).
   int Bind(int port);
@@ -151,6 +153,7 @@ class DevHost : public talvwebapi::Runner {
   void Browser(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Page(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void SimPage(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void Device(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Other(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Log(const std::string& line);
 
@@ -166,7 +169,7 @@ class DevHost : public talvwebapi::Runner {
   std::atomic<bool> stopped_{false};
   std::atomic<int> underWay_{0};
   std::string pages_;
-  std::string serial_;
+  Json::Value device_{Json::objectValue};
   int port_ = -1;
   int listener_ = -1;  // the listening socket, once bound
 };

@@ -173,7 +173,11 @@ int Serve(const ServeOptions& o) {
   pellixsim::Service service(store.get(), pellixsim::Options());
   DevHost host(module.get(), &service, o.log, o.language.empty() ? "enu" : o.language);
   host.SetPages(o.pages);
-  host.SetDevice(state.serial);
+  Json::Value device(Json::objectValue);
+  device["serial"] = state.serial;
+  device["model"] = state.model;
+  device["build"] = state.build;
+  host.SetDevice(device);
   // From here on threads run, and the signals are the stopper's.
   Stopper stopper([&host] { host.Stop(); }, [&host] { return host.RequestsUnderWay(); });
   const int port = host.Bind(o.port);

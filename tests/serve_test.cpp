@@ -614,6 +614,7 @@ TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
       {"/sim/login/done?code=%3Cb%3E", 200, "text/html", "received the grant code <code>&lt;b&gt;</code>"},
       {"/sim/register/done", 200, "text/html", "It received no grant code"},
       {"/sim/account", 200, "text/html", "No account is signed in on the device."},
+      {"/device.json", 200, "application/json", "\"serial\":\"Q26CA"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);

@@ -35,30 +35,50 @@ async function call(api, version, method, params = {}) {
 }
 
 // The account service's own sign-in page, for the PKCE flow. Only its path
-// is taken from the configuration: the page stays on its own origin.
+// is taken from the configuration: the page stays on its own origin. Its
+// answer is made an envelope like the device's: the service's account error
+// as the code the device makes of it, a refusal of the host as it is.
 async function authorizeAtService(endpoint, fields) {
+  let text = '';
   try {
     const res = await fetch(new URL(endpoint, location.href).pathname, {
       method: 'POST',
       headers: { 'Content-Type': 'application/json' },
       body: JSON.stringify(fields),
     });
-    return { status: res.status, body: await res.json() };
+    text = await res.text();
+    const body = JSON.parse(text);
+    if (res.ok) return { success: true, data: body };
+    if (body.error && typeof body.error.code === 'number') return body;
+    return { success: false, error: { code: Messages.codeOfAccountError(body.account_error), details: body } };
   } catch (e) {
-    return { status: 0, body: { error: String(e) } };
+    return { success: false, error: { code: 0, details: text || String(e) } };
   }
 }
 
 // --- What a person is told -------------------------------------------------
 
-function report(section, kind, text, code, answer) {
+// `said` is a text, or a pair from Messages: what went wrong, what to do.
+// `extra` goes between the sentence and the details: what the answer names,
+// and what a person can do about it, come before the answer itself.
+function report(section, kind, said, code, answer, extra) {
   const out = $('.outcome', section);
   out.replaceChildren();
   out.className = `outcome ${kind}`;
-  if (!text) return;
+  if (!said) return;
   const p = document.createElement('p');
   p.className = 'sentence';
-  p.textContent = text;
+  if (Array.isArray(said)) {
+    const [what, todo] = said.map((text, i) => {
+      const span = document.createElement('span');
+      span.className = i ? 'todo' : 'what';
+      span.textContent = text;
+      return span;
+    });
+    p.append(what, ' ', todo);
+  } else {
+    p.textContent = said;
+  }
   if (code !== undefined) {
     const c = document.createElement('span');
     c.className = 'code';
@@ -66,6 +86,7 @@ function report(section, kind, text, code, answer) {
     p.append(' ', c);
   }
   out.append(p);
+  if (extra) out.append(extra);
   if (answer !== undefined) {
     const details = document.createElement('details');
     const summary = document.createElement('summary');
@@ -77,9 +98,15 @@ function report(section, kind, text, code, answer) {
   }
 }
 
-function failed(section, answer) {
+// A failure may mean that the device is no longer in the state the page
+// shows: one that found no device says so in the status, any other has the
+// status asked again (a sign-in refused with 3010 finds an account signed in
+// elsewhere, a profile refused finds it signed out).
+function failed(section, answer, context) {
   const code = answer.error ? answer.error.code : 0;
-  report(section, 'error', Messages.sentence(code), code, answer);
+  report(section, 'error', Messages.of(code, context), code, answer);
+  if (code === 0) statusUnknown();
+  else refreshStatus();
 }
 
 // A section does one thing at a time; a second Enter while a request runs
@@ -102,35 +129,105 @@ function onSubmit(form, work) {
 }
 
 const field = (form, name) => form.elements.namedItem(name);
-const labelOf = (input) => (input.labels && input.labels[0] ? input.labels[0].textContent.trim() : input.name);
+// A field's name as its label shows it, without what the label adds in
+// brackets ("Password (6 to 128 bytes)" is "Password").
+const labelOf = (input) => (input.labels && input.labels[0]
+  ? input.labels[0].textContent.replace(/\(.*\)/, '').trim() : input.name);
+
+// --- What the page checks itself --------------------------------------------
+
+// The account service's rules as the fields carry them: required, type=email
+// and data-bytes="min max" (in UTF-8 bytes, as the service counts).
+const EMAIL = /^[^\s@]+@[^\s@.]+(\.[^\s@.]+)+$/;
+const bytes = (text) => new TextEncoder().encode(text).length;
+
+function fieldFault(input) {
+  const name = labelOf(input);
+  const value = input.type === 'password' ? input.value : input.value.trim();
+  if (input.validity.badInput) return Messages.field.date(name);
+  if (!value) return input.required ? Messages.field.missing(name) : null;
+  if (input.type === 'email' && !EMAIL.test(value)) return Messages.field.email(name);
+  if (input.dataset.bytes) {
+    const [min, max] = input.dataset.bytes.split(' ').map(Number);
+    const size = bytes(value);
+    if (size < min || size > max) return Messages.field.bytes(name, min, max, size);
+  }
+  return null;
+}
+
+// The first fault among the shown fields of `form` (only those named in
+// `names`, if given), told in the form's section with the field marked and
+// focused; true when there was one. Nothing is sent then.
+function refuseFaults(form, names) {
+  for (const input of form.elements) {
+    if (!(input instanceof HTMLInputElement) || input.closest('[hidden]')) continue;
+    if (names && !names.includes(input.name)) continue;
+    const fault = fieldFault(input);
+    if (fault) return markFault(form, input, fault);
+  }
+  return false;
+}
+
+function markFault(form, input, fault) {
+  input.setAttribute('aria-invalid', 'true');
+  input.focus();
+  report(form.closest('section'), 'error', fault);
+  return true;
+}
 
 // --- Status ----------------------------------------------------------------
 
-let signedIn = null;
+let signedIn = null;  // as the device last told; null before it has
 let profile = null;  // the account's values as `get` last answered them
+let statusAsked = 0;  // the number of the latest query; older answers are stale
 
+// Every section of one state shows, those of the other hide and forget what
+// they showed: nothing of one account is left for the next to see.
 function showSignedIn(state) {
   if (signedIn === state) return;
   signedIn = state;
   $$('.signed-in').forEach((s) => { s.hidden = !state; });
   $$('.signed-out').forEach((s) => { s.hidden = state; });
   profile = null;
-  $('#so-refusal').hidden = true;
+  $('#f-profile').reset();
+  profileReady(false);
   $('#pu-table').hidden = true;
+  $('#pu-table tbody').replaceChildren();
   ['#profile', '#purchases', '#signout', '#signin', '#register'].forEach((id) => report($(id), '', ''));
-  if (state) loadProfile();
+  if (state) busy($('#profile'), loadProfile);
 }
 
-async function refreshStatus() {
+// The device did not answer, or could not tell: what the status showed may no
+// longer hold, so none of it stays. The sections stay as they are, with what
+// the person typed.
+function statusUnknown(code = 0) {
+  $('#status').dataset.state = 'unknown';
+  $('#st-account').textContent = code === 0 ? 'Not known: the device did not answer' : 'Not known: the device could not tell';
+  ['#st-activated', '#st-domain', '#st-key'].forEach((id) => { $(id).textContent = '–'; });
+}
+
+// `expected` is the state a request of this page has just made (undefined:
+// none); another change was made elsewhere, and the person is told so.
+async function refreshStatus(expected) {
   const section = $('#status');
+  const asked = ++statusAsked;
   const answer = await call(CENTER, 2, 'query');
+  if (asked !== statusAsked) return;
   if (!answer.success) {
-    $('#st-account').textContent = 'Unknown';
-    failed(section, answer);
+    const code = answer.error ? answer.error.code : 0;
+    statusUnknown(code);
+    report(section, 'error', Messages.of(code), code, answer);
     return;
   }
   const d = answer.data;
   const on = d.is_logged_in === true;
+  if (signedIn !== null && on !== signedIn && on !== expected) {
+    report(section, 'info', on
+      ? `This device was signed in as ${d.account} meanwhile, from another page or program.`
+      : 'The account was signed out meanwhile, from another page or program. Sign in again below to go on.');
+  } else if (section.dataset.state === 'unknown') {
+    report(section, '', '');
+  }
   $('#st-account').textContent = on ? `Signed in as ${d.account}` : 'Not signed in';
   $('#st-activated').textContent = on ? (d.activated ? 'Yes' : 'Not yet') : '–';
   $('#st-domain').textContent = on && d.critical_version_domain ? d.critical_version_domain : '–';
@@ -146,8 +243,29 @@ async function refreshStatus() {
 async function signedInNow(answer) {
   report($('#status'), 'ok', `Signed in as ${answer.data.account}.`);
   $$('#signin input[type=password]').forEach((i) => { i.value = ''; });
-  await refreshStatus();
+  await refreshStatus(true);
 }
+
+// The device's serial number, for the key sign-in; the host tells it apart
+// from the web API. A host that does not leaves the field to the person.
+async function loadDevice() {
+  let device = null;
+  try {
+    const res = await fetch('/device.json');
+    if (res.ok) device = await res.json();
+  } catch (e) {
+    device = null;
+  }
+  if (!device || typeof device.serial !== 'string' || !device.serial) {
+    $('#st-device').textContent = 'Not known: webapi-host serve prints its serial number when it starts';
+    return false;
+  }
+  $('#st-device').textContent = `${device.model || 'Device'}, serial number ${device.serial}`;
+  const serial = $('#key-serial');
+  if (!serial.value) serial.value = device.serial;
+  return true;
+}
+let deviceKnown = false;
 
 // --- Sign-in ---------------------------------------------------------------
 
@@ -157,33 +275,37 @@ function chooseSignInWay(way) {
 }
 
 onSubmit($('#f-password'), async (form) => {
+  if (refuseFaults(form)) return;
   const answer = await call(CENTER, 2, 'login', {
     account: field(form, 'account').value.trim(),
     password: field(form, 'password').value,
   });
   if (answer.success) await signedInNow(answer);
-  else failed($('#signin'), answer);
+  else failed($('#signin'), answer, 'password');
 });
 
 onSubmit($('#f-key'), async (form) => {
+  if (refuseFaults(form)) return;
   const answer = await call(CENTER, 2, 'login_by_key', {
     serial: field(form, 'serial').value.trim(),
     auth_key: field(form, 'auth_key').value.trim(),
   });
   if (answer.success) await signedInNow(answer);
-  else failed($('#signin'), answer);
+  else failed($('#signin'), answer, 'key');
 });
 
 onSubmit($('#f-token'), async (form) => {
+  if (refuseFaults(form)) return;
   const answer = await call(CENTER, 2, 'oauth_login', { access_token: field(form, 'access_token').value.trim() });
   if (answer.success) await signedInNow(answer);
-  else failed($('#signin'), answer);
+  else failed($('#signin'), answer, 'token');
 });
 
 // The device makes the verifier and keeps it; the page only ever holds its
 // challenge, which the account service binds to the grant code.
 onSubmit($('#f-pkce'), async (form) => {
   const section = $('#signin');
+  if (refuseFaults(form)) return;
   const config = await call(LOGIN, 1, 'pkce_config_get');
   if (!config.success) return failed(section, config);
   const login = config.data.login || {};
@@ -198,13 +320,10 @@ onSubmit($('#f-pkce'), async (form) => {
     client_id: login.client_id,
     redirect_uri: login.redirect_uri,
   });
-  if (grant.status !== 200) {
-    const code = grant.status ? Messages.codeOfAccountError(grant.body.account_error) : 0;
-    return report(section, 'error', Messages.sentence(code), code, grant.body);
-  }
+  if (!grant.success) return failed(section, grant, 'pkce');
   const answer = await call(LOGIN, 1, 'pkce_login', {
     code_challenge: challenge,
-    grant_code: grant.body.grant_code,
+    grant_code: grant.data.grant_code,
     client_id: login.client_id,
     token_endpoint: login.token_endpoint,
     redirect_uri: login.redirect_uri,
@@ -221,6 +340,7 @@ function registerVersion() {
 
 onSubmit($('#f-register'), async (form) => {
   const section = $('#register');
+  if (refuseFaults(form)) return;
   const params = {
     account: field(form, 'account').value.trim(),
     fullname: field(form, 'fullname').value.trim(),
@@ -238,7 +358,7 @@ onSubmit($('#f-register'), async (form) => {
   $('#f-register .v2-only').hidden = registerVersion() !== 2;
   if (version === 2) {
     report($('#status'), 'ok', `Account ${params.account} created; this device is signed in with it.`);
-    await refreshStatus();
+    await refreshStatus(true);
   } else {
     report(section, 'ok', `Account ${params.account} created. Sign in with it to use it on this device.`);
     $('#pw-email').value = params.account;
@@ -250,17 +370,28 @@ onSubmit($('#f-register'), async (form) => {
 const TEXT_FIELDS = ['full_name', 'email', 'country', 'notify_language', 'critical_version_list'];
 const FLAGS = ['critical_release', 'enews', 'enews_local_promotion'];
 
+// Until the account's values are in, the form can be neither edited nor
+// saved: what it would send is measured against them.
+function profileReady(ready) {
+  for (const control of $('#f-profile').elements) if (control.id !== 'pr-reload') control.disabled = !ready;
+}
+
 async function loadProfile() {
   const section = $('#profile');
   const form = $('#f-profile');
   const answer = await call(ACCOUNT, 1, 'get');
-  if (!answer.success) return failed(section, answer);
+  if (!answer.success) {
+    profile = null;
+    profileReady(false);
+    return failed(section, answer);
+  }
   if (answer.data.is_logged_in === false) return refreshStatus();
   profile = answer.data;
   for (const name of TEXT_FIELDS) field(form, name).value = profile[name] == null ? '' : String(profile[name]);
   for (const name of FLAGS) field(form, name).checked = profile[name] === true;
   field(form, 'current_password').value = '';
   field(form, 'new_password').value = '';
+  profileReady(true);
 }
 
 // Only what the person changed is sent: a field left alone keeps whatever
@@ -285,12 +416,17 @@ function profileChanges(form) {
 
 onSubmit($('#f-profile'), async (form) => {
   const section = $('#profile');
-  if (!profile) return loadProfile();
   const changes = profileChanges(form);
   const names = Object.keys(changes).filter((n) => n !== 'current_password');
+  const current = field(form, 'current_password');
+  const next = field(form, 'new_password');
+  if (refuseFaults(form, names)) return;
+  if (next.value && !current.value) return markFault(form, current, Messages.field.needs(labelOf(current), labelOf(next)));
+  if (current.value && !next.value) return markFault(form, next, Messages.field.needs(labelOf(next), labelOf(current)));
   if (names.length === 0) return report(section, 'info', 'Nothing to save: no field was changed.');
   const answer = await call(ACCOUNT, 1, 'set', changes);
-  if (!answer.success) return failed(section, answer);
+  // Here 3004 is a wrong current password, and 3005 an address of another account.
+  if (!answer.success) return failed(section, answer, 'profile');
   const what = names.map((n) => labelOf(field(form, n))).join(', ');
   await loadProfile();
   report(section, 'ok', `Saved: ${what}.`);
@@ -298,8 +434,8 @@ onSubmit($('#f-profile'), async (form) => {
 });
 
 $('#pr-reload').addEventListener('click', () => busy($('#profile'), async () => {
-  await loadProfile();
   report($('#profile'), '', '');
+  await loadProfile();
 }));
 
 // --- Purchases -------------------------------------------------------------
@@ -307,23 +443,31 @@ $('#pr-reload').addEventListener('click', () => busy($('#profile'), async () => 
 onSubmit($('#f-purchases'), async (form) => {
   const section = $('#purchases');
   const table = $('#pu-table');
+  if (refuseFaults(form)) return;
+  const from = field(form, 'date_from');
+  const to = field(form, 'date_to');
+  if (from.value && to.value && from.value > to.value) return markFault(form, to, Messages.field.order(labelOf(from), labelOf(to)));
   const params = {};
-  for (const name of ['date_from', 'date_to']) if (field(form, name).value) params[name] = field(form, name).value;
+  for (const input of [from, to]) if (input.value) params[input.name] = input.value;
+  // The list shown is of the dates asked before; it goes whatever the answer.
+  table.hidden = true;
   const answer = await call(PURCHASE, 1, 'list', params);
-  if (!answer.success) {
-    table.hidden = true;
-    return failed(section, answer);
-  }
+  if (!answer.success) return failed(section, answer);
   const list = answer.data.purchases || [];
   const body = $('tbody', table);
+  // Each cell carries its column's name, which a narrow screen shows beside
+  // it instead of the header row.
+  const heads = $$('thead th', table).map((th) => th.textContent);
   body.replaceChildren(...list.map((p) => {
     const row = document.createElement('tr');
-    for (const [text, cls] of [[p.date], [p.name || p.app], [p.serial, 'mono'], [`${p.price} ${p.currency}`, 'num']]) {
+    const cells = [[p.date], [p.name || p.app], [p.serial, 'mono'], [[p.price, p.currency].filter((x) => x != null).join(' '), 'num']];
+    cells.forEach(([text, cls], i) => {
       const cell = document.createElement('td');
       cell.textContent = text == null ? '' : text;
+      cell.dataset.label = heads[i];
       if (cls) cell.className = cls;
       row.append(cell);
-    }
+    });
     return row;
   }));
   table.hidden = list.length === 0;
@@ -335,34 +479,31 @@ onSubmit($('#f-purchases'), async (form) => {
 
 // The device checks in two grades: a hard refusal stands, a soft one may be
 // overridden by the person. Reasons of the hard grade are listed first.
+const refusal = $('#so-refusal');  // put into the outcome by report(), between sentence and details
+
 function showRefusal(answer) {
   const details = answer.error.details || {};
   const grade = details.check_type === 'hard' ? 'hard' : 'soft';
   const reasons = (Array.isArray(details.reasons) ? details.reasons : [])
     .map((r) => (typeof r === 'string' ? { grade, text: r } : { grade: r.check_type || r.type || grade, text: r.reason || r.text || '' }))
     .sort((a, b) => (a.grade === 'hard' ? 0 : 1) - (b.grade === 'hard' ? 0 : 1));
-  const box = $('#so-refusal');
-  box.dataset.grade = grade;
-  $('.refusal-title', box).textContent = grade === 'hard'
-    ? 'Refused by the hard check: the device cannot sign out until these end.'
-    : 'Refused by the soft check: signing out now would interrupt these.';
-  $('.reasons', box).replaceChildren(...reasons.map((r) => {
+  refusal.dataset.grade = grade;
+  $('.reasons', refusal).replaceChildren(...reasons.map((r) => {
     const item = document.createElement('li');
     item.textContent = r.text || 'No reason given.';
     item.dataset.grade = r.grade;
     return item;
   }));
-  $('#so-force').hidden = grade !== 'soft';
-  box.hidden = false;
-  report($('#signout'), 'error', Messages.sentence(3014), 3014, answer);
+  $('#so-force', refusal).hidden = grade !== 'soft';
+  refusal.hidden = false;
+  report($('#signout'), 'error', Messages.of(3014, grade), 3014, answer, refusal);
 }
 
 async function signOut(force) {
   const answer = await call(CENTER, 2, 'logout', force ? { force: true } : {});
   if (answer.success) {
-    $('#so-refusal').hidden = true;
     report($('#status'), 'ok', 'Signed out.');
-    await refreshStatus();
+    await refreshStatus(false);
   } else if (answer.error.code === 3014) {
     showRefusal(answer);
   } else {
@@ -379,13 +520,19 @@ $$('input[name=signin-way]').forEach((r) => r.addEventListener('change', () => c
 $$('#f-register input[name=version]').forEach((r) => r.addEventListener('change', () => {
   $('#f-register .v2-only').hidden = registerVersion() !== 2;
 }));
+// Unsaved edits of the profile stay: only a profile that is not loaded is
+// asked for again.
 $('#refresh').addEventListener('click', () => busy($('#status'), async () => {
   report($('#status'), '', '');
+  if (!deviceKnown) deviceKnown = await loadDevice();
   await refreshStatus();
-  if (signedIn) await loadProfile();
+  if (signedIn && !profile) await busy($('#profile'), loadProfile);
 }));
+// A field marked wrong is unmarked as soon as it is edited.
+document.addEventListener('input', (event) => event.target.removeAttribute('aria-invalid'));
 // A reload may restore the choices of the radio buttons.
 chooseSignInWay($('input[name=signin-way]:checked').value);
 $('#f-register .v2-only').hidden = registerVersion() !== 2;
 $('#key-key').value = localStorage.getItem(KEY_STORE) || '';
+loadDevice().then((known) => { deviceKnown = known; });
 refreshStatus();

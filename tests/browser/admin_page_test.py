@@ -4,7 +4,8 @@ serve` on a free port of 127.0.0.1 with a temporary state folder per test.
 Run by CTest (tests/CMakeLists.txt), which names the host, the module and the
 folder for screenshots in the environment; every test leaves a screenshot
 there, passed or failed. Waits are explicit: the page answers when the host
-has answered, which on a loaded machine takes what it takes.
+has answered, which on a loaded machine takes what it takes. Every state a
+test waits for is also looked at as a person would see it (check_page).
 """
 import datetime
 import functools
@@ -37,6 +38,25 @@ WAIT = 30  # seconds; PBKDF2 sign-ins on two busy cores are slow, not stuck
 CENTER = "TALV.Core.PellixCenter"
 EMAIL = "ada@example.com"
 PASSWORD = "secret1"
+WIDTHS = ((1280, 800), (390, 844))  # a desk's window and a phone's
+
+# What a person could not read in the shown page: elements out of the window
+# or scrolling sideways (a field scrolls its own text; the visually hidden
+# are meant to be out of sight), and errors that do not say what to do.
+UNREADABLE = """
+const width = document.documentElement.clientWidth;
+const wide = [];
+for (const e of document.body.querySelectorAll('*')) {
+  const box = e.getBoundingClientRect();
+  if (!box.width || e instanceof HTMLInputElement || e.closest('.sr-only')) continue;
+  const scrolls = e.scrollWidth > e.clientWidth + 1 && getComputedStyle(e).display !== 'inline';
+  if (box.left < 0 || box.right > width + 0.5 || scrolls)
+    wide.push(`${e.tagName}#${e.id}.${e.className} ${Math.round(box.left)}..${Math.round(box.right)} of ${width}`);
+}
+const mute = Array.from(document.querySelectorAll('.outcome.error'))
+  .filter((o) => o.offsetParent && !(o.querySelector('.todo') || {}).textContent).map((o) => o.textContent);
+return [wide, mute];
+"""
 
 
 class DevHost:
@@ -135,6 +155,23 @@ class AdminPageTest(unittest.TestCase):
         except TimeoutException:
             shown = self.driver.find_elements(By.CSS_SELECTOR, css)
             self.fail("%r never showed %r; it shows %r" % (css, text, shown[0].text if shown else None))
+        self.check_page(text)
+
+    def check_page(self, state):
+        """The page in `state` at both widths, every "Details" opened: nothing
+        wider than the window, and every error says what to do."""
+        size = self.driver.get_window_size()
+        self.driver.execute_script("(window.shut = Array.from(document.querySelectorAll('details:not([open])')))"
+                                   ".forEach((d) => { d.open = true; })")
+        try:
+            for width, height in WIDTHS:
+                self.driver.set_window_size(width, height)
+                wide, mute = self.driver.execute_script(UNREADABLE)
+                self.assertEqual(wide, [], "wider than the window at %d px, showing %r" % (width, state))
+                self.assertEqual(mute, [], "an error that does not say what to do")
+        finally:
+            self.driver.execute_script("window.shut.forEach((d) => { d.open = false; })")
+            self.driver.set_window_size(size["width"], size["height"])
 
     def wait_visible(self, css):
         return WebDriverWait(self.driver, WAIT).until(EC.visibility_of_element_located((By.CSS_SELECTOR, css)))
@@ -158,8 +195,20 @@ class AdminPageTest(unittest.TestCase):
     # --- tests -----------------------------------------------------------
 
     def test_register_sign_out_and_sign_in_by_password(self):
-        self.type_into("#reg-email", EMAIL)
-        self.type_into("#reg-name", "Ada Lovelace")
+        # Every sentence of the page's one table says what to do.
+        for what, todo in self.driver.execute_script("return Messages.all()"):
+            self.assertTrue(what and todo, (what, todo))
+        # What the page knows of the service's rules is checked before
+        # sending, and the error names the field. The limits are in bytes.
+        for css, wrong, said in (("#reg-email", "ada@example", "E-mail address: this is not an e-mail address."),
+                                 ("#reg-name", "A", "Full name: it must be 2 to 256 bytes long, and it is 1."),
+                                 ("#reg-password", "\u00e9\u00e9", "Password: it must be 6 to 128 bytes long, and it is 4."),
+                                 ("#reg-password", "", "Password: this field is empty.")):
+            for field, value in (("#reg-email", EMAIL), ("#reg-name", "Ada Lovelace"), ("#reg-password", PASSWORD)):
+                self.type_into(field, wrong if field == css else value)
+            self.find(css).send_keys(Keys.ENTER)
+            self.wait_text("#register .outcome .what", said)
+            self.assertEqual(self.find(css).get_attribute("aria-invalid"), "true")
         self.type_into("#reg-password", PASSWORD, enter=True)
         self.wait_text("#st-account", "Signed in as " + EMAIL)
         self.assertEqual(self.find("#st-domain").text, "critical.pellix.example")
@@ -177,6 +226,18 @@ class AdminPageTest(unittest.TestCase):
         self.assertFalse(self.find("#signin .outcome pre").is_displayed())
         self.find("#signin .outcome summary").click()
         self.assertIn('"code": 3004', self.find("#signin .outcome pre").text)
+
+        # Signed in elsewhere meanwhile: the refusal (3010) has the page ask
+        # again, and it shows who is signed in; signed out elsewhere, Refresh
+        # tells that too.
+        self.assertTrue(self.host.entry(CENTER, 2, "register", account="bob@example.com", password=PASSWORD,
+                                        fullname="Bob", critical_release=False)["success"])
+        self.sign_in_by_password(PASSWORD)
+        self.wait_text("#status .outcome", "signed in as bob@example.com meanwhile")
+        self.assertEqual(self.find("#st-account").text, "Signed in as bob@example.com")
+        self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
+        self.find("#refresh").click()
+        self.wait_text("#status .outcome", "signed out meanwhile")
 
         self.sign_in_by_password(PASSWORD)
         self.wait_text("#st-account", "Signed in as " + EMAIL)
@@ -206,7 +267,8 @@ class AdminPageTest(unittest.TestCase):
         self.find("input[name=signin-way][value=key]").click()
         self.assertEqual(self.find("#key-key").get_attribute("value"), key)
         serial = self.host.announcement.split("(device ", 1)[1].split(",", 1)[0]
-        self.type_into("#key-serial", serial, enter=True)
+        self.assertEqual(self.find("#key-serial").get_attribute("value"), serial)
+        self.find("#key-key").send_keys(Keys.ENTER)
         self.wait_text("#st-account", "Signed in as " + EMAIL)
 
         self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
@@ -245,6 +307,22 @@ class AdminPageTest(unittest.TestCase):
         self.find("#pr-country").send_keys(Keys.ENTER)
         self.wait_text("#profile .outcome", "Nothing to save")
 
+        # A new password needs the current one, and a wrong one is told as such.
+        for current, said in (("", 'Current password: needed together with "New password".'),
+                              ("not hers", "The current password is wrong.")):
+            self.type_into("#pr-current", current)
+            self.type_into("#pr-new", "another1", enter=True)
+            self.wait_text("#profile .outcome .what", said)
+
+        # The device gone: nothing of the account stays in the status, nor
+        # the colour of a signed-in account.
+        signed_in = self.find("#st-account").value_of_css_property("color")
+        self.host.stop()
+        self.find("#refresh").click()
+        self.wait_text("#st-account", "Not known: the device did not answer")
+        self.assertEqual([self.find(css).text for css in ("#st-activated", "#st-domain", "#st-key")], ["–"] * 3)
+        self.assertNotEqual(self.find("#st-account").value_of_css_property("color"), signed_in)
+
     def test_purchases_for_a_date_range_at_phone_width(self):
         self.driver.set_window_size(390, 844)
         self.register_signed_in()
@@ -258,9 +336,11 @@ class AdminPageTest(unittest.TestCase):
         self.assertEqual(len(rows), 1)
         self.assertIn("Cloud backup, 30-day trial", rows[0].text)
         self.assertIn("0.00 USD", rows[0].text)
-        self.assertTrue(self.driver.execute_script(
-            "return document.documentElement.scrollWidth <= window.innerWidth"), "the page is wider than a phone")
 
+        self.driver.execute_script(set_date, self.find("#pu-from"), "2001-12-31")
+        self.driver.execute_script(set_date, self.find("#pu-to"), "2001-01-01")
+        self.find("#f-purchases button").click()
+        self.wait_text("#purchases .outcome .what", "From is after To.")
         self.driver.execute_script(set_date, self.find("#pu-from"), "2001-01-01")
         self.driver.execute_script(set_date, self.find("#pu-to"), "2001-12-31")
         self.find("#f-purchases button").click()
@@ -272,16 +352,22 @@ class AdminPageTest(unittest.TestCase):
         self.host.reasons("soft = A backup to the cloud is running\nhard = The device is being repaired\n")
         self.wait_visible("#so-go").click()
         self.wait_text("#signout .outcome", "code 3014")
-        self.wait_text("#so-refusal .refusal-title", "hard check")
+        self.wait_text("#signout .outcome .what", "hard check")
         reasons = [r.text for r in self.driver.find_elements(By.CSS_SELECTOR, "#so-refusal .reasons li")]
         self.assertEqual(reasons, ["The device is being repaired"])
         self.assertFalse(self.find("#so-force").is_displayed(), "a hard refusal cannot be overridden")
 
-        self.host.reasons("soft = A backup to the cloud is running\nsoft = Photos are being indexed\n")
+        # A reason may be one long word; it wraps in its card (check_page).
+        path = "/share/Backups/" + "Holiday_2025_" * 12 + ".jpg"
+        self.host.reasons("soft = A backup to the cloud is running\nsoft = Copying " + path + "\n")
         self.find("#so-go").click()
-        self.wait_text("#so-refusal .refusal-title", "soft check")
+        self.wait_text("#signout .outcome .what", "soft check")
         reasons = [r.text for r in self.driver.find_elements(By.CSS_SELECTOR, "#so-refusal .reasons li")]
-        self.assertEqual(reasons, ["A backup to the cloud is running", "Photos are being indexed"])
+        self.assertEqual(reasons, ["A backup to the cloud is running", "Copying " + path])
+        # The refusal and its action come before the answer itself.
+        self.assertTrue(self.driver.execute_script(
+            "return !!(arguments[0].compareDocumentPosition(arguments[1]) & Node.DOCUMENT_POSITION_FOLLOWING)",
+            self.find("#so-force"), self.find("#signout .outcome details")), "Details stands before the refusal")
         self.wait_visible("#so-force").click()
         self.wait_text("#st-account", "Not signed in")
         self.assertFalse(self.host.entry(CENTER, 2, "query")["data"]["is_logged_in"])
