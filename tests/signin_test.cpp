@@ -107,8 +107,8 @@ TEST_P(SignInTest, RefusesWhileAnAccountIsSignedIn) {
   EXPECT_EQ(a.data, expected) << a.data;
   EXPECT_TRUE(SignInCalls().empty());
   EXPECT_EQ(Logged(),
-            std::vector<Line>{LogLine("RefuseWhileSignedIn", "Already logged in a Pellix account: %s. %s aborted.",
-                                      "bound@example.com", "Login")});
+            std::vector<Line>{LogLine("RefuseWhileSignedIn", "Already logged in a Pellix account: %s. Login aborted.",
+                                      "bound@example.com")});
 }
 
 // The answer follows the error number, not the sign-in's result; the code
