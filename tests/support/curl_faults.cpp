@@ -3,6 +3,7 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstring>
@@ -25,6 +26,20 @@ struct Plan {
 // Off, the interposed functions forward at once: realloc and strdup are the
 // whole process's, and most of its calls are none of the plan's business.
 std::atomic<bool> g_watching{false};
+
+struct Scripted {
+  std::mutex mu;
+  long status = -1;  // negative: transfers go out
+  std::string body;
+  std::string form;  // posted by the last one
+  curl_write_callback write = nullptr;
+  void* data = nullptr;
+};
+
+Scripted& S() {
+  static Scripted* scripted = new Scripted();  // libcurl may still be called during exit
+  return *scripted;
+}
 
 Plan& P() {
   static Plan* plan = new Plan();  // libcurl may still be called during exit
@@ -91,6 +106,17 @@ std::vector<CurlCall> FailedCurlCalls() {
   return P().failed;
 }
 
+void ScriptTransfers(long status, const std::string& body) {
+  std::lock_guard<std::mutex> lock(S().mu);
+  S().status = status;
+  S().body = body;
+}
+
+std::string PostedForm() {
+  std::lock_guard<std::mutex> lock(S().mu);
+  return S().form;
+}
+
 void ClearCurlFaults() {
   std::lock_guard<std::mutex> lock(P().mu);
   g_watching = false;
@@ -103,6 +129,14 @@ void ClearCurlFaults() {
 
 using pellixtest::FailNow;
 using pellixtest::Real;
+using pellixtest::S;
+
+// libcurl declares the option and the information as enums before the
+// variable arguments; clang warns that va_start after an enum is undefined,
+// but these enums are ints, passed as ints, on every ABI libcurl runs on.
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wvarargs"
+#endif
 
 extern "C" {
 
@@ -120,6 +154,12 @@ CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
   void* value = va_arg(args, void*);
   va_end(args);
   if (FailNow("curl_easy_setopt", option, __builtin_return_address(0))) return CURLE_BAD_FUNCTION_ARGUMENT;
+  {
+    std::lock_guard<std::mutex> lock(S().mu);
+    if (option == CURLOPT_WRITEFUNCTION) S().write = reinterpret_cast<curl_write_callback>(value);
+    if (option == CURLOPT_WRITEDATA) S().data = value;
+    if (option == CURLOPT_POSTFIELDS) S().form = static_cast<const char*>(value);
+  }
   return real(curl, option, value);
 }
 
@@ -135,7 +175,23 @@ curl_slist* curl_slist_append(curl_slist* list, const char* text) {
 
 CURLcode curl_easy_perform(CURL* curl) {
   static const auto real = Real<CURLcode (*)(CURL*)>("curl_easy_perform");
-  return FailNow("curl_easy_perform", -1, __builtin_return_address(0)) ? CURLE_OUT_OF_MEMORY : real(curl);
+  if (FailNow("curl_easy_perform", -1, __builtin_return_address(0))) return CURLE_OUT_OF_MEMORY;
+  std::unique_lock<std::mutex> lock(S().mu);
+  if (S().status < 0) {
+    lock.unlock();
+    return real(curl);
+  }
+  // libcurl's pieces are at most CURL_MAX_WRITE_SIZE; a write function that
+  // takes less than it was given ends the transfer.
+  std::string body = S().body;
+  const curl_write_callback write = S().write;
+  void* const data = S().data;
+  lock.unlock();
+  for (size_t at = 0; at < body.size(); at += CURL_MAX_WRITE_SIZE) {
+    const size_t n = std::min<size_t>(CURL_MAX_WRITE_SIZE, body.size() - at);
+    if (write(&body[at], 1, n, data) != n) return CURLE_WRITE_ERROR;
+  }
+  return CURLE_OK;
 }
 
 // Each information the module reads is given one pointer to fill.
@@ -146,9 +202,17 @@ CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
   void* out = va_arg(args, void*);
   va_end(args);
   if (FailNow("curl_easy_getinfo", info, __builtin_return_address(0))) return CURLE_BAD_FUNCTION_ARGUMENT;
+  {
+    std::lock_guard<std::mutex> lock(S().mu);
+    if (S().status >= 0 && info == CURLINFO_RESPONSE_CODE) {
+      *static_cast<long*>(out) = S().status;
+      return CURLE_OK;
+    }
+  }
   return real(curl, info, out);
 }
 
+#ifndef CURL_FAULTS_NO_ALLOCATION
 // The C library's own are looked up without a guarded static, which the
 // lookup's own allocations could enter again. A failed realloc leaves the
 // block where it was, as the C library's does.
@@ -163,5 +227,6 @@ char* strdup(const char* text) noexcept {
   if (!real.load(std::memory_order_relaxed)) real = Real<char* (*)(const char*)>("strdup");
   return FailNow("strdup", -1, __builtin_return_address(0)) ? nullptr : real.load()(text);
 }
+#endif
 
 }  // extern "C"

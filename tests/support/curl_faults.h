@@ -3,7 +3,8 @@
 //
 // A test program linked with this file defines curl_easy_init,
 // curl_easy_setopt, curl_easy_escape, curl_slist_append, curl_easy_perform,
-// curl_easy_getinfo, realloc and strdup itself and exports them, so the
+// curl_easy_getinfo and (but in the fuzz tree) realloc and strdup itself and
+// exports them, so the
 // module's calls reach these first; each forwards to the real function
 // unless a failure is planned for it. Only calls made from pellixcenter.so
 // are counted or failed. (Under memcheck the program's own realloc stands
@@ -41,5 +42,13 @@ std::vector<CurlCall> CurlCalls();
 std::vector<CurlCall> FailedCurlCalls();
 // No plan and no counting any more.
 void ClearCurlFaults();
+
+// From now on the module's transfers do not leave the process:
+// curl_easy_perform hands `body` to the module's write function, in pieces
+// as libcurl does, and curl_easy_getinfo answers `status`. Off again with a
+// negative status.
+void ScriptTransfers(long status, const std::string& body);
+// The form of the module's last scripted transfer.
+std::string PostedForm();
 
 }  // namespace pellixtest
