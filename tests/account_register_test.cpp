@@ -19,26 +19,6 @@ AccountRegisterInfo Info(const char* host, const char* serial = nullptr) {
   return AccountRegisterInfo{0, host, "ada@example.com", "secret 1", "Ada Lovelace", serial};
 }
 
-// A device whose time zone the test chooses.
-class ZoneDevice : public talvsdk::Device {
- public:
-  ZoneDevice(std::string zone, std::map<std::string, std::string> info)
-      : zone_(std::move(zone)), info_(std::move(info)) {}
-  bool SerialNumber(std::string* serial) override { return talvsdk::DefaultDevice()->SerialNumber(serial); }
-  bool TimeZone(std::string* zone) override {
-    *zone = zone_;
-    return true;
-  }
-  bool ZoneInfo(const std::string&, std::map<std::string, std::string>* info) override {
-    *info = info_;
-    return true;
-  }
-
- private:
-  std::string zone_;
-  std::map<std::string, std::string> info_;
-};
-
 const char kSettings[] = "language=ger\ntimezone=Amsterdam\n";  // /etc/talvinfo.conf
 const std::string kDevice = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken;
 const std::string kForm = kDevice + kFields + "ger" + kTimeZone;  // for kSettings

@@ -49,15 +49,6 @@ const char* const kParams[15] = {
     R"({"full_name": "Ada L", "enews": true, "critical_version_list": "7.1"})",
 };
 
-class VerifierApi : public talvwebapi::Runner {
- public:
-  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value&,
-           const std::string&) override {
-    result = J(R"({"success": true, "data": {"verifier": "v"}})");
-    return 0;
-  }
-};
-
 class FaultTest : public ModuleTest {
  protected:
   void SetUp() override {
@@ -101,7 +92,7 @@ class FaultTest : public ModuleTest {
     ModuleTest::TearDown();
   }
 
-  VerifierApi verifier_;
+  talvwebapi::ScriptedRunner verifier_{J(R"({"success": true, "data": {"verifier": "v"}})")};
   talvfeasibility::ScriptedChecker checker_;
   bool dropped_ = false;
 };

@@ -96,22 +96,6 @@ Line AuthLine(const char* function, const char* format) {
   return line;
 }
 
-// The verifier API; like the PKCE service it notes the ids it runs under.
-class VerifierApi : public talvwebapi::Runner {
- public:
-  explicit VerifierApi(std::vector<Ids>* seen) : seen_(seen) {}
-  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value& params,
-           const std::string&) override {
-    seen_->push_back(Effective());
-    result["success"] = params["challenge"] == "known";
-    result["data"]["verifier"] = "v-1";
-    return 0;
-  }
-
- private:
-  std::vector<Ids>* seen_;
-};
-
 class GuardTest : public ModuleTest {
  public:  // the cases' scripts reach in
   using ModuleTest::backend_;
@@ -155,7 +139,14 @@ class GuardTest : public ModuleTest {
 
   std::vector<Ids> seen_;
   int errnoInside_ = -1;
-  VerifierApi verifier_{&seen_};
+  // The verifier API; like the PKCE service it notes the ids it runs under.
+  talvwebapi::ScriptedRunner verifier_{[this](const Json::Value& params) {
+    seen_.push_back(Effective());
+    Json::Value result;
+    result["success"] = params["challenge"] == "known";
+    result["data"]["verifier"] = "v-1";
+    return result;
+  }};
 };
 
 // Effective ids dropped, saved ids still root: raised to root for every call

@@ -17,20 +17,6 @@ using ::testing::Throw;
 using syslogcapture::Line;
 using talvpellix::PellixException;
 
-// The credential-verifier API, answering every call with one scripted result.
-class VerifierApi : public talvwebapi::Runner {
- public:
-  explicit VerifierApi(const char* answer) : answer_(J(answer)) {}
-  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value&,
-           const std::string&) override {
-    result = answer_;
-    return 0;
-  }
-
- private:
-  Json::Value answer_;
-};
-
 const char kKnown[] = R"({"success": true, "data": {"verifier": "v-123"}})";
 const char kLoginParams[] = R"({"code_challenge": "ch-1", "grant_code": "g-1", "client_id": "c-1",
   "token_endpoint": "https://acct.example/token", "redirect_uri": "https://nas.example/cb"})";
@@ -59,7 +45,7 @@ class PkceLoginTest : public ModuleTest, public ::testing::WithParamInterface<Pk
 
 TEST_P(PkceLoginTest, AnswersAndLogs) {
   const PkceLoginCase& c = GetParam();
-  VerifierApi api(c.verifier ? c.verifier : "{}");
+  talvwebapi::ScriptedRunner api(J(c.verifier ? c.verifier : "{}"));
   if (c.verifier) talvwebapi::SetRunner(&api);
   ON_CALL(backend_, PkceOpen).WillByDefault(Return());
   if (c.service == Service::kConstructorThrows)
@@ -155,7 +141,7 @@ TEST_F(ModuleTest, PkceLoginParameters) {
       EXPECT_EQ(call.op.rfind("APIRequest::", 0), 0u) << call.op << " ran";
   }
 
-  VerifierApi api(R"({"success": true, "data": {"verifier": ""}})");
+  talvwebapi::ScriptedRunner api(J(R"({"success": true, "data": {"verifier": ""}})"));
   talvwebapi::SetRunner(&api);
   ON_CALL(backend_, PkceOpen).WillByDefault(Return());
   ON_CALL(backend_, PkceLogin(_)).WillByDefault(Return(J(kSignedIn)));

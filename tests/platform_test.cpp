@@ -8,7 +8,6 @@
 #include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "seam/seam.h"
-#include "support/sysroot.h"
 #include "talv/feasibility.h"
 #include "talv/relay.h"
 #include "talv/sdk.h"
@@ -16,8 +15,6 @@
 #include "talv/webapi.h"
 
 namespace {
-
-using pellixtest::Sysroot;
 
 class PlatformTest : public ::testing::Test {
  protected:
@@ -53,10 +50,9 @@ TEST_F(PlatformTest, HashKeepsInsertionOrderAndReplacesValues) {
   TLIBCSzListFree(nullptr);
 }
 
+// The development device's files (dev/sysroot), read as they are.
 TEST_F(PlatformTest, KeyValueFilesAreReadUnderTheSysroot) {
-  Sysroot root;
-  root.Write("/etc.defaults/VERSION", "# build\nmajorversion=5\nbuildnumber=\"20261\"\n");
-  root.Write("/etc/talvinfo.conf", "[system]\n language = ger \nempty=\nlong=0123456789abcdef\n");
+  talvseam::SetSysroot(PELLIX_DEV_SYSROOT);
   struct Case {
     const char* path;
     const char* key;
@@ -64,12 +60,11 @@ TEST_F(PlatformTest, KeyValueFilesAreReadUnderTheSysroot) {
     int result;
     const char* value;
   } cases[] = {
-      {"/etc.defaults/VERSION", "buildnumber", 16, 5, "20261"},
+      {"/etc.defaults/VERSION", "buildnumber", 16, 8, "20261101"},  // quoted
       {"/etc.defaults/VERSION", "majorversion", 16, 1, "5"},
-      {"/etc/talvinfo.conf", "language", 32, 3, "ger"},
-      {"/etc/talvinfo.conf", "empty", 32, 0, ""},
+      {"/etc/talvinfo.conf", "language", 32, 3, "enu"},
       {"/etc/talvinfo.conf", "missing", 32, 0, ""},
-      {"/etc/talvinfo.conf", "long", 8, 7, "0123456"},  // cut at size-1
+      {"/etc.defaults/talvinfo.conf", "upnpmodelname", 4, 3, "TS-"},  // cut at size-1
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.key);
@@ -78,7 +73,7 @@ TEST_F(PlatformTest, KeyValueFilesAreReadUnderTheSysroot) {
     EXPECT_STREQ(value, c.value);
   }
   char value[16];
-  EXPECT_EQ(TLIBCFileGetKeyValue("/etc.defaults/talvinfo.conf", "upnpmodelname", value, 16, 0), -1);
+  EXPECT_EQ(TLIBCFileGetKeyValue("/etc/nothing.conf", "language", value, 16, 0), -1);
   EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_FILE);
 }
 
@@ -143,29 +138,22 @@ TEST_F(PlatformTest, FaultPlan) {
 
 // The tokens themselves are pinned by the forms of account_register_test, the
 // zone names by its time zone cases.
-TEST_F(PlatformTest, DeviceSerialAndZone) {
-  Sysroot root;
+TEST_F(PlatformTest, DeviceSerialZoneAndHost) {
   char serial[36], zone[256];
+  const char* relayd = "/usr/talv/etc/talvrelayd/talvrelayd.conf";
   EXPECT_LT(TLIBGetSerialNumber(serial, sizeof(serial)), 0) << "no serial configured";
-  root.Write("/etc.defaults/talvinfo.conf", "serial=Q21CA00042\nupnpmodelname=TS-464\n");
-  root.Write("/etc/talvinfo.conf", "timezone=Taipei\n");
+  EXPECT_EQ(TALV::Relay::RelaydConf(relayd).GetPellixConf().GetHost(), "") << "no file";
+  talvseam::SetSysroot(PELLIX_DEV_SYSROOT);
   ASSERT_EQ(TLIBGetSerialNumber(serial, sizeof(serial)), 0);
   EXPECT_STREQ(serial, "Q21CA00042");
   int needed = -1;
   ASSERT_EQ(TALVZoneGet(zone, sizeof(zone), &needed), 0);
-  EXPECT_STREQ(zone, "Taipei");
+  EXPECT_STREQ(zone, "Amsterdam");
   EXPECT_LT(TALVZoneGet(zone, 3, &needed), 0);
-  EXPECT_EQ(needed, 7);
-}
-
-TEST_F(PlatformTest, RelayConfigurationHost) {
-  Sysroot root;
-  const char* path = "/usr/talv/etc/talvrelayd/talvrelayd.conf";
-  EXPECT_EQ(TALV::Relay::RelaydConf(path).GetPellixConf().GetHost(), "") << "no file";
-  root.Write(path, "[relay]\nhost = relay.example\n[pellix]\n# account service\nhost = \"acct.example\"\n");
-  EXPECT_EQ(TALV::Relay::RelaydConf(path).GetPellixConf().GetHost(), "acct.example");
+  EXPECT_EQ(needed, 10);
+  EXPECT_EQ(TALV::Relay::RelaydConf(relayd).GetPellixConf().GetHost(), "localhost");
   talvseam::InjectFault("RelaydConf::RelaydConf", 0, false, 1);
-  EXPECT_EQ(TALV::Relay::RelaydConf(path).GetPellixConf().GetHost(), "") << "unreadable";
+  EXPECT_EQ(TALV::Relay::RelaydConf(relayd).GetPellixConf().GetHost(), "") << "unreadable";
 }
 
 TEST_F(PlatformTest, FeasibilityCheckAppendsReasonsAndMayReplaceTheList) {

@@ -19,7 +19,7 @@ const char kRelaydConf[] = "/usr/talv/etc/talvrelayd/talvrelayd.conf";
 const char kRequest[] = R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada Lovelace"})";
 const std::string kForm = std::string("serial=") + kDeviceSerial + "&token=" + kDeviceToken +
                           "&action=register&email=ada%40example.com&passwd=secret%201&full_name=Ada%20Lovelace"
-                          "&notify_lang=ger&serial=" +
+                          "&notify_lang=enu&serial=" +
                           kDeviceSerial + "&timezone=Europe%2FAmsterdam";
 const char kSignedIn[] = R"({"email": "bound@example.com", "auth_key": "k-1", "activated": true})";
 

@@ -9,22 +9,13 @@
 #include <cstring>
 #include <mutex>
 
+#include "seam/seam.h"
+
 namespace pellixtest {
 namespace {
 
-struct Plan {
-  std::mutex mu;
-  std::string function;  // "*": any; "": none
-  int option = -1;
-  int after = 0;
-  bool persistent = false;
-  bool fired = false;
-  std::vector<CurlCall> calls;
-  std::vector<CurlCall> failed;
-};
-
 // Off, the interposed functions forward at once: realloc and strdup are the
-// whole process's, and most of its calls are none of the plan's business.
+// whole process's, and most of its calls are none of the seam's business.
 std::atomic<bool> g_watching{false};
 
 struct Scripted {
@@ -41,32 +32,15 @@ Scripted& S() {
   return *scripted;
 }
 
-Plan& P() {
-  static Plan* plan = new Plan();  // libcurl may still be called during exit
-  return *plan;
-}
-
 bool FromModule(const void* caller) {
   Dl_info info;
   return dladdr(caller, &info) && info.dli_fname && std::strstr(info.dli_fname, "pellixcenter.so");
 }
 
-// Counts the module's call and says whether the plan makes it fail.
+// Journals the module's call and says whether the fault plan makes it fail.
 bool FailNow(const char* function, int option, const void* caller) {
   if (!g_watching.load(std::memory_order_relaxed) || !FromModule(caller)) return false;
-  Plan& plan = P();
-  std::lock_guard<std::mutex> lock(plan.mu);
-  plan.calls.push_back({function, option});
-  const bool matches =
-      plan.function == "*" || (plan.function == function && (plan.option == -1 || plan.option == option));
-  if (!matches || (plan.fired && !plan.persistent)) return false;
-  if (plan.after > 0) {
-    --plan.after;
-    return false;
-  }
-  plan.fired = true;
-  plan.failed.push_back({function, option});
-  return true;
+  return talvseam::Enter("curl", CurlOp(function, option).c_str(), {});
 }
 
 template <typename F>
@@ -76,35 +50,11 @@ F Real(const char* name) {
 
 }  // namespace
 
-void InjectCurlFault(const std::string& function, int after, bool persistent, int option) {
-  Plan& plan = P();
-  std::lock_guard<std::mutex> lock(plan.mu);
-  plan.function = function;
-  plan.option = option;
-  plan.after = after;
-  plan.persistent = persistent;
-  plan.fired = false;
-  plan.calls.clear();
-  plan.failed.clear();
-  g_watching = true;
+std::string CurlOp(const std::string& function, int option) {
+  return option < 0 ? function : function + " " + std::to_string(option);
 }
 
-void FailCurlOnce(const char* function, int option) { InjectCurlFault(function, 0, false, option); }
-
-bool CurlFaultPending() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  return !P().function.empty() && !P().fired;
-}
-
-std::vector<CurlCall> CurlCalls() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  return P().calls;
-}
-
-std::vector<CurlCall> FailedCurlCalls() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  return P().failed;
-}
+void WatchCurl(bool on) { g_watching = on; }
 
 void ScriptTransfers(long status, const std::string& body) {
   std::lock_guard<std::mutex> lock(S().mu);
@@ -115,14 +65,6 @@ void ScriptTransfers(long status, const std::string& body) {
 std::string PostedForm() {
   std::lock_guard<std::mutex> lock(S().mu);
   return S().form;
-}
-
-void ClearCurlFaults() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  g_watching = false;
-  P().function.clear();
-  P().calls.clear();
-  P().failed.clear();
 }
 
 }  // namespace pellixtest
