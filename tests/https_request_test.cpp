@@ -221,45 +221,6 @@ TEST_F(HttpsTest, ResponseFreeIsSafeOnNullAndTwice) {
   EXPECT_EQ(Status(full), "0 (no body)");
 }
 
-// --- Servers the device does not trust ---
-
-// The device trusts what its CA bundle vouches for, whatever the verify
-// callback says: a self-signed server outside the bundle never gets the form.
-TEST_F(HttpsTest, ServerOutsideTheTrustStoreIsRefused) {
-  HttpsServer stranger(TestIdentities().stranger);
-  FieldHash fields(kRegister);
-  const std::string host = stranger.Address();
-  HttpsRequest request{host.c_str(), "account.php", fields.get(), 1, nullptr, nullptr};
-  HttpsResponse response{0, nullptr};
-  EXPECT_EQ(HttpsRequestSend(&request, &response), 0);
-  EXPECT_EQ(Status(response), "0 \"badnetwork\"");
-  EXPECT_TRUE(stranger.Requests().empty());
-  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("HttpsRequestSend", "curl_easy_perform. res: %d", 60)});
-  HttpsResponseFree(&response);
-}
-
-// In the bundle, a certificate still has to name the host it serves.
-TEST_F(TrustedServiceTest, BundleVouchesForAServerOnlyUnderItsOwnName) {
-  EXPECT_EQ(webapihost::SystemBundle(), "/etc/ssl/certs/ca-certificates.crt");
-  HttpsServer misnamed(TestIdentities().misnamed);
-  FieldHash fields(kRegister);
-  const struct {
-    HttpsServer* server;
-    const char* outcome;
-    size_t received;
-  } cases[] = {{&server(), "200 \"good\"", 1}, {&misnamed, "0 \"badnetwork\"", 0}};
-  for (const auto& c : cases) {
-    const std::string host = c.server->Address();
-    HttpsRequest request{host.c_str(), "account.php", fields.get(), 1, nullptr, nullptr};
-    HttpsResponse response{0, nullptr};
-    EXPECT_EQ(HttpsRequestSend(&request, &response), 0);
-    EXPECT_EQ(Status(response), c.outcome);
-    EXPECT_EQ(c.server->Requests().size(), c.received);
-    HttpsResponseFree(&response);
-  }
-  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("HttpsRequestSend", "curl_easy_perform. res: %d", 60)});
-}
-
 // All that `stream` gives, then closed with `close`.
 std::string Drain(FILE* stream, int (*close)(FILE*)) {
   std::string all;

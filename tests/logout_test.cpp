@@ -1,7 +1,6 @@
 // Logout and PkceLogout: the hard and soft feasibility grades and the force
 // override they share, and Logout's sign-out decided by the account error
 // number.
-#include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "seam/seam.h"
 #include "support/module_test.h"
@@ -205,32 +204,6 @@ TEST_F(ModuleTest, LogoutCheckThatCannotRun) {
     EXPECT_EQ(Logged(), (std::vector<Line>{failure, LogLine("LogoutFeasible", c.refusal, c.reasons)}));
     talvfeasibility::SetChecker(nullptr);
   }
-}
-
-// Every platform call of a sign-out that gets as far as it can, failed in
-// turn, once and for good: one answer each time, and every list given back.
-TEST_F(ModuleTest, LogoutSurvivesAFaultInEachPlatformCall) {
-  talvfeasibility::ScriptedChecker checker;
-  checker.Set(kHard, {0, {"a1"}, true}).Set(kSoft, {0, {"b1"}});
-  talvfeasibility::SetChecker(&checker);
-  ON_CALL(backend_, Logout).WillByDefault(Return(Outcome{0, 0}));
-  Call("TALV.Core.PellixCenter", 2, "logout");
-  const int calls = talvseam::CallCount();
-  ASSERT_GE(calls, 5);
-  for (bool persistent : {false, true}) {
-    for (int k = 0; k <= calls; ++k) {
-      SCOPED_TRACE("fault in call " + std::to_string(k) + (persistent ? ", persistent" : ", once"));
-      talvseam::ClearFaults();
-      talvseam::InjectFault("*", k, persistent, 5);
-      webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "logout");
-      EXPECT_EQ(a.answers, 1);
-      EXPECT_FALSE(a.threw);
-      EXPECT_TRUE(a.success || a.code == 3014 || a.code == 3003) << a.code;
-      EXPECT_EQ(talvcore::LiveLists(), 0);
-      EXPECT_EQ(talvcore::BadFrees(), std::vector<std::string>{});
-    }
-  }
-  Logged();
 }
 
 }  // namespace
