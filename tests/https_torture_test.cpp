@@ -28,7 +28,6 @@ namespace {
 using syslogcapture::Line;
 
 const char kPassword[] = "pa55 w0rd!";
-const char kSendFailed[] = "failed to send https request to [%s], err=[0x%04X %s:%d]";
 constexpr long kUntouched = 7;  // the caller's status, which only a completed transfer may change
 
 // --- The failure statements of the two sources ---
@@ -235,28 +234,6 @@ TEST_F(TortureTest, EveryFailureIsHandledAndEveryFailureLineWritten) {
     }
   }
   ExpectEveryStatementSeen();
-}
-
-// The one log line that carries a password, written on purpose (the
-// suite-wide password scan allows exactly this statement): a value that
-// libcurl cannot encode is logged as it is, and in version 1's form the
-// fifth value encoded (after serial, token, action and email) is the password.
-TEST_F(TortureTest, UrlEncodingFailureLogsThePasswordAsItIs) {
-  talvseam::InjectFault("curl_easy_escape", 4, false, 0);
-  const std::string password = "s3cret password";
-  Json::Value params = J(R"({"account": "ada@example.com", "fullname": "Ada Lovelace"})");
-  params["password"] = password;
-  const webapihost::Answer a = Call("TALV.Core.PellixCenter", 1, "register", params);
-  EXPECT_EQ(a.code, 3003);
-  const ErrorState state;
-  const std::string host = server().Address();
-  EXPECT_EQ(Logged(),
-            (std::vector<Line>{
-                LogLine("AppendFormField", "URL encoding failed: %s", password.c_str()),
-                LogLine("PellixAccountRegister", kSendFailed, host.c_str(), state.code, state.file.c_str(), state.line),
-                LogLine("Register", "cannot register account"),
-            }));
-  EXPECT_TRUE(server().Requests().empty());
 }
 
 }  // namespace

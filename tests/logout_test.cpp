@@ -150,34 +150,19 @@ TEST_F(ModuleTest, LogoutCheckThatCannotRun) {
     const char* data;
     const char* refusal;
     const char* reasons;
-  } cases[] = {
-      {"HardCheckFails",
-       {-1, {"ignored"}, false, 0x0D00},
-       kFeasible,
-       nullptr,
-       kHard,
-       R"({"check_type": "hard", "reasons": null})",
-       kHardly,
-       "null"},
-      {"SoftCheckFails",
-       {0, {"a1"}},
-       {-2, {}, false, 0x0400},
-       nullptr,
-       kSoft,
-       R"({"check_type": "soft", "reasons": ["a1"]})",
-       kSoftly,
-       R"(["a1"])"},
+  };
+  // clang-format off
+  const Case cases[] = {
+      {"HardCheckFails", {-1, {"ignored"}, false, 0x0D00}, kFeasible, nullptr, kHard,
+       R"({"check_type": "hard", "reasons": null})", kHardly, "null"},
+      {"SoftCheckFails", {0, {"a1"}}, {-2, {}, false, 0x0400}, nullptr, kSoft,
+       R"({"check_type": "soft", "reasons": ["a1"]})", kSoftly, R"(["a1"])"},
       {"HardListNotAllocated", kFeasible, kFeasible, "0", kHard, R"({"check_type": "hard", "reasons": null})", kHardly,
        "null"},
-      {"SoftListNotAllocated",
-       {0, {"a1"}},
-       kFeasible,
-       "1",
-       kSoft,
-       R"({"check_type": "soft", "reasons": ["a1"]})",
-       kSoftly,
-       R"(["a1"])"},
+      {"SoftListNotAllocated", {0, {"a1"}}, kFeasible, "1", kSoft, R"({"check_type": "soft", "reasons": ["a1"]})",
+       kSoftly, R"(["a1"])"},
   };
+  // clang-format on
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     talvseam::ClearFaults();

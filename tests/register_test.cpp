@@ -31,21 +31,19 @@ struct V2Case {
 
 const std::vector<std::string> kCritical = {"true", "false", "false", "(null)"};
 
+// clang-format off
 const V2Case kV2Cases[] = {
     {"CriticalRelease", "{}", {0, 0}, kCritical, 0, false},
     {"Enews", R"({"critical_release": false, "enews": true})", {0, 0}, {"false", "true", "false", "(null)"}, 0, false},
-    {"LocalPromotion",
-     R"({"critical_release": false, "enews_local_promotion": true})",
-     {0, 0},
-     {"false", "false", "true", "(null)"},
-     0,
-     false},
+    {"LocalPromotion", R"({"critical_release": false, "enews_local_promotion": true})", {0, 0},
+     {"false", "false", "true", "(null)"}, 0, false},
     {"EmptyCountryIsNull", R"({"country": ""})", {0, 0}, kCritical, 0, false},
     {"CountryPassedOn", R"({"country": "NL"})", {0, 0}, {"true", "false", "false", "NL"}, 0, false},
     {"FailedWithErrorZeroIsASuccess", "{}", {-1, 0}, kCritical, 0, true},
     {"FailedWithError16", "{}", {-1, 16}, kCritical, 3005, true},
     {"ErrorNumberDecides", "{}", {0, 16}, kCritical, 3005, false},
 };
+// clang-format on
 
 TEST_F(ModuleTest, RegisterV2RegistersThroughTheLibrary) {
   for (const V2Case& c : kV2Cases) {
