@@ -15,7 +15,7 @@
 #include <cstdio>
 #include <string>
 
-#include "support/service_process.h"
+#include "service_process.h"
 #include "talv/tlibc.h"
 
 namespace {

@@ -2,9 +2,15 @@
 // everything the platform answers taken from the fuzzer's bytes: parameters
 // of any JSON type, account-library results and error numbers, the objects
 // the library fills, PKCE exceptions, verifier answers and feasibility
-// verdicts. The process must survive; each request must end in exactly one
-// answer or an exception the host catches; no hash or list may be left alive
-// or freed twice; the process ids must be back as they were.
+// verdicts; and, for version 1's registration and HttpsRequestSend itself on
+// the development device, forms of any bytes and the account service's
+// answer, handed over by the libcurl interposer (support/curl_faults.h)
+// without a transfer. The process must survive; each request must end in
+// exactly one answer or an exception the host catches, and a registration
+// answered by the service in a code of the module's own keyword table; no
+// form may outgrow its 2048 bytes; no hash or list may be left alive or freed
+// twice; the process ids must be back as they were.
+#include <dlfcn.h>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sys/prctl.h>
 #include <unistd.h>
@@ -12,13 +18,20 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
+#include <set>
 #include <stdexcept>
+#include <string>
+#include <vector>
 
 #include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "fuzz_check.h"
 #include "harness.h"
+#include "https_request.h"
 #include "pellix/backend.h"
+#include "pellixcenter.h"
+#include "seam/seam.h"
+#include "support/curl_faults.h"
 #include "talv/pellix.h"
 #include "webapi/runner.h"
 
@@ -124,16 +137,12 @@ class FuzzedBackend : public talvpellix::Backend {
   }
 };
 
-class FuzzedVerifier : public talvwebapi::Runner {
- public:
-  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value&,
-           const std::string&) override {
-    result = gData->ConsumeBool() ? Value(*gData, 0) : Json::Value(Json::objectValue);
-    if (gData->ConsumeBool()) result["success"] = Value(*gData, 2);
-    if (gData->ConsumeBool()) result["data"]["verifier"] = gData->ConsumeRandomLengthString(32);
-    return 0;
-  }
-};
+talvwebapi::ScriptedRunner gVerifier([](const Json::Value&) {
+  Json::Value result = gData->ConsumeBool() ? Value(*gData, 0) : Json::Value(Json::objectValue);
+  if (gData->ConsumeBool()) result["success"] = Value(*gData, 2);
+  if (gData->ConsumeBool()) result["data"]["verifier"] = gData->ConsumeRandomLengthString(32);
+  return result;
+});
 
 class FuzzedChecker : public talvfeasibility::Checker {
  public:
@@ -149,9 +158,12 @@ class FuzzedChecker : public talvfeasibility::Checker {
 };
 
 webapihost::Module* gModule = nullptr;
+int (*gSend)(const HttpsRequest*, HttpsResponse*) = nullptr;
+void (*gFree)(HttpsResponse*) = nullptr;
+std::set<int> gKeywordCodes;  // of grgErrorCodeMap, the terminator's too
+std::vector<std::string> gKeywords;
 bool gRoot = false;
 FuzzedBackend gBackend;
-FuzzedVerifier gVerifier;
 FuzzedChecker gChecker;
 
 }  // namespace
@@ -163,19 +175,78 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     std::fprintf(stderr, "cannot load %s: %s\n", PELLIXCENTER_SO, error.c_str());
     std::abort();
   }
+  void* handle = dlopen(PELLIXCENTER_SO, RTLD_NOW | RTLD_NOLOAD);
+  gSend = reinterpret_cast<decltype(gSend)>(dlsym(handle, "HttpsRequestSend"));
+  gFree = reinterpret_cast<decltype(gFree)>(dlsym(handle, "HttpsResponseFree"));
+  const auto* row = static_cast<const PellixErrorCodeEntry*>(dlsym(handle, "grgErrorCodeMap"));
+  FUZZ_CHECK(gSend && gFree && row);
+  for (; row->szKey; ++row) {
+    gKeywords.push_back(row->szKey);
+    gKeywordCodes.insert(row->iCode);
+  }
+  gKeywordCodes.insert(row->iCode);  // the terminator's: a keyword of no row
   talvpellix::SetBackend(&gBackend);
   talvwebapi::SetRunner(&gVerifier);
   talvfeasibility::SetChecker(&gChecker);
+  talvseam::SetSysroot(PELLIX_DEV_SYSROOT);
+  talvseam::SetJournaling(false);
   gRoot = getuid() == 0 && geteuid() == 0;
   return 0;
 }
 
+namespace {
+
+// HttpsRequestSend itself, with keys, values and credentials of any bytes.
+void PostForm(FuzzedDataProvider& d) {
+  TLIBC_SZHASH* fields = TLIBCSzHashAlloc(1024);
+  FUZZ_CHECK(fields);
+  for (int n = d.ConsumeIntegralInRange(0, 6); n > 0; --n) {
+    const std::string key = d.ConsumeRandomLengthString(16);
+    TLIBCSzHashSetValue(&fields, key.c_str(), d.ConsumeRandomLengthString(700).c_str());
+  }
+  const std::string username = d.ConsumeRandomLengthString(64);
+  const std::string passwd = d.ConsumeRandomLengthString(64);
+  const HttpsRequest request{"localhost",
+                             "account.php",
+                             fields,
+                             d.ConsumeIntegralInRange(0, 1),
+                             d.ConsumeBool() ? username.c_str() : nullptr,
+                             d.ConsumeBool() ? passwd.c_str() : nullptr};
+  HttpsResponse response{7, nullptr};
+  const int result = gSend(&request, &response);
+  FUZZ_CHECK(result == 0 || (result == -1 && response.httpStatus == 7 && !response.body));
+  gFree(&response);
+  TLIBCSzHashFree(fields);
+}
+
+}  // namespace
+
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   FuzzedDataProvider data(bytes, size);
   gData = &data;
-  const TALV::APITableEntry& row = gModule->Table()[data.ConsumeIntegralInRange(0, 14)];
+  // The account service's answer to a form: often a keyword of the table
+  // and whatever may follow it.
+  std::string answer =
+      data.ConsumeBool() ? gKeywords[data.ConsumeIntegralInRange<size_t>(0, gKeywords.size() - 1)] : "";
+  answer += data.ConsumeRandomLengthString(32);
+  pellixtest::ScriptTransfers(data.PickValueInArray({200L, 200L, 201L, 404L, 500L}), answer);
+  const size_t which = data.ConsumeIntegralInRange(0, 15);
+  if (which == 15) {
+    PostForm(data);
+    FUZZ_CHECK(pellixtest::PostedForm().size() < 2048);
+    FUZZ_CHECK(talvcore::LiveHashes() == 0 && talvcore::LiveLists() == 0 && talvcore::BadFrees().empty());
+    gData = nullptr;
+    return 0;
+  }
+  const TALV::APITableEntry& row = gModule->Table()[which];
   Json::Value params(Json::objectValue);
   for (int n = data.ConsumeIntegralInRange(0, 8); n > 0; --n) params[data.PickValueInArray(kNames)] = Value(data, 1);
+  const bool registerV1 = which == 0;
+  if (registerV1 && data.ConsumeBool()) {  // one that gets as far as the form
+    params["account"] = data.ConsumeRandomLengthString(64) + "@example.com";
+    params["password"] = data.ConsumeRandomLengthString(140);
+    params["fullname"] = data.ConsumeRandomLengthString(270);
+  }
   // As root, each request runs with the effective ids dropped (the saved
   // ones kept), so that the privilege guard has something to raise and to
   // put back. Root again between requests: the leak checker needs it.
@@ -192,6 +263,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   }
   FUZZ_CHECK(a.found);
   FUZZ_CHECK(a.answers == (a.threw ? 0 : 1));
+  if (registerV1 && !a.threw) FUZZ_CHECK(a.success || gKeywordCodes.count(a.code));
+  FUZZ_CHECK(pellixtest::PostedForm().size() < 2048);
   FUZZ_CHECK(talvcore::LiveHashes() == 0);
   FUZZ_CHECK(talvcore::LiveLists() == 0);
   FUZZ_CHECK(talvcore::BadFrees().empty());

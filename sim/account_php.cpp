@@ -1,70 +1,18 @@
 #include "account_php.h"
 
 #include <httplib.h>
-#include <openssl/bn.h>
-#include <openssl/ec.h>
-#include <openssl/evp.h>
 #include <openssl/pem.h>
-#include <openssl/x509v3.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 
 #include <chrono>
 #include <ctime>
 
+#include "certificate.h"
 #include "talv/cloud.h"
 
 namespace pellixsim {
 namespace {
-
-struct KeyFree {
-  void operator()(EVP_PKEY* k) const { EVP_PKEY_free(k); }
-};
-struct CertFree {
-  void operator()(X509* x) const { X509_free(x); }
-};
-using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
-using Cert = std::unique_ptr<X509, CertFree>;
-
-bool AddExtension(X509* cert, X509* issuer, int nid, const char* value) {
-  X509V3_CTX ctx;
-  X509V3_set_ctx_nodb(&ctx);
-  X509V3_set_ctx(&ctx, issuer, cert, nullptr, nullptr, 0);
-  X509_EXTENSION* ext = X509V3_EXT_conf_nid(nullptr, &ctx, nid, value);
-  if (!ext) return false;
-  bool added = X509_add_ext(cert, ext, -1) == 1;
-  X509_EXTENSION_free(ext);
-  return added;
-}
-
-// A certificate for `key`, signed by `issuerKey` as `issuer` (itself when null).
-Cert MakeCertificate(EVP_PKEY* key, X509* issuer, EVP_PKEY* issuerKey, const char* commonName, long days, bool ca) {
-  Cert cert(X509_new());
-  BIGNUM* serial = BN_new();
-  bool ok = cert && serial && X509_set_version(cert.get(), 2) &&
-            BN_rand(serial, 64, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) &&
-            BN_to_ASN1_INTEGER(serial, X509_get_serialNumber(cert.get())) &&
-            X509_gmtime_adj(X509_getm_notBefore(cert.get()), -3600) &&
-            X509_gmtime_adj(X509_getm_notAfter(cert.get()), days * 86400) && X509_set_pubkey(cert.get(), key);
-  BN_free(serial);
-  if (!ok) return nullptr;
-  X509_NAME* name = X509_get_subject_name(cert.get());
-  X509_NAME_add_entry_by_txt(name, "O", MBSTRING_ASC, reinterpret_cast<const unsigned char*>("Pellix development host"),
-                             -1, -1, 0);
-  X509_NAME_add_entry_by_txt(name, "CN", MBSTRING_ASC, reinterpret_cast<const unsigned char*>(commonName), -1, -1, 0);
-  X509* signer = issuer ? issuer : cert.get();
-  if (!X509_set_issuer_name(cert.get(), X509_get_subject_name(signer))) return nullptr;
-  ok = ca ? AddExtension(cert.get(), signer, NID_basic_constraints, "critical,CA:TRUE") &&
-                AddExtension(cert.get(), signer, NID_key_usage, "critical,keyCertSign,cRLSign") &&
-                AddExtension(cert.get(), signer, NID_subject_key_identifier, "hash")
-          : AddExtension(cert.get(), signer, NID_basic_constraints, "CA:FALSE") &&
-                AddExtension(cert.get(), signer, NID_key_usage, "critical,digitalSignature") &&
-                AddExtension(cert.get(), signer, NID_ext_key_usage, "serverAuth") &&
-                AddExtension(cert.get(), signer, NID_subject_alt_name, "IP:127.0.0.1,DNS:localhost") &&
-                AddExtension(cert.get(), signer, NID_authority_key_identifier, "keyid");
-  if (!ok || !X509_sign(cert.get(), issuerKey ? issuerKey : key, EVP_sha256())) return nullptr;
-  return cert;
-}
 
 bool WritePem(const std::string& path, EVP_PKEY* key, X509* cert, std::string* error) {
   const std::string temporary = path + ".new";
@@ -102,8 +50,8 @@ bool MakeCertificates(const std::string& dir, std::string* error) {
   Key caKey;
   Cert ca;
   if (!Exists(caPem) || !Exists(caKeyPath)) {
-    caKey.reset(EVP_EC_gen("P-256"));
-    ca = caKey ? MakeCertificate(caKey.get(), nullptr, nullptr, "Pellix development CA", 3650, true) : nullptr;
+    caKey = NewKey();
+    ca = caKey ? MakeCertificate(caKey.get(), {"Pellix development CA", "", -3600, 3650L * 86400, true}) : nullptr;
     if (!ca) {
       *error = "cannot make a certificate authority in " + dir;
       return false;
@@ -121,8 +69,10 @@ bool MakeCertificates(const std::string& dir, std::string* error) {
       X509_cmp_time(X509_get0_notAfter(server.get()), const_cast<time_t*>(&soon)) > 0 &&
       X509_verify(server.get(), caKey.get()) == 1)
     return true;
-  Key key(EVP_EC_gen("P-256"));
-  server = key ? MakeCertificate(key.get(), ca.get(), caKey.get(), "127.0.0.1", 825, false) : nullptr;
+  Key key = NewKey();
+  server = key ? MakeCertificate(key.get(), {"127.0.0.1", "IP:127.0.0.1,DNS:localhost", -3600, 825L * 86400, false},
+                                 ca.get(), caKey.get())
+               : nullptr;
   if (!server) {
     *error = "cannot make the account service's certificate in " + dir;
     return false;

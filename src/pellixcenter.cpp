@@ -104,14 +104,21 @@ void AnswerCode(TALV::APIResponse* response, int code, const Json::Value& data) 
   }
 }
 
+enum class Aborted { kLogin, kRegister };
+
 // No second sign-in or registration over a signed-in account: only a query
 // result of exactly 0 means one is signed in. Then this logs, answers 3010
 // with that account and returns true. Sign-in by password and registration
 // hand the key back as text (`keyAsText`); the others copy it as it is.
-bool RefuseWhileSignedIn(Json::Value& info, Json::Value& answer, TALV::APIResponse* response, const char* aborted,
+bool RefuseWhileSignedIn(Json::Value& info, Json::Value& answer, TALV::APIResponse* response, Aborted aborted,
                          bool keyAsText) {
   if (TALVPELLIXAccountQueryInfo(info, true, true) != 0) return false;
-  PELLIX_LOG("Already logged in a Pellix account: %s. %s aborted.", info["email"].asCString(), aborted);
+  // One literal format each, so that a line from the system log leads to its statement.
+  if (aborted == Aborted::kLogin) {
+    PELLIX_LOG("Already logged in a Pellix account: %s. Login aborted.", info["email"].asCString());
+  } else {
+    PELLIX_LOG("Already logged in a Pellix account: %s. Register aborted.", info["email"].asCString());
+  }
   answer["account"] = info["email"];
   if (keyAsText) {
     answer["auth_key"] = info["auth_key"].asCString();
@@ -356,7 +363,7 @@ void Login(TALV::APIRequest* request, TALV::APIResponse* response) {
   }
   const std::string account = Text(request, "account");
   const std::string password = Text(request, "password");
-  if (RefuseWhileSignedIn(info, answer, response, "Login", true)) return;
+  if (RefuseWhileSignedIn(info, answer, response, Aborted::kLogin, true)) return;
 
   if (TALVPELLIXAccountLogin(account.c_str(), password.c_str(), info, false) < 0)
     PELLIX_LOG("TALVPELLIXAccountLogin failed, email=%s", account.c_str());
@@ -382,7 +389,7 @@ void LoginByKey(TALV::APIRequest* request, TALV::APIResponse* response) {
     response->SetError(kErrBadParam, answer);
     return;
   }
-  if (RefuseWhileSignedIn(info, answer, response, "Login", false)) return;
+  if (RefuseWhileSignedIn(info, answer, response, Aborted::kLogin, false)) return;
 
   if (TALVPELLIXAccountLoginByKey(serial.Get().c_str(), key.Get().c_str(), info) < 0)
     PELLIX_LOG("TALVPELLIXAccountLoginByKey failed, serial=%s", serial.Get().c_str());
@@ -405,7 +412,7 @@ void OauthLogin(TALV::APIRequest* request, TALV::APIResponse* response) {
     response->SetError(kErrBadParam, answer);
     return;
   }
-  if (RefuseWhileSignedIn(info, answer, response, "Login", false)) return;
+  if (RefuseWhileSignedIn(info, answer, response, Aborted::kLogin, false)) return;
 
   if (TALVPELLIXAccountOauthLogin(info, token.c_str()) < 0)
     PELLIX_LOG("TALVPELLIXAccountOauthLogin failed, random_token=%s", token.c_str());
@@ -697,7 +704,7 @@ void Register_v2(TALV::APIRequest* request, TALV::APIResponse* response) {
     response->SetError(kErrBadParam, answer);
     return;
   }
-  if (RefuseWhileSignedIn(info, answer, response, "Register", true)) return;
+  if (RefuseWhileSignedIn(info, answer, response, Aborted::kRegister, true)) return;
 
   // The library takes its flags in another order than the request names them.
   if (TALVPELLIXAccountRegister(email.c_str(), password.c_str(), fullName.c_str(), criticalRelease, enews,

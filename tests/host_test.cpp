@@ -1,30 +1,11 @@
 // The host harness and webapi-host: what the host does around a handler.
 #include <algorithm>
-#include <stdexcept>
 
 #include "support/module_test.h"
 #include "support/process.h"
 
 namespace pellixtest {
 namespace {
-
-using ::testing::_;
-using ::testing::Throw;
-
-// An exception that leaves a handler is caught at the boundary: the host
-// survives and reports that no answer was given.
-TEST_F(ModuleTest, ExceptionLeavingAHandlerIsCaughtByTheHost) {
-  EXPECT_CALL(backend_, QueryInfo(_, true, true)).WillOnce(Throw(std::runtime_error("library broke")));
-  webapihost::Answer a = Call("TALV.Core.PellixCenter", 2, "query");
-  EXPECT_TRUE(a.found);
-  EXPECT_TRUE(a.threw);
-  EXPECT_EQ(a.exception, "library broke");
-  EXPECT_EQ(a.answers, 0);
-  EXPECT_FALSE(a.success);
-  EXPECT_EQ(a.code, webapihost::kErrUnknown);
-  EXPECT_EQ(webapihost::Envelope(a),
-            R"({"success":false,"error":{"code":100,"details":{"exception":"library broke"}}})");
-}
 
 TEST_F(ModuleTest, HostRefusesParametersThatAreNotAnObject) {
   for (const char* params : {"[]", "1", "\"x\"", "null"}) {

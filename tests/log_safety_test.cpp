@@ -49,9 +49,8 @@ TEST_F(ModuleTest, LoggedTextIsWrittenLiterally) {
   // What the library says of the bound account is no safer than a request.
   EXPECT_CALL(backend_, QueryInfo).WillOnce(DoAll(SetArgReferee<0>(bound), Return(Outcome{0, 0})));
   Call("TALV.Core.PellixCenter", 2, "oauth_login", J(R"({"access_token": "t"})"));
-  EXPECT_EQ(Logged(),
-            std::vector<Line>{LogLine("RefuseWhileSignedIn", "Already logged in a Pellix account: %s. %s aborted.",
-                                      kHostile, "Login")});
+  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("RefuseWhileSignedIn",
+                                                "Already logged in a Pellix account: %s. Login aborted.", kHostile)});
 
   Call("TALV.Core.PellixCenter.Logout", 1, "pkce_logout");
   EXPECT_EQ(Logged(), std::vector<Line>{LogLine("PkceLogout", "Failed to pkce logout: %s", kHostile)});

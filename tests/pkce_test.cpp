@@ -1,5 +1,5 @@
 // The PKCE methods against a scripted PKCE service and verifier API:
-// PkceLogin (and through it getCodeVerifier, whose export symbols_test
+// PkceLogin (and through it getCodeVerifier, whose export the ABI baseline
 // checks), PkceLogout's own ending and PkceConfigGet. The privilege guard is
 // tested for real in pkce_identity_test.cpp.
 #include <stdexcept>
@@ -17,20 +17,6 @@ using ::testing::Throw;
 using syslogcapture::Line;
 using talvpellix::PellixException;
 
-// The credential-verifier API, answering every call with one scripted result.
-class VerifierApi : public talvwebapi::Runner {
- public:
-  explicit VerifierApi(const char* answer) : answer_(J(answer)) {}
-  int Exec(Json::Value& result, const std::string&, int, const std::string&, const Json::Value&,
-           const std::string&) override {
-    result = answer_;
-    return 0;
-  }
-
- private:
-  Json::Value answer_;
-};
-
 const char kKnown[] = R"({"success": true, "data": {"verifier": "v-123"}})";
 const char kLoginParams[] = R"({"code_challenge": "ch-1", "grant_code": "g-1", "client_id": "c-1",
   "token_endpoint": "https://acct.example/token", "redirect_uri": "https://nas.example/cb"})";
@@ -41,101 +27,84 @@ enum class Service { kReturns, kThrowsPellix, kThrowsStd, kThrowsOther, kConstru
 
 struct PkceLoginCase {
   const char* name;
-  const char* verifier;  // the verifier API's answer; nullptr: no such API on this host
+  const char* verifier;  // the verifier API's answer
   Service service;
   const char* result;  // kReturns: what Login returns
   int code;            // kThrowsPellix, kConstructorThrows: the exception's code
   // Expected:
-  bool answered;   // false: the exception passed to the host
-  int answerCode;  // 0: success
-  const char* data;
+  const char* answer;        // as ExpectAnswer takes it
   const char* logged;        // the message after "Failed on PkceLogin: ", or nullptr
   const char* codeVerifier;  // what Login received, or nullptr when it was not called
 };
 
-std::ostream& operator<<(std::ostream& os, const PkceLoginCase& c) { return os << c.name; }
+const char kSignedIn[] = R"({"email": "ada@example.com", "auth_key": "k-9", "activated": true, "extra": 1})";
+const char kAnswered[] = R"(0 {"account": "ada@example.com", "auth_key": "k-9", "activated": true})";
 
-class PkceLoginTest : public ModuleTest, public ::testing::WithParamInterface<PkceLoginCase> {};
+// clang-format off
+const PkceLoginCase kPkceLogins[] = {
+    {"SignedIn", kKnown, Service::kReturns, kSignedIn, 0, kAnswered, nullptr, "v-123"},
+    {"ResultWithoutActivated", kKnown, Service::kReturns, R"({"email": "e", "auth_key": 7})", 0,
+     R"(0 {"account": "e", "auth_key": 7, "activated": null})", nullptr, "v-123"},
+    {"UnknownChallenge", R"({"success": false, "error": {"code": 120}})", Service::kReturns, kSignedIn, 0, "3003 null",
+     kNoVerifier, nullptr},
+    {"VerifierAnswerWithoutSuccess", R"({"data": {"verifier": "v"}})", Service::kReturns, kSignedIn, 0, "3003 null",
+     kNoVerifier, nullptr},
+    // Success without a verifier is not the module's to judge.
+    {"SuccessWithoutData", R"({"success": true})", Service::kReturns, kSignedIn, 0, kAnswered, nullptr, ""},
+    {"Pellix14", kKnown, Service::kThrowsPellix, nullptr, 14, "3004 null", "grant refused", "v-123"},
+    {"PellixMinus1", kKnown, Service::kThrowsPellix, nullptr, -1, "3000 null", "grant refused", "v-123"},
+    // The translated code is answered as it is, even the one of success.
+    {"Pellix0", kKnown, Service::kThrowsPellix, nullptr, 0, "3007 null", "grant refused", "v-123"},
+    {"ConstructorThrows", kKnown, Service::kConstructorThrows, nullptr, 16, "3005 null", "service unavailable", nullptr},
+    {"OtherStdException", kKnown, Service::kThrowsStd, nullptr, 0, "3003 null", "socket closed", "v-123"},
+    {"NonStandardExceptionPassesToTheHost", kKnown, Service::kThrowsOther, nullptr, 0, "threw", nullptr, "v-123"},
+    // Only the guarded steps are caught: composing the answer from a result
+    // that is no object throws to the host.
+    {"ResultThatIsNoObjectPassesToTheHost", kKnown, Service::kReturns, R"("just text")", 0, "threw", nullptr, "v-123"},
+};
+// clang-format on
 
-TEST_P(PkceLoginTest, AnswersAndLogs) {
-  const PkceLoginCase& c = GetParam();
-  VerifierApi api(c.verifier ? c.verifier : "{}");
-  if (c.verifier) talvwebapi::SetRunner(&api);
-  ON_CALL(backend_, PkceOpen).WillByDefault(Return());
-  if (c.service == Service::kConstructorThrows)
-    ON_CALL(backend_, PkceOpen).WillByDefault(Throw(PellixException(c.code, "service unavailable")));
-  auto& login = ON_CALL(backend_, PkceLogin(_));
-  switch (c.service) {
-    case Service::kReturns: login.WillByDefault(Return(J(c.result))); break;
-    case Service::kThrowsPellix: login.WillByDefault(Throw(PellixException(c.code, "grant refused"))); break;
-    case Service::kThrowsStd: login.WillByDefault(Throw(std::runtime_error("socket closed"))); break;
-    case Service::kThrowsOther: login.WillByDefault(Throw(42)); break;
-    case Service::kConstructorThrows: break;
-  }
+TEST_F(ModuleTest, PkceLoginAnswersAndLogs) {
+  for (const PkceLoginCase& c : kPkceLogins) {
+    SCOPED_TRACE(c.name);
+    talvseam::ClearJournal();
+    talvwebapi::ScriptedRunner api(J(c.verifier));
+    talvwebapi::SetRunner(&api);
+    ON_CALL(backend_, PkceOpen).WillByDefault(Return());
+    if (c.service == Service::kConstructorThrows)
+      ON_CALL(backend_, PkceOpen).WillByDefault(Throw(PellixException(c.code, "service unavailable")));
+    auto& login = ON_CALL(backend_, PkceLogin(_));
+    switch (c.service) {
+      case Service::kReturns: login.WillByDefault(Return(J(c.result))); break;
+      case Service::kThrowsPellix: login.WillByDefault(Throw(PellixException(c.code, "grant refused"))); break;
+      case Service::kThrowsStd: login.WillByDefault(Throw(std::runtime_error("socket closed"))); break;
+      case Service::kThrowsOther: login.WillByDefault(Throw(42)); break;
+      case Service::kConstructorThrows: break;
+    }
+    ExpectAnswer(Call("TALV.Core.PellixCenter.Login", 1, "pkce_login", J(kLoginParams)), c.answer);
+    talvwebapi::SetRunner(nullptr);
+    std::vector<Line> expected;
+    if (c.logged) expected.push_back(LogLine("PkceLogin", "Failed on PkceLogin: %s", c.logged));
+    EXPECT_EQ(Logged(), expected);
 
-  webapihost::Answer a = Call("TALV.Core.PellixCenter.Login", 1, "pkce_login", J(kLoginParams));
-  EXPECT_EQ(a.threw, !c.answered);
-  EXPECT_EQ(a.answers, c.answered ? 1 : 0);
-  if (c.answered) {
-    EXPECT_EQ(a.success, c.answerCode == 0);
-    EXPECT_EQ(a.code, c.answerCode);
-    EXPECT_EQ(a.data, J(c.data)) << a.data;
-  }
-  std::vector<Line> expected;
-  if (c.logged) expected.push_back(LogLine("PkceLogin", "Failed on PkceLogin: %s", c.logged));
-  EXPECT_EQ(Logged(), expected);
-
-  // The verifier is asked for the request's challenge, as root.
-  std::vector<talvseam::Call> exec = talvseam::JournalOf("APIRunner::Exec");
-  ASSERT_EQ(exec.size(), 1u);
-  EXPECT_EQ(exec[0].args, (std::vector<std::string>{"TALV.Remote.Credential.Verifier", "1", "get",
-                                                    R"({"challenge":"ch-1"})", "root"}));
-  // Nothing reaches the service without a verifier; the record is in order.
-  std::vector<talvseam::Call> logins = talvseam::JournalOf("AccountPkceService::Login");
-  if (!c.codeVerifier) {
-    EXPECT_TRUE(logins.empty());
-  } else {
-    ASSERT_EQ(logins.size(), 1u);
-    EXPECT_EQ(logins[0].args, (std::vector<std::string>{"c-1", "g-1", c.codeVerifier, "https://nas.example/cb"}));
-  }
-  if (c.logged && std::string(c.logged) == kNoVerifier) {
-    EXPECT_TRUE(talvseam::JournalOf("AccountPkceService::AccountPkceService").empty()) << "never constructed";
+    // The verifier is asked for the request's challenge, as root.
+    std::vector<talvseam::Call> exec = talvseam::JournalOf("APIRunner::Exec");
+    ASSERT_EQ(exec.size(), 1u);
+    EXPECT_EQ(exec[0].args, (std::vector<std::string>{"TALV.Remote.Credential.Verifier", "1", "get",
+                                                      R"({"challenge":"ch-1"})", "root"}));
+    // Nothing reaches the service without a verifier; the record is in order.
+    std::vector<talvseam::Call> logins = talvseam::JournalOf("AccountPkceService::Login");
+    if (!c.codeVerifier) {
+      EXPECT_TRUE(logins.empty());
+    } else {
+      ASSERT_EQ(logins.size(), 1u);
+      EXPECT_EQ(logins[0].args, (std::vector<std::string>{"c-1", "g-1", c.codeVerifier, "https://nas.example/cb"}));
+    }
+    if (c.logged == kNoVerifier) {
+      EXPECT_TRUE(talvseam::JournalOf("AccountPkceService::AccountPkceService").empty()) << "never constructed";
+    }
   }
 }
-const char kSignedIn[] = R"({"email": "ada@example.com", "auth_key": "k-9", "activated": true, "extra": 1})";
-const char kAnswered[] = R"({"account": "ada@example.com", "auth_key": "k-9", "activated": true})";
-
-INSTANTIATE_TEST_SUITE_P(
-    Cases, PkceLoginTest,
-    ::testing::Values(
-        PkceLoginCase{"SignedIn", kKnown, Service::kReturns, kSignedIn, 0, true, 0, kAnswered, nullptr, "v-123"},
-        PkceLoginCase{"ResultWithoutActivated", kKnown, Service::kReturns, R"({"email": "e", "auth_key": 7})", 0, true,
-                      0, R"({"account": "e", "auth_key": 7, "activated": null})", nullptr, "v-123"},
-        PkceLoginCase{"UnknownChallenge", R"({"success": false, "error": {"code": 120}})", Service::kReturns, kSignedIn,
-                      0, true, 3003, "null", kNoVerifier, nullptr},
-        PkceLoginCase{"VerifierAnswerWithoutSuccess", R"({"data": {"verifier": "v"}})", Service::kReturns, kSignedIn, 0,
-                      true, 3003, "null", kNoVerifier, nullptr},
-        // Success without a verifier is not the module's to judge.
-        PkceLoginCase{"SuccessWithoutData", R"({"success": true})", Service::kReturns, kSignedIn, 0, true, 0, kAnswered,
-                      nullptr, ""},
-        PkceLoginCase{"Pellix14", kKnown, Service::kThrowsPellix, nullptr, 14, true, 3004, "null", "grant refused",
-                      "v-123"},
-        PkceLoginCase{"PellixMinus1", kKnown, Service::kThrowsPellix, nullptr, -1, true, 3000, "null", "grant refused",
-                      "v-123"},
-        // The translated code is answered as it is, even the one of success.
-        PkceLoginCase{"Pellix0", kKnown, Service::kThrowsPellix, nullptr, 0, true, 3007, "null", "grant refused",
-                      "v-123"},
-        PkceLoginCase{"ConstructorThrows", kKnown, Service::kConstructorThrows, nullptr, 16, true, 3005, "null",
-                      "service unavailable", nullptr},
-        PkceLoginCase{"OtherStdException", kKnown, Service::kThrowsStd, nullptr, 0, true, 3003, "null", "socket closed",
-                      "v-123"},
-        PkceLoginCase{"NonStandardExceptionPassesToTheHost", kKnown, Service::kThrowsOther, nullptr, 0, false, 0,
-                      nullptr, nullptr, "v-123"},
-        // Only the guarded steps are caught: composing the answer from a
-        // result that is no object throws to the host.
-        PkceLoginCase{"ResultThatIsNoObjectPassesToTheHost", kKnown, Service::kReturns, R"("just text")", 0, false, 0,
-                      nullptr, nullptr, "v-123"}),
-    [](const ::testing::TestParamInfo<PkceLoginCase>& info) { return std::string(info.param.name); });
 
 // All five must be present, token_endpoint included although nobody uses it;
 // an absent one is refused silently, before the identity or another API is
@@ -155,7 +124,7 @@ TEST_F(ModuleTest, PkceLoginParameters) {
       EXPECT_EQ(call.op.rfind("APIRequest::", 0), 0u) << call.op << " ran";
   }
 
-  VerifierApi api(R"({"success": true, "data": {"verifier": ""}})");
+  talvwebapi::ScriptedRunner api(J(R"({"success": true, "data": {"verifier": ""}})"));
   talvwebapi::SetRunner(&api);
   ON_CALL(backend_, PkceOpen).WillByDefault(Return());
   ON_CALL(backend_, PkceLogin(_)).WillByDefault(Return(J(kSignedIn)));
@@ -176,11 +145,11 @@ TEST_F(ModuleTest, PkceLogoutSignOut) {
     const char* name;
     int code;  // of the PellixException; -100: none thrown; -200: a std::runtime_error
     bool inConstructor;
-    int answerCode;  // 0: success; -1: no answer
+    const char* answer;
   } cases[] = {
-      {"SignedOut", -100, false, 0},        {"NobodySignedIn", 3, false, 3000},
-      {"Unreachable", 4, false, 3002},      {"Code0", 0, false, 3007},
-      {"ConstructorThrows", 4, true, 3002}, {"OtherExceptionPassesToTheHost", -200, false, -1},
+      {"SignedOut", -100, false, "0 null"},        {"NobodySignedIn", 3, false, "3000 null"},
+      {"Unreachable", 4, false, "3002 null"},      {"Code0", 0, false, "3007 null"},
+      {"ConstructorThrows", 4, true, "3002 null"}, {"OtherExceptionPassesToTheHost", -200, false, "threw"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -194,14 +163,7 @@ TEST_F(ModuleTest, PkceLogoutSignOut) {
       call.WillByDefault(Throw(PellixException(c.code, "logout refused")));
     }
     EXPECT_CALL(backend_, Logout).Times(0);
-    webapihost::Answer a = Call("TALV.Core.PellixCenter.Logout", 1, "pkce_logout");
-    EXPECT_EQ(a.answers, c.answerCode < 0 ? 0 : 1);
-    EXPECT_EQ(a.threw, c.answerCode < 0);
-    if (c.answerCode >= 0) {
-      EXPECT_EQ(a.success, c.answerCode == 0);
-      EXPECT_EQ(a.code, c.answerCode);
-      EXPECT_TRUE(a.data.isNull());
-    }
+    ExpectAnswer(Call("TALV.Core.PellixCenter.Logout", 1, "pkce_logout"), c.answer);
     std::vector<Line> expected;
     if (c.code >= 0) expected.push_back(LogLine("PkceLogout", "Failed to pkce logout: %s", "logout refused"));
     EXPECT_EQ(Logged(), expected);

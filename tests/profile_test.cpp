@@ -128,11 +128,7 @@ TEST_F(ModuleTest, OneCallBridgesLogEveryNegativeResult) {
     std::vector<Line> logged = Logged();
     ASSERT_EQ(logged.size(), 2u);
     for (size_t i = 0; i < 2; ++i) {
-      const webapihost::Answer& a = runs[i].answer;
-      EXPECT_EQ(a.answers, 1);
-      EXPECT_EQ(a.success, c.code == 0);
-      EXPECT_EQ(a.code, c.code);
-      EXPECT_EQ(a.data, J(runs[i].data));
+      ExpectAnswer(runs[i].answer, std::to_string(c.code) + " " + runs[i].data);
       EXPECT_EQ(logged[i], runs[i].logged);
     }
   }

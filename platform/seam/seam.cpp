@@ -68,6 +68,7 @@ bool Enter(const char* service, const char* op, std::vector<std::string> args, i
     fail = true;
     if (!f.persistent) f.spent = true;
   }
+  if (fail && s.journaling && !s.journal.empty()) s.journal.back().failed = true;
   return fail;
 }
 

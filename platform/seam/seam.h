@@ -19,6 +19,7 @@ struct Call {
   std::string service;            // "pellix", "tlibc", "sdk", ...
   std::string op;                 // the operation's exported name
   std::vector<std::string> args;  // rendered; a null text is "(null)"
+  bool failed = false;            // the fault plan made it fail
 };
 
 // Records the call and returns true when the fault plan makes it fail; the

@@ -3,32 +3,33 @@
 #include <curl/curl.h>
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
 
+#include "seam/seam.h"
+
 namespace pellixtest {
 namespace {
 
-struct Plan {
-  std::mutex mu;
-  std::string function;  // "*": any; "": none
-  int option = -1;
-  int after = 0;
-  bool persistent = false;
-  bool fired = false;
-  std::vector<CurlCall> calls;
-  std::vector<CurlCall> failed;
-};
-
 // Off, the interposed functions forward at once: realloc and strdup are the
-// whole process's, and most of its calls are none of the plan's business.
+// whole process's, and most of its calls are none of the seam's business.
 std::atomic<bool> g_watching{false};
 
-Plan& P() {
-  static Plan* plan = new Plan();  // libcurl may still be called during exit
-  return *plan;
+struct Scripted {
+  std::mutex mu;
+  long status = -1;  // negative: transfers go out
+  std::string body;
+  std::string form;  // posted by the last one
+  curl_write_callback write = nullptr;
+  void* data = nullptr;
+};
+
+Scripted& S() {
+  static Scripted* scripted = new Scripted();  // libcurl may still be called during exit
+  return *scripted;
 }
 
 bool FromModule(const void* caller) {
@@ -36,22 +37,10 @@ bool FromModule(const void* caller) {
   return dladdr(caller, &info) && info.dli_fname && std::strstr(info.dli_fname, "pellixcenter.so");
 }
 
-// Counts the module's call and says whether the plan makes it fail.
+// Journals the module's call and says whether the fault plan makes it fail.
 bool FailNow(const char* function, int option, const void* caller) {
   if (!g_watching.load(std::memory_order_relaxed) || !FromModule(caller)) return false;
-  Plan& plan = P();
-  std::lock_guard<std::mutex> lock(plan.mu);
-  plan.calls.push_back({function, option});
-  const bool matches =
-      plan.function == "*" || (plan.function == function && (plan.option == -1 || plan.option == option));
-  if (!matches || (plan.fired && !plan.persistent)) return false;
-  if (plan.after > 0) {
-    --plan.after;
-    return false;
-  }
-  plan.fired = true;
-  plan.failed.push_back({function, option});
-  return true;
+  return talvseam::Enter("curl", CurlOp(function, option).c_str(), {});
 }
 
 template <typename F>
@@ -61,48 +50,35 @@ F Real(const char* name) {
 
 }  // namespace
 
-void InjectCurlFault(const std::string& function, int after, bool persistent, int option) {
-  Plan& plan = P();
-  std::lock_guard<std::mutex> lock(plan.mu);
-  plan.function = function;
-  plan.option = option;
-  plan.after = after;
-  plan.persistent = persistent;
-  plan.fired = false;
-  plan.calls.clear();
-  plan.failed.clear();
-  g_watching = true;
+std::string CurlOp(const std::string& function, int option) {
+  return option < 0 ? function : function + " " + std::to_string(option);
 }
 
-void FailCurlOnce(const char* function, int option) { InjectCurlFault(function, 0, false, option); }
+void WatchCurl(bool on) { g_watching = on; }
 
-bool CurlFaultPending() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  return !P().function.empty() && !P().fired;
+void ScriptTransfers(long status, const std::string& body) {
+  std::lock_guard<std::mutex> lock(S().mu);
+  S().status = status;
+  S().body = body;
 }
 
-std::vector<CurlCall> CurlCalls() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  return P().calls;
-}
-
-std::vector<CurlCall> FailedCurlCalls() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  return P().failed;
-}
-
-void ClearCurlFaults() {
-  std::lock_guard<std::mutex> lock(P().mu);
-  g_watching = false;
-  P().function.clear();
-  P().calls.clear();
-  P().failed.clear();
+std::string PostedForm() {
+  std::lock_guard<std::mutex> lock(S().mu);
+  return S().form;
 }
 
 }  // namespace pellixtest
 
 using pellixtest::FailNow;
 using pellixtest::Real;
+using pellixtest::S;
+
+// libcurl declares the option and the information as enums before the
+// variable arguments; clang warns that va_start after an enum is undefined,
+// but these enums are ints, passed as ints, on every ABI libcurl runs on.
+#ifdef __clang__
+#pragma clang diagnostic ignored "-Wvarargs"
+#endif
 
 extern "C" {
 
@@ -120,6 +96,12 @@ CURLcode curl_easy_setopt(CURL* curl, CURLoption option, ...) {
   void* value = va_arg(args, void*);
   va_end(args);
   if (FailNow("curl_easy_setopt", option, __builtin_return_address(0))) return CURLE_BAD_FUNCTION_ARGUMENT;
+  {
+    std::lock_guard<std::mutex> lock(S().mu);
+    if (option == CURLOPT_WRITEFUNCTION) S().write = reinterpret_cast<curl_write_callback>(value);
+    if (option == CURLOPT_WRITEDATA) S().data = value;
+    if (option == CURLOPT_POSTFIELDS) S().form = static_cast<const char*>(value);
+  }
   return real(curl, option, value);
 }
 
@@ -135,7 +117,23 @@ curl_slist* curl_slist_append(curl_slist* list, const char* text) {
 
 CURLcode curl_easy_perform(CURL* curl) {
   static const auto real = Real<CURLcode (*)(CURL*)>("curl_easy_perform");
-  return FailNow("curl_easy_perform", -1, __builtin_return_address(0)) ? CURLE_OUT_OF_MEMORY : real(curl);
+  if (FailNow("curl_easy_perform", -1, __builtin_return_address(0))) return CURLE_OUT_OF_MEMORY;
+  std::unique_lock<std::mutex> lock(S().mu);
+  if (S().status < 0) {
+    lock.unlock();
+    return real(curl);
+  }
+  // libcurl's pieces are at most CURL_MAX_WRITE_SIZE; a write function that
+  // takes less than it was given ends the transfer.
+  std::string body = S().body;
+  const curl_write_callback write = S().write;
+  void* const data = S().data;
+  lock.unlock();
+  for (size_t at = 0; at < body.size(); at += CURL_MAX_WRITE_SIZE) {
+    const size_t n = std::min<size_t>(CURL_MAX_WRITE_SIZE, body.size() - at);
+    if (write(&body[at], 1, n, data) != n) return CURLE_WRITE_ERROR;
+  }
+  return CURLE_OK;
 }
 
 // Each information the module reads is given one pointer to fill.
@@ -146,9 +144,17 @@ CURLcode curl_easy_getinfo(CURL* curl, CURLINFO info, ...) {
   void* out = va_arg(args, void*);
   va_end(args);
   if (FailNow("curl_easy_getinfo", info, __builtin_return_address(0))) return CURLE_BAD_FUNCTION_ARGUMENT;
+  {
+    std::lock_guard<std::mutex> lock(S().mu);
+    if (S().status >= 0 && info == CURLINFO_RESPONSE_CODE) {
+      *static_cast<long*>(out) = S().status;
+      return CURLE_OK;
+    }
+  }
   return real(curl, info, out);
 }
 
+#ifndef CURL_FAULTS_NO_ALLOCATION
 // The C library's own are looked up without a guarded static, which the
 // lookup's own allocations could enter again. A failed realloc leaves the
 // block where it was, as the C library's does.
@@ -163,5 +169,6 @@ char* strdup(const char* text) noexcept {
   if (!real.load(std::memory_order_relaxed)) real = Real<char* (*)(const char*)>("strdup");
   return FailNow("strdup", -1, __builtin_return_address(0)) ? nullptr : real.load()(text);
 }
+#endif
 
 }  // extern "C"

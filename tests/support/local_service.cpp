@@ -2,8 +2,12 @@
 
 #include <dlfcn.h>
 
+#include <filesystem>
+#include <fstream>
+
 #include "sdk/device.h"
 #include "seam/seam.h"
+#include "support/curl_faults.h"
 #include "talv/tlibc.h"
 
 namespace pellixtest {
@@ -23,6 +27,18 @@ void Find(void* module, const char* name, F* function) {
 
 }  // namespace
 
+Sysroot::Sysroot() {
+  std::filesystem::copy(PELLIX_DEV_SYSROOT, dir_.path(), std::filesystem::copy_options::recursive);
+  talvseam::SetSysroot(dir_.path());
+}
+
+Sysroot::~Sysroot() { talvseam::SetSysroot(""); }
+
+void Sysroot::Write(const std::string& path, const std::string& content) {
+  std::filesystem::create_directories(std::filesystem::path(dir_.path() + path).parent_path());
+  std::ofstream(dir_.path() + path) << content;
+}
+
 void FailOnce(const char* op, int after) { talvseam::InjectFault(op, after, false, 0); }
 
 void LocalServiceTest::SetUp() {
@@ -36,20 +52,23 @@ void LocalServiceTest::SetUp() {
   dlclose(handle);  // the fixture's own load keeps it
   if (HasFatalFailure()) return;
 
-  sysroot_.reset(new Sysroot());
   server_.reset(new HttpsServer(TestIdentities().trusted));
   ResetDevice();
+  WatchCurl(true);
 }
 
 void LocalServiceTest::ResetDevice() {
   talvseam::ClearFaults();
   talvsdk::SetDevice(nullptr);
-  WriteDevelopmentDevice(*sysroot_, server_->Address());
+  sysroot_.reset();  // before the next takes its place
+  sysroot_.reset(new Sysroot());
+  ConfigureHost(server_->Address());
   // Lines that end in the error state read what the module left there.
   TLIBCErrSetEx(TLIBC_ERR_NONE, "", 0);
 }
 
 void LocalServiceTest::TearDown() {
+  WatchCurl(false);
   server_.reset();
   sysroot_.reset();
   ModuleTest::TearDown();

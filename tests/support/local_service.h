@@ -1,23 +1,38 @@
-// Fixtures for the module's own HTTPS conversation: a development device's
-// files under a fresh sysroot, the account service on 127.0.0.1, and the
-// module's exported form-post and registration functions.
+// Fixtures for the module's own HTTPS conversation: the development device's
+// files in a folder of the test's own, the account service on 127.0.0.1, and
+// the module's exported form-post and registration functions.
 #pragma once
 
+#include <map>
 #include <memory>
 #include <string>
 #include <utility>
 #include <vector>
 
 #include "account_register.h"
+#include "client.h"
 #include "https_request.h"
+#include "sdk/device.h"
 #include "support/https_server.h"
 #include "support/module_test.h"
-#include "support/sysroot.h"
 
 namespace pellixtest {
 
+// The development device's files (dev/sysroot), copied into a temporary
+// folder that the stand-ins take for the root of fixed paths while it lives.
+class Sysroot {
+ public:
+  Sysroot();
+  ~Sysroot();
+  // Writes `content` to the absolute `path` under the sysroot.
+  void Write(const std::string& path, const std::string& content);
+
+ private:
+  webapihost::TempDir dir_;
+};
+
 // What the device's files say, and what follows from them.
-extern const char kDeviceSerial[];  // WriteDevelopmentDevice's
+extern const char kDeviceSerial[];  // dev/sysroot's
 extern const char kDeviceToken[];   // the cloud library's token for kDeviceSerial
 extern const char kUserAgent[];     // model name and build number
 extern const char kTokenX1[];       // the cloud library's token for the serial "X1"
@@ -44,6 +59,26 @@ class FieldHash {
 
  private:
   TLIBC_SZHASH* hash_;
+};
+
+// A device whose time zone the test chooses.
+class ZoneDevice : public talvsdk::Device {
+ public:
+  ZoneDevice(std::string zone, std::map<std::string, std::string> info)
+      : zone_(std::move(zone)), info_(std::move(info)) {}
+  bool SerialNumber(std::string* serial) override { return talvsdk::DefaultDevice()->SerialNumber(serial); }
+  bool TimeZone(std::string* zone) override {
+    *zone = zone_;
+    return true;
+  }
+  bool ZoneInfo(const std::string&, std::map<std::string, std::string>* info) override {
+    *info = info_;
+    return true;
+  }
+
+ private:
+  std::string zone_;
+  std::map<std::string, std::string> info_;
 };
 
 // Platform operation `op` fails once, on its (after+1)-th call from now.

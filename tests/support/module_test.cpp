@@ -45,6 +45,18 @@ Json::Value J(const std::string& text) {
   return value;
 }
 
+void ExpectAnswer(const webapihost::Answer& a, const std::string& expected) {
+  EXPECT_TRUE(a.found);
+  EXPECT_EQ(a.threw, expected == "threw") << a.exception;
+  EXPECT_EQ(a.answers, a.threw ? 0 : 1);
+  if (a.threw || expected == "threw") return;
+  const size_t space = expected.find(' ');
+  const int code = std::stoi(expected.substr(0, space));
+  EXPECT_EQ(a.success, code == 0);
+  EXPECT_EQ(a.code, code);
+  EXPECT_EQ(a.data, J(expected.substr(space + 1))) << a.data;
+}
+
 namespace {
 
 // The module's sources, each logging under its own file name.

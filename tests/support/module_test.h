@@ -24,6 +24,10 @@ Json::Value J(const std::string& text);
 // line> " and the message formatted from `format`.
 syslogcapture::Line LogLine(const std::string& function, const char* format, ...) __attribute__((format(printf, 2, 3)));
 
+// Checks the answer a case expects: "<code> <data or details as JSON>",
+// code 0 for success; "threw" when the exception passes to the host.
+void ExpectAnswer(const webapihost::Answer& a, const std::string& expected);
+
 // A password handed to the module other than through ModuleTest::Call (to
 // PellixAccountRegister or HttpsRequestSend directly), for the suite-wide
 // scan of the log.

@@ -2,13 +2,14 @@
 
 #include <dlfcn.h>
 
-#include <cctype>
 #include <cstdio>
 #include <cstdlib>
-#include <cstring>
+#include <filesystem>
+#include <fstream>
 
+#include "client.h"
 #include "seam/seam.h"
-#include "support/sysroot.h"
+#include "syslog_capture.h"
 
 namespace pellixtest {
 
@@ -32,23 +33,17 @@ const ServiceProcess& StartServiceProcess() {
   }
 
   process.service = new TlsServer(TestIdentities().trusted);
-  static Sysroot device;
-  WriteDevelopmentDevice(device, process.service->Address());
+  // The development device, its account service this one.
+  static webapihost::TempDir device;
+  std::filesystem::copy(PELLIX_DEV_SYSROOT, device.path(), std::filesystem::copy_options::recursive);
+  std::ofstream(device.path() + "/usr/talv/etc/talvrelayd/talvrelayd.conf")
+      << "[relay]\nenabled = 1\n\n[pellix]\nhost = " << process.service->Address() << "\n";
+  talvseam::SetSysroot(device.path());
   // The journal is bounded, but keeping it costs every call a lock; and
   // what a request logs must be gone when it is done with.
   talvseam::SetJournaling(false);
   syslogcapture::KeepHistory(false);
   return process;
-}
-
-bool Written(const syslogcapture::Line& line, const char* file, const std::string& message) {
-  const std::string& text = line.text;
-  const size_t prefix = std::strlen(file);
-  if (line.priority != 3 || text.compare(0, prefix, file) != 0 || text.size() < prefix + 1 || text[prefix] != ':')
-    return false;
-  size_t at = prefix + 1;
-  while (at < text.size() && std::isdigit(static_cast<unsigned char>(text[at]))) ++at;
-  return at > prefix + 1 && text.compare(at, std::string::npos, " " + message) == 0;
 }
 
 }  // namespace pellixtest
