@@ -8,15 +8,16 @@
 #                           the analysers and the packaging need (scripts/test.sh)
 set -euo pipefail
 
+# serve trusts its own account service without the machine's CA bundle.
 packages=(
   cmake ninja-build g++ pkg-config
-  libjsoncpp-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libcpp-httplib-dev ca-certificates curl
+  libjsoncpp-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libcpp-httplib-dev curl
 )
 case "${1:-}" in
   "") ;;
   --all)
     packages+=(
-      binutils openssl libseccomp-dev libgtest-dev libgmock-dev libbenchmark-dev
+      binutils openssl ca-certificates libseccomp-dev libgtest-dev libgmock-dev libbenchmark-dev
       valgrind clang libclang-rt-14-dev
       abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format
       chromium chromium-driver python3-selenium
