@@ -19,7 +19,7 @@ case "${1:-}" in
     packages+=(
       binutils openssl ca-certificates libseccomp-dev libgtest-dev libgmock-dev libbenchmark-dev
       valgrind clang libclang-rt-14-dev
-      abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format
+      abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format git
       chromium chromium-driver python3-selenium
     )
     ;;
