@@ -58,10 +58,12 @@ install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONEN
 # webapi-host looks for its administration page in ../share/webapi-host/web
 # from its own folder before the source tree's web/.
 install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)
+# The manual page names the project's version.
+configure_file(packaging/webapi-host.1 ${CMAKE_BINARY_DIR}/webapi-host.1 @ONLY)
 set(PELLIX_MANPAGE ${CMAKE_BINARY_DIR}/webapi-host.1.gz)
 add_custom_command(OUTPUT ${PELLIX_MANPAGE}
-                   COMMAND gzip -9n -c ${PROJECT_SOURCE_DIR}/packaging/webapi-host.1 > ${PELLIX_MANPAGE}
-                   DEPENDS ${PROJECT_SOURCE_DIR}/packaging/webapi-host.1)
+                   COMMAND gzip -9n -c ${CMAKE_BINARY_DIR}/webapi-host.1 > ${PELLIX_MANPAGE}
+                   DEPENDS ${CMAKE_BINARY_DIR}/webapi-host.1)
 add_custom_target(manpage ALL DEPENDS ${PELLIX_MANPAGE})
 install(FILES ${PELLIX_MANPAGE} DESTINATION ${CMAKE_INSTALL_MANDIR}/man1 COMPONENT devkit)
 install(FILES host/harness.h host/syslog_capture.h host/trust.h DESTINATION ${PELLIX_INCLUDE_DIR}/devkit COMPONENT devkit)

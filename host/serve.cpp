@@ -39,7 +39,9 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
       "webapi-host: serving pellixcenter.so at %s\n"
       "  administration page %s\n"
       "  state folder %s (device %s, %s, build %s)\n"
+      "  sign-out refusal reasons in %s\n"
       "  %s\n"
+      "  To start over with a new device and no accounts, stop and remove the state folder, or use another --state.\n"
       "Try:\n"
       "  curl -s '%s?api=TALV.Core.PellixCenter&version=2&method=query'\n"
       "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=register "
@@ -51,7 +53,8 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
       "-d account=ada@example.com -d password=secret1\n"
       "Stop with Ctrl-C.\n",
       entry.c_str(), pages.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
-      accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
+      state.ReasonsFile().c_str(), accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(),
+      entry.c_str());
   (void)std::fflush(out);
 }
 

@@ -4,11 +4,12 @@
 //   webapi-host [--module PATH] list
 //   webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N]
 //   webapi-host [--module PATH] demo
+//   webapi-host help [COMMAND] | --help | --version
 //
-// `call` prints the answer envelope on stdout and the module's log lines on
-// stderr. Exit status: 0 success answer, 1 error answer, 2 bad invocation or
-// no such method, 3 the module cannot be loaded. `serve` and `demo`: see
-// serve.h.
+// Options may come before or after the command. `call` prints the answer
+// envelope on stdout and the module's log lines on stderr. Exit status: 0
+// success answer, 1 error answer, 2 bad invocation or no such method, 3 the
+// module cannot be loaded. `serve` and `demo`: see serve.h.
 #include <json/reader.h>
 #include <sys/stat.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include <cstdlib>
 #include <cstring>
 #include <iostream>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -32,10 +34,78 @@ const char kUsage[] =
     "usage: webapi-host [--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS_JSON]\n"
     "       webapi-host [--module PATH] list\n"
     "       webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N]\n"
-    "       webapi-host [--module PATH] demo\n";
+    "       webapi-host [--module PATH] demo\n"
+    "       webapi-host help [COMMAND] | --help | --version\n";
+
+const char kOptions[] =
+    "Options, before or after the command:\n"
+    "  --module PATH  the module to load (default: $PELLIXCENTER_SO, else pellixcenter.so beside the program,\n"
+    "                 else the installed one)\n"
+    "  --lang LANG    the interface language every request reports (default enu)\n"
+    "  --state DIR    serve: the state folder (default ${XDG_STATE_HOME:-~/.local/state}/webapi-host)\n"
+    "  --port N       serve: the port on 127.0.0.1 (default 8080; 0 takes any free port)\n"
+    "  --help, -h     this text; with a command, that command's\n"
+    "  --version      the version\n";
+
+struct Command {
+  const char* name;
+  const char* usage;
+  const char* text;
+};
+
+const Command kCommands[] = {
+    {"call", "[--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS_JSON]",
+     "Runs one method of the module on the default stand-ins (no account signed in, account service\n"
+     "unreachable; TALV_SYSROOT names the device's files) and prints the answer on stdout,\n"
+     "{\"success\":true,\"data\":...} or {\"success\":false,\"error\":{\"code\":N,\"details\":...}},\n"
+     "and the module's log lines on stderr. PARAMS_JSON is a JSON object ({} when left out).\n"
+     "Exit status: 0 a success answer, 1 an error answer, 2 a bad invocation or no such method,\n"
+     "3 the module cannot be loaded.\n"},
+    {"list", "[--module PATH] list",
+     "Prints the module's table, one method a line: API, version, method.\n"
+     "Exit status: 0; 2 a bad invocation; 3 the module cannot be loaded.\n"},
+    {"serve", "[--module PATH] [--lang LANG] serve [--state DIR] [--port N]",
+     "Serves every method over HTTP at http://127.0.0.1:PORT/webapi/entry, and the administration page\n"
+     "at http://127.0.0.1:PORT/, on a simulated device and account service kept in the state folder.\n"
+     "It prints the URL, the state folder, the device's serial number and requests to try.\n"
+     "To start over, with a new device and no accounts, stop it and remove the state folder, or\n"
+     "give another --state. Ctrl-C stops it.\n"
+     "Exit status: 0 after Ctrl-C or SIGTERM; 1 the state folder cannot be used or is in use by\n"
+     "another host, or another start-up error; 2 a bad invocation or a port in use; 3 the module\n"
+     "cannot be loaded.\n"},
+    {"demo", "[--module PATH] demo",
+     "Starts a host of its own on a free port and a temporary state folder and runs a whole account\n"
+     "life cycle through it, printing every request and answer.\n"
+     "Exit status: 0 every step answered as expected; 1 otherwise; 2 a bad invocation.\n"},
+    {"help", "help [COMMAND]",
+     "Prints the usage of webapi-host, or of one command. Exit status: 0; 2 no such command.\n"},
+};
+
+const Command* FindCommand(const std::string& name) {
+  for (const Command& c : kCommands)
+    if (name == c.name) return &c;
+  return nullptr;
+}
+
+int Help() {
+  std::cout << kUsage << "\nRuns pellixcenter.so as the device's web API host does, on stand-ins of the platform.\n\n"
+            << "Commands:\n"
+            << "  call    runs one method and prints its answer\n"
+            << "  list    prints the module's table\n"
+            << "  serve   serves every method over HTTP, with the administration page\n"
+            << "  demo    runs a whole account life cycle against a host of its own\n"
+            << "  help    prints this, or with a command, that command's usage\n\n"
+            << kOptions << "\nSee webapi-host(1).\n";
+  return 0;
+}
+
+int CommandHelp(const Command& c) {
+  std::cout << "usage: webapi-host " << c.usage << "\n\n" << c.text << "\n" << kOptions;
+  return 0;
+}
 
 int Usage(const std::string& problem) {
-  std::cerr << "webapi-host: " << problem << "\n" << kUsage;
+  std::cerr << "webapi-host: " << problem << "\n" << kUsage << "webapi-host --help says more.\n";
   return 2;
 }
 
@@ -90,50 +160,57 @@ bool ParseInt(const std::string& text, int* version) {
 }  // namespace
 
 int main(int argc, char** argv) {
-  std::string modulePath = DefaultModule();
-  std::string language = "enu";
-  std::vector<std::string> args(argv + 1, argv + argc);
-  size_t i = 0;
-  for (; i < args.size() && args[i].rfind("--", 0) == 0; ++i) {
-    if (args[i] == "--help") {
-      std::cout << kUsage;
+  // Options and their values first, wherever they stand; what is left is the
+  // command and its arguments. Nothing a command takes begins with "--".
+  std::map<std::string, std::string> options;
+  bool help = false;
+  std::vector<std::string> args;
+  for (int i = 1; i < argc; ++i) {
+    const std::string arg = argv[i];
+    if (arg == "--help" || arg == "-h") {
+      help = true;
+    } else if (arg == "--version") {
+      std::cout << "webapi-host " << PELLIX_VERSION << "\n";
       return 0;
-    }
-    if (i + 1 >= args.size()) return Usage(args[i] + " needs a value");
-    if (args[i] == "--module") {
-      modulePath = args[++i];
-    } else if (args[i] == "--lang") {
-      language = args[++i];
+    } else if (arg == "--module" || arg == "--lang" || arg == "--state" || arg == "--port") {
+      if (i + 1 >= argc) return Usage(arg + " needs a value");
+      options[arg] = argv[++i];
+    } else if (arg.rfind("--", 0) == 0) {
+      return Usage("unknown option " + arg);
     } else {
-      return Usage("unknown option " + args[i]);
+      args.push_back(arg);
     }
   }
-  if (i >= args.size()) return Usage("no command");
-  const std::string command = args[i++];
+  const std::string command = args.empty() ? "" : args[0];
+  if (help || command == "help") {
+    const std::string topic = command == "help" ? (args.size() > 1 ? args[1] : "") : command;
+    if (topic.empty()) return Help();
+    const Command* c = FindCommand(topic);
+    return c ? CommandHelp(*c) : Usage("no command " + topic);
+  }
+  if (command.empty()) return Usage("no command");
+  if (!FindCommand(command)) return Usage("unknown command " + command);
+  if (command != "serve" && (options.count("--state") || options.count("--port")))
+    return Usage(std::string(options.count("--state") ? "--state" : "--port") + " is an option of serve only");
+  const std::string modulePath = options.count("--module") ? options["--module"] : DefaultModule();
+  const std::string language = options.count("--lang") ? options["--lang"] : "enu";
+  size_t i = 1;
+
   if (command == "serve") {
-    webapihost::ServeOptions options;
-    options.module = modulePath;
-    options.language = language;
-    options.state = webapihost::DefaultStateDir();
-    options.pages = DefaultPages();
-    for (; i < args.size(); ++i) {
-      if (i + 1 >= args.size()) return Usage(args[i] + " needs a value");
-      if (args[i] == "--state") {
-        options.state = args[++i];
-      } else if (args[i] == "--port") {
-        if (!ParseInt(args[++i], &options.port) || options.port < 0 || options.port > 65535)
-          return Usage("--port takes a port number, not \"" + args[i] + "\"");
-      } else {
-        return Usage("unknown serve option " + args[i]);
-      }
-    }
-    return webapihost::Serve(options);
+    if (args.size() > 1) return Usage("serve takes no arguments but its options");
+    webapihost::ServeOptions serve;
+    serve.module = modulePath;
+    serve.language = language;
+    serve.state = options.count("--state") ? options["--state"] : webapihost::DefaultStateDir();
+    serve.pages = DefaultPages();
+    if (options.count("--port") && (!ParseInt(options["--port"], &serve.port) || serve.port < 0 || serve.port > 65535))
+      return Usage("--port takes a port number, not \"" + options["--port"] + "\"");
+    return webapihost::Serve(serve);
   }
   if (command == "demo") {
-    if (i != args.size()) return Usage("demo takes no arguments");
+    if (args.size() > 1) return Usage("demo takes no arguments");
     return webapihost::Demo(Self(), modulePath, stdout);
   }
-  if (command != "call" && command != "list") return Usage("unknown command " + command);
   if (command == "call" && (args.size() - i < 3 || args.size() - i > 4))
     return Usage("call takes API VERSION METHOD [PARAMS_JSON]");
   if (command == "list" && i != args.size()) return Usage("list takes no arguments");

@@ -8,6 +8,11 @@ cd "$(dirname "$0")/.."
 
 cmake --preset default >/dev/null
 mapfile -t sources < <(git ls-files 'src/*.cpp' 'host/*.cpp' 'sim/*.cpp' 'platform/*.cpp' 'platform/**/*.cpp')
+# Nothing listed is nothing checked, not a clean tree.
+if [[ ${#sources[@]} -eq 0 ]]; then
+  echo "analysis: git lists no sources to check (is git installed, and is this a clone?)" >&2
+  exit 1
+fi
 status=0
 for source in "${sources[@]}"; do
   clang-tidy -p build/default --quiet "$source" 2>/dev/null || status=1

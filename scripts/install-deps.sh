@@ -1,16 +1,33 @@
 #!/usr/bin/env bash
 # Installs the Debian packages the project needs, when any is missing.
 # Idempotent, and silent when everything is already there.
+#
+#   install-deps.sh         what building and running webapi-host needs (the
+#                           `host` preset), and curl to talk to it
+#   install-deps.sh --all   also what the tests, the fuzzers, the benchmarks,
+#                           the analysers and the packaging need (scripts/test.sh)
 set -euo pipefail
 
+# serve trusts its own account service without the machine's CA bundle.
 packages=(
-  cmake ninja-build g++ pkg-config binutils
-  libjsoncpp-dev libcurl4-openssl-dev libssl-dev openssl ca-certificates curl libseccomp-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libsqlite3-dev
-  valgrind clang libclang-rt-14-dev
-  abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format
-  chromium chromium-driver python3-selenium
+  cmake ninja-build g++ pkg-config
+  libjsoncpp-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libcpp-httplib-dev curl
 )
+case "${1:-}" in
+  "") ;;
+  --all)
+    packages+=(
+      binutils openssl ca-certificates libseccomp-dev libgtest-dev libgmock-dev libbenchmark-dev
+      valgrind clang libclang-rt-14-dev
+      abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format git
+      chromium chromium-driver python3-selenium
+    )
+    ;;
+  *)
+    echo "usage: $0 [--all]" >&2
+    exit 2
+    ;;
+esac
 
 missing=()
 for p in "${packages[@]}"; do

@@ -3,7 +3,7 @@
 # from the release tree, unpacked into a temporary root, and the unpacked
 # webapi-host runs the unpacked module (a query answers as on a device where
 # nobody is signed in). Then lintian reads them; the one warning that stays
-# is explained in the README.
+# is explained in docs/packaging.md.
 #   package_test.sh BUILD_DIR WORK_DIR
 set -euo pipefail
 build=$1
