@@ -29,9 +29,11 @@ struct Conduct {  // how account.php treats one connection
     kWrongName,  // as kAnswer, presenting a certificate for another name
     kExpired,    // as kAnswer, presenting a certificate that is no longer valid
   } mode = kAnswer;
-  int status = 200;     // kStatus: the HTTP status answered
-  std::string keyword;  // kKeyword: the answer's body instead of the service's keyword
-  int delayMs = 0;      // waited before answering (every mode that answers)
+  int status = 200;          // kStatus: the HTTP status answered
+  std::string keyword = {};  // kKeyword: the answer's body instead of the service's keyword
+  int delayMs = 0;           // waited before answering (every mode that answers)
+  // (Every member has an initializer, so that {Conduct::kStall} is complete
+  // under -Wmissing-field-initializers.)
 };
 
 // One HTTP request, as it arrived.
