@@ -21,6 +21,8 @@
 #include <deque>
 #include <list>
 #include <mutex>
+#include <stdexcept>
+#include <system_error>
 #include <thread>
 
 namespace pellixsim {
@@ -203,6 +205,13 @@ struct TlsEndpoint::Impl {
   void Accept();
   void Serve(Worker* worker);
   Connection Converse(int fd, const Conduct& conduct);
+  HttpAnswer Handle(const HttpRequest& request) {
+    try {
+      return handler(request);
+    } catch (const std::exception& e) {
+      return {500, std::string("the service failed: ") + e.what() + "\n"};
+    }
+  }
   // Joins the workers that are done; `mu` held.
   void Reap() {
     for (auto it = workers.begin(); it != workers.end();) {
@@ -284,11 +293,16 @@ void TlsEndpoint::Impl::Accept() {
       close(fd);
       return;
     }
-    ++accepted;
     workers.emplace_back();
     Worker* worker = &workers.back();
     worker->fd = fd;
-    worker->thread = std::thread([this, worker] { Serve(worker); });
+    try {
+      worker->thread = std::thread([this, worker] { Serve(worker); });
+      ++accepted;
+    } catch (const std::system_error&) {  // no thread to be had: the client sees the connection closed
+      close(fd);
+      workers.pop_back();
+    }
   }
 }
 
@@ -352,7 +366,7 @@ Connection TlsEndpoint::Impl::Converse(int fd, const Conduct& conduct) {
     else if (read == Read::kTooLarge)
       answer = {413, "the request is larger than this endpoint takes\n"};
     else
-      answer = handler(c.request);
+      answer = Handle(c.request);
     if (conduct.mode == Conduct::kClose) {
       // Half of what is announced, and no close_notify: the connection just
       // ends, as when a server dies.
@@ -386,6 +400,7 @@ int TlsEndpoint::Start(int port, Presented own, Presented wrongName, Presented e
   }
   const Presented presented[3] = {own, wrongName, expired};
   for (int i = 0; i < 3; ++i) {
+    SSL_CTX_free(m.contexts[i]);  // of a start that failed
     m.contexts[i] = SSL_CTX_new(TLS_server_method());
     if (!m.contexts[i] || SSL_CTX_use_certificate(m.contexts[i], presented[i].cert) != 1 ||
         SSL_CTX_use_PrivateKey(m.contexts[i], presented[i].key) != 1) {
@@ -393,7 +408,7 @@ int TlsEndpoint::Start(int port, Presented own, Presented wrongName, Presented e
       return -1;
     }
   }
-  if (pipe2(m.wake, O_CLOEXEC) != 0) {
+  if (m.wake[0] < 0 && pipe2(m.wake, O_CLOEXEC) != 0) {
     *error = std::string("cannot make a pipe: ") + std::strerror(errno);
     return -1;
   }
