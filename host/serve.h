@@ -25,8 +25,8 @@ struct ServeOptions {
 int Serve(const ServeOptions& options);
 
 // Starts a host on a free port and a temporary state folder, in a child
-// process, and drives a whole account life cycle through it, printing each
-// request and answer. 0 when every step answered as expected.
+// process, and drives a whole account life cycle through it, then a few of
+// the account service's conditions, printing each request and answer. 0 when every step answered as expected.
 int Demo(const std::string& self, const std::string& module, FILE* out);
 
 }  // namespace webapihost

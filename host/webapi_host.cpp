@@ -82,7 +82,8 @@ const Command kCommands[] = {
      "cannot be loaded.\n"},
     {"demo", "[--module PATH] demo",
      "Starts a host of its own on a free port and a temporary state folder and runs a whole account\n"
-     "life cycle through it, printing every request and answer.\n"
+     "life cycle through it, then a few of the account service's failures (unreachable, a wrong\n"
+     "password, a stalled account.php), printing every request and answer.\n"
      "Exit status: 0 every step answered as expected; 1 otherwise; 2 a bad invocation.\n"},
     {"help", "help [COMMAND]",
      "Prints the usage of webapi-host, or of one command. Exit status: 0; 2 no such command.\n"},
