@@ -28,8 +28,10 @@ class ServeProcess {
  public:
   // Starts `program` (webapi-host) serving `module` with the state folder
   // `state`, and waits until it has announced its URL (port() is -1 when it
-  // exited or did not announce within ten seconds). Its stderr goes to `log`.
-  ServeProcess(const std::string& program, const std::string& module, const std::string& state, const std::string& log);
+  // exited or did not announce within ten seconds). Its stderr goes to `log`;
+  // `more` are further options of serve.
+  ServeProcess(const std::string& program, const std::string& module, const std::string& state, const std::string& log,
+               const std::vector<std::string>& more = {});
   ~ServeProcess();  // stops it, if still running
   ServeProcess(const ServeProcess&) = delete;
   ServeProcess& operator=(const ServeProcess&) = delete;
@@ -60,6 +62,8 @@ Reply Entry(int port, const std::string& api, int version, const std::string& me
             const Json::Value& params = Json::Value(Json::objectValue));
 // POST of form fields to `path` of the host.
 Reply PostForm(int port, const std::string& path, const Json::Value& fields);
+// Any request to `path` of the host; a body is sent as JSON.
+Reply Send(int port, const std::string& method, const std::string& path, const std::string& json = "");
 
 // Sends `bytes` as they are to the host on `port`, and answers the host's
 // first answer ("" when none came within ten seconds).

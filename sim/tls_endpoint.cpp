@@ -335,7 +335,13 @@ Connection TlsEndpoint::Impl::Converse(int fd, const Conduct& conduct) {
   Connection c;
   c.conduct = conduct;
   if (conduct.mode == Conduct::kStall) {
-    HoldUntilGone(fd);
+    // With a wait of its own the stall ends there, the connection closed
+    // unanswered: a short stall shows what a client's own time-out would.
+    if (conduct.delayMs > 0) {
+      (void)Wait(fd, conduct.delayMs);
+    } else {
+      HoldUntilGone(fd);
+    }
     return c;
   }
   if (conduct.mode == Conduct::kNotTls) {

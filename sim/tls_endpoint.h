@@ -21,7 +21,8 @@ namespace pellixsim {
 struct Conduct {  // how account.php treats one connection
   enum Mode {
     kAnswer,     // reads the request, answers the handler's answer
-    kStall,      // takes the connection and says nothing until the client leaves (or Stop)
+    kStall,      // takes the connection and says nothing until the client leaves (or Stop), or
+                 // with a delayMs, for that long, and then closes it
     kClose,      // answers, but the connection ends in the middle of the answer
     kNotTls,     // answers the client's hello with bytes that are not TLS
     kStatus,     // answers `status`, with an empty body, without asking the handler
@@ -31,7 +32,7 @@ struct Conduct {  // how account.php treats one connection
   } mode = kAnswer;
   int status = 200;          // kStatus: the HTTP status answered
   std::string keyword = {};  // kKeyword: the answer's body instead of the service's keyword
-  int delayMs = 0;           // waited before answering (every mode that answers)
+  int delayMs = 0;           // waited before answering (every mode that answers), or before kStall closes
   // (Every member has an initializer, so that {Conduct::kStall} is complete
   // under -Wmissing-field-initializers.)
 };
