@@ -227,13 +227,12 @@ class AdminPageTest(unittest.TestCase):
         self.find("#signin .outcome summary").click()
         self.assertIn('"code": 3004', self.find("#signin .outcome pre").text)
 
-        # Signed in elsewhere meanwhile: the refusal (3010) has the page ask
-        # again, and it shows who is signed in; signed out elsewhere, Refresh
-        # tells that too.
+        # Signed in elsewhere meanwhile: the status tells the refusal (3010),
+        # and who is signed in; signed out elsewhere, Refresh tells that too.
         self.assertTrue(self.host.entry(CENTER, 2, "register", account="bob@example.com", password=PASSWORD,
                                         fullname="Bob", critical_release=False)["success"])
         self.sign_in_by_password(PASSWORD)
-        self.wait_text("#status .outcome", "signed in as bob@example.com meanwhile")
+        self.wait_text("#status .outcome", "An account is already signed in on this device. Sign it out first")
         self.assertEqual(self.find("#st-account").text, "Signed in as bob@example.com")
         self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
         self.find("#refresh").click()
