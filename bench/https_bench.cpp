@@ -50,7 +50,6 @@ void HttpsRequestSend(benchmark::State& state) {
   const HttpsRequest request{host.c_str(), "account.php", fields.get(), 0, nullptr, nullptr};
   for (auto _ : state)
     if (!ModulePost(request)) state.SkipWithError("the module's post failed");
-  gProcess->service->Take();
 }
 
 size_t Collect(char* data, size_t size, size_t count, void* answer) {
@@ -84,18 +83,17 @@ void BareCurlPost(benchmark::State& state) {
     curl_slist_free_all(headers);
     curl_easy_cleanup(curl);
   }
-  gProcess->service->Take();
 }
 
 // Connect, handshake, close: nothing of HTTP, the trust store loaded once.
 void TlsHandshake(benchmark::State& state) {
   SSL_CTX* ctx = SSL_CTX_new(TLS_client_method());
-  X509_STORE_add_cert(SSL_CTX_get_cert_store(ctx), pellixtest::TestIdentities().trusted.cert());
+  SSL_CTX_load_verify_locations(ctx, (pellixtest::TrustedServiceDir() + "/ca.pem").c_str(), nullptr);
   SSL_CTX_set_verify(ctx, SSL_VERIFY_PEER, nullptr);
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = htons(static_cast<uint16_t>(gProcess->service->port()));
+  address.sin_port = htons(static_cast<uint16_t>(gProcess->service->php().port()));
   for (auto _ : state) {
     const int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     SSL* ssl = SSL_new(ctx);
@@ -107,7 +105,6 @@ void TlsHandshake(benchmark::State& state) {
     close(fd);
   }
   SSL_CTX_free(ctx);
-  gProcess->service->Take();
 }
 
 BENCHMARK(HttpsRequestSend)->Unit(benchmark::kMicrosecond)->UseRealTime();
@@ -122,12 +119,12 @@ int main(int argc, char** argv) {
   const RegisterFields fields;
   const std::string host = Host();
   const HttpsRequest request{host.c_str(), "account.php", fields.get(), 0, nullptr, nullptr};
-  const std::vector<pellixtest::Connection> seen = (ModulePost(request), gProcess->service->Take());
-  if (seen.size() != 1 || seen[0].body.empty()) {
+  const std::vector<pellixsim::Connection> seen = (ModulePost(request), gProcess->service->php().TakeConnections());
+  if (seen.size() != 1 || seen[0].request.body.empty()) {
     std::fprintf(stderr, "the service did not receive the module's form\n");
     return 1;
   }
-  gForm = seen[0].body;
+  gForm = seen[0].request.body;
   benchmark::Initialize(&argc, argv);
   benchmark::RunSpecifiedBenchmarks();
   benchmark::Shutdown();

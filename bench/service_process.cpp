@@ -15,8 +15,8 @@ namespace pellixtest {
 
 const ServiceProcess& StartServiceProcess() {
   static ServiceProcess process;
-  if (!TrustTestIdentities().empty()) {
-    std::fprintf(stderr, "cannot trust the local service: %s\n", TrustTestIdentities().c_str());
+  if (!TrustTestService().empty()) {
+    std::fprintf(stderr, "cannot trust the local service: %s\n", TrustTestService().c_str());
     std::abort();
   }
 
@@ -32,7 +32,7 @@ const ServiceProcess& StartServiceProcess() {
     std::abort();
   }
 
-  process.service = new TlsServer(TestIdentities().trusted);
+  process.service = new LocalService();
   // The development device, its account service this one.
   static webapihost::TempDir device;
   std::filesystem::copy(PELLIX_DEV_SYSROOT, device.path(), std::filesystem::copy_options::recursive);

@@ -8,7 +8,7 @@
 
 #include "harness.h"
 #include "https_request.h"
-#include "support/tls_server.h"
+#include "support/account_service.h"
 
 namespace pellixtest {
 
@@ -16,7 +16,7 @@ struct ServiceProcess {
   webapihost::Module* module = nullptr;
   int (*send)(const HttpsRequest*, HttpsResponse*) = nullptr;  // the module's HttpsRequestSend
   void (*free)(HttpsResponse*) = nullptr;                      // and its HttpsResponseFree
-  TlsServer* service = nullptr;                                // the relay configuration's account-service host
+  LocalService* service = nullptr;                             // the relay configuration's account-service host
 };
 
 // Call first; the stand-ins' journal and the log's history are switched off. Aborts when the service cannot be

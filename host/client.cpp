@@ -117,6 +117,16 @@ Reply PostForm(int port, const std::string& path, const Json::Value& fields) {
   return Parse(client.Post(path, params));
 }
 
+Reply Send(int port, const std::string& method, const std::string& path, const std::string& json) {
+  httplib::Request request;
+  request.method = method;
+  request.path = path;
+  request.body = json;
+  if (!json.empty()) request.set_header("Content-Type", "application/json");
+  httplib::Client client("127.0.0.1", port);
+  return Parse(client.send(request));
+}
+
 namespace {
 
 int Connect(int port) {

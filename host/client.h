@@ -60,6 +60,8 @@ Reply Entry(int port, const std::string& api, int version, const std::string& me
             const Json::Value& params = Json::Value(Json::objectValue));
 // POST of form fields to `path` of the host.
 Reply PostForm(int port, const std::string& path, const Json::Value& fields);
+// Any request to `path` of the host; a body is sent as JSON.
+Reply Send(int port, const std::string& method, const std::string& path, const std::string& json = "");
 
 // Sends `bytes` as they are to the host on `port`, and answers the host's
 // first answer ("" when none came within ten seconds).

@@ -1,5 +1,6 @@
 // webapi-host demo: a whole account life cycle, request by request, against a
-// host of its own on a temporary state folder.
+// host of its own on a temporary state folder, and then what the methods
+// answer when the account service fails.
 #include <json/writer.h>
 
 #include <signal.h>
@@ -42,6 +43,15 @@ class Tour {
     (void)std::fprintf(out_, "    > POST %s %s\n", path, Compact(fields).c_str());
     Reply r = PostForm(port_, path, fields);
     Tail(r, r.status == 200);
+    return r.body;
+  }
+
+  // A request to the simulated service's conditions, expected to answer `status`.
+  Json::Value Sim(const char* title, const char* method, const char* path, const std::string& json, int status) {
+    Head(title);
+    (void)std::fprintf(out_, "    > %s %s%s%s\n", method, path, json.empty() ? "" : " ", json.c_str());
+    Reply r = Send(port_, method, path, json);
+    Tail(r, r.status == status);
     return r.body;
   }
 
@@ -142,6 +152,26 @@ int Demo(const std::string& self, const std::string& module, FILE* out) {
   t.Call("PKCE sign-out, refused by the soft check", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", none, 3014);
   t.Call("PKCE sign-out, forced", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", Object({{"force", true}}));
   t.Call("Nobody is signed in", kCenter, 2, "query", none);
+
+  t.Note("the account service's failures: conditions set with POST /sim/conditions and cleared with DELETE");
+  const Json::Value ada = Object({{"account", "ada@example.com"}, {"password", "secret1"}});
+  const std::string conditions = "/sim/conditions";
+  const Json::Value set =
+      t.Sim("The account service cannot be reached", "POST", "/sim/conditions", R"({"unreachable":true})", 201);
+  t.Call("Query: the service cannot be reached", kCenter, 2, "query", none, 3002);
+  t.Call("Sign in: the same", kCenter, 2, "login", ada, 3002);
+  t.Sim("Clear the condition", "DELETE", (conditions + "/" + set["id"].asString()).c_str(), "", 200);
+  t.Sim("The next sign-in fails with account error 14, a wrong password", "POST", "/sim/conditions",
+        R"({"account_error":14,"operations":["TALVPELLIXAccountLogin"],"times":1})", 201);
+  t.Call("Sign in with the right password: answered as a wrong one", kCenter, 2, "login", ada, 3004);
+  t.Call("Sign in again: that condition was used up", kCenter, 2, "login", ada);
+  t.Call("Sign out, forced past the soft reason", kCenter, 2, "logout", Object({{"force", true}}));
+  t.Sim("account.php takes the connection and, after a second, closes it unanswered", "POST", "/sim/conditions",
+        R"({"account_php":"stall","delay_ms":1000})", 201);
+  t.Call("Register by version 1: the transfer fails, as with no network", kCenter, 1, "register",
+         Object({{"account", "carol@example.com"}, {"password", "secret3"}, {"fullname", "Carol Cable"}}), 3002);
+  t.Sim("Clear every condition", "DELETE", "/sim/conditions", "", 200);
+  t.Sim("None is in force", "GET", "/sim/conditions", "", 200);
 
   host.Stop(SIGTERM);
   if (t.failed()) {

@@ -25,6 +25,7 @@
 #include <thread>
 #include <vector>
 
+#include "conditions.h"
 #include "one_line.h"
 #include "sim_pages.h"
 
@@ -209,6 +210,8 @@ Answer Success(const Json::Value& data) {
   return a;
 }
 
+}  // namespace
+
 std::string Compact(const Json::Value& value) {
   Json::StreamWriterBuilder b;
   b["indentation"] = "";
@@ -250,6 +253,8 @@ bool ParseJson(const std::string& text, Json::Value* value, std::string* errors)
   return false;
 }
 
+namespace {
+
 // A field's text as a parameter: JSON for an object, an array, a quoted
 // string, true, false or null; the text itself otherwise, so that a password
 // or a key made of digits stays a string. `errors`: why such a text is not
@@ -280,6 +285,8 @@ bool Version(const Json::Value& v, int* version) {
 const char kFieldTypes[] =
     "send the fields as application/x-www-form-urlencoded, multipart/form-data or application/json";
 
+}  // namespace
+
 // What a JSON value is, for a sentence: "an array", "a number"...
 std::string Kind(const Json::Value& v) {
   return v.isObject()    ? "an object"
@@ -294,6 +301,8 @@ std::string Shown(const Json::Value& v) {
   const std::string text = Compact(v);
   return text.size() <= 40 ? text : Kind(v);
 }
+
+namespace {
 
 // Every field of a request by name: query, form and multipart fields as text
 // (see FieldValue when `typed`), the members of a JSON body as they are. A
@@ -430,6 +439,8 @@ const Methods kMethods[] = {
     {kSimPages, "GET, HEAD", "GET"},
     {kPageFiles, "GET, HEAD", "GET"},
     {"/device.json", "GET, HEAD", "GET"},
+    {"/sim/conditions", "GET, HEAD, POST, DELETE", "GET, POST or DELETE"},
+    {"/sim/conditions/[^/]*", "DELETE", "DELETE"},
 };
 
 std::string TooLarge(const httplib::Request& req) {
@@ -573,6 +584,7 @@ Answer DevHost::Run(const Call& call) {
 }
 
 Answer DevHost::Dispatch(const Call& call) {
+  const RequestUnderWay running(call.api, call.version, call.method);
   std::unique_lock<std::mutex> oneAtATime;
   if (BindsAccount(call)) oneAtATime = std::unique_lock<std::mutex>(binding_);
   if (ChangesIdentity(call)) {
@@ -857,6 +869,54 @@ void DevHost::Device(const httplib::Request& req, const RequestBody& /*body*/, h
   Log(req.method + " " + req.path + ": 200");
 }
 
+// The account service's conditions (conditions.h): GET lists them, POST sets
+// one and answers 201 with its id, DELETE clears one or all.
+void DevHost::SimConditions(const httplib::Request& req, const RequestBody& body, httplib::Response& res) {
+  if (!conditions_)
+    return Refuse(req, res, 404, kErrBadRequest, "this host keeps no conditions of the account service");
+  Json::Value answer(Json::objectValue);
+  int status = 200;
+  if (req.method == "POST") {
+    const std::string type = req.get_header_value("Content-Type");
+    if (type.rfind("application/json", 0) != 0)
+      return Refuse(
+          req, res, 415, kErrBadRequest,
+          (type.empty() ? std::string("the body has no Content-Type") : "Content-Type \"" + Cut(type) + "\"") +
+              ": send the condition as a JSON object, with Content-Type application/json");
+    Json::Value condition;
+    std::string problem;
+    if (body.text.empty())
+      return Refuse(req, res, 400, kErrBadRequest, "the body is empty: send one condition, a JSON object");
+    if (!ParseJson(body.text, &condition, &problem))
+      return Refuse(req, res, 400, kErrBadRequest, "the body is not JSON: " + problem);
+    const std::vector<int> ids = conditions_->Set(condition, false, &problem);
+    if (ids.empty()) return Refuse(req, res, 400, kErrBadRequest, problem);
+    status = 201;
+    answer["id"] = ids[0];
+    res.set_header("Location", "/sim/conditions/" + std::to_string(ids[0]));
+  } else if (req.method == "DELETE") {
+    std::vector<int> ids;
+    if (req.path == "/sim/conditions") {
+      ids = conditions_->ClearAll();
+    } else {
+      const std::string id = req.path.substr(std::strlen("/sim/conditions/"));
+      char* end = nullptr;
+      const long n = std::strtol(id.c_str(), &end, 10);
+      if (id.empty() || *end || n <= 0 || n > INT_MAX || !conditions_->Clear(static_cast<int>(n)))
+        return Refuse(req, res, 404, kErrBadRequest,
+                      "no condition \"" + Cut(id) + "\" is in force: GET /sim/conditions lists those that are");
+      ids.push_back(static_cast<int>(n));
+    }
+    answer["cleared"] = Json::Value(Json::arrayValue);
+    for (int id : ids) answer["cleared"].append(id);
+  } else {
+    answer = conditions_->List();
+  }
+  res.set_header("Cache-Control", "no-store");
+  Reply(res, status, Compact(answer));
+  Log(req.method + " " + req.path + ": " + std::to_string(status));
+}
+
 // A path no route takes with this method: 405 naming the methods the path
 // takes, or 404.
 void DevHost::Other(const httplib::Request& req, const RequestBody& /*body*/, httplib::Response& res) {
@@ -899,6 +959,9 @@ int DevHost::Bind(int port) {
   s.Get(kSimPages, plain(&DevHost::SimPage));
   s.Get(kPageFiles, plain(&DevHost::Page));
   s.Get("/device.json", plain(&DevHost::Device));
+  s.Get("/sim/conditions", plain(&DevHost::SimConditions));
+  s.Post("/sim/conditions", reading(&DevHost::SimConditions));
+  s.Delete("/sim/conditions(/[^/]*)?", reading(&DevHost::SimConditions));
   // Any other path, or method with a body: the body is read like any other.
   s.Post(".*", reading(&DevHost::Other));
   s.Put(".*", reading(&DevHost::Other));

@@ -102,6 +102,7 @@ class VerifierApi {
 
 // A request's body, read before anything is decoded or answered (devhost.cpp).
 struct RequestBody;
+class Conditions;
 
 class DevHost : public talvwebapi::Runner {
  public:
@@ -125,6 +126,9 @@ class DevHost : public talvwebapi::Runner {
   // API method tells it; the account service's page at /sim/account shows
   // the account of this serial. Call before Bind.
   void SetDevice(Json::Value facts) { device_ = std::move(facts); }
+  // The account service's conditions, listed, set and cleared at
+  // /sim/conditions (not owned; nullptr: none kept). Call before Bind.
+  void SetConditions(Conditions* conditions) { conditions_ = conditions; }
   // Binds 127.0.0.1:port (0: any free port); the port, or -1 (also when
   // another program listens there: one host per port).
   int Bind(int port);
@@ -154,6 +158,7 @@ class DevHost : public talvwebapi::Runner {
   void Page(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void SimPage(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Device(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
+  void SimConditions(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Other(const httplib::Request& req, const RequestBody& body, httplib::Response& res);
   void Log(const std::string& line);
 
@@ -170,6 +175,7 @@ class DevHost : public talvwebapi::Runner {
   std::atomic<int> underWay_{0};
   std::string pages_;
   Json::Value device_{Json::objectValue};
+  Conditions* conditions_ = nullptr;
   int port_ = -1;
   int listener_ = -1;  // the listening socket, once bound
 };
@@ -177,5 +183,17 @@ class DevHost : public talvwebapi::Runner {
 // The HTTP status of an answer: 200 for every answer a handler gave (its
 // error codes are the web API's), the host's own codes by their meaning.
 int HttpStatus(const Answer& answer);
+
+// JSON on one line.
+std::string Compact(const Json::Value& value);
+// Strict JSON: one value, nothing after it, no comments, no repeated keys.
+// False with *errors on one line ("line 1, column 8: missing ...").
+bool ParseJson(const std::string& text, Json::Value* value, std::string* errors);
+// A text a client sent, for a sentence: on one line, and cut if long.
+std::string Cut(const std::string& text);
+// What a JSON value is, for a sentence: "an array", "a number"...
+std::string Kind(const Json::Value& v);
+// A value a client sent, for a sentence: itself if short, else its kind.
+std::string Shown(const Json::Value& v);
 
 }  // namespace webapihost

@@ -15,6 +15,7 @@
 
 #include "account_php.h"
 #include "backend.h"
+#include "conditions.h"
 #include "devhost.h"
 #include "feasibility/checker.h"
 #include "harness.h"
@@ -32,7 +33,7 @@ namespace {
 // The examples printed at start; each works as shown on a fresh state (the
 // registration then answers 3010 or 3005 on later runs, which is the point).
 void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp,
-              const std::string& pages) {
+              const std::string& pages, const std::string& conditions) {
   const std::string entry = url + "/webapi/entry";
   (void)std::fprintf(
       out,
@@ -41,6 +42,7 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
       "  state folder %s (device %s, %s, build %s)\n"
       "  sign-out refusal reasons in %s\n"
       "  %s\n"
+      "  conditions of the account service at %s/sim/conditions%s\n"
       "  To start over with a new device and no accounts, stop and remove the state folder, or use another --state.\n"
       "Try:\n"
       "  curl -s '%s?api=TALV.Core.PellixCenter&version=2&method=query'\n"
@@ -53,8 +55,8 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
       "-d account=ada@example.com -d password=secret1\n"
       "Stop with Ctrl-C.\n",
       entry.c_str(), pages.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
-      state.ReasonsFile().c_str(), accountPhp.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(),
-      entry.c_str());
+      state.ReasonsFile().c_str(), accountPhp.c_str(), url.c_str(), conditions.c_str(), entry.c_str(), entry.c_str(),
+      entry.c_str(), entry.c_str(), entry.c_str());
   (void)std::fflush(out);
 }
 
@@ -134,6 +136,11 @@ int Serve(const ServeOptions& o) {
   // whole or not at all.
   StateFolder state;
   std::string error;
+  Json::Value initial(Json::arrayValue);
+  if (!o.conditions.empty() && !Conditions::ReadFile(o.conditions, &initial, &error)) {
+    (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
+    return 1;
+  }
   if (!OpenState(o.state, &state, &error)) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
@@ -174,6 +181,8 @@ int Serve(const ServeOptions& o) {
   }
 
   pellixsim::Service service(store.get(), pellixsim::Options());
+  // Outlives the host and account.php, whose threads ask it.
+  Conditions conditions(o.log);
   DevHost host(module.get(), &service, o.log, o.language.empty() ? "enu" : o.language);
   host.SetPages(o.pages);
   Json::Value device(Json::objectValue);
@@ -181,6 +190,7 @@ int Serve(const ServeOptions& o) {
   device["model"] = state.model;
   device["build"] = state.build;
   host.SetDevice(device);
+  host.SetConditions(&conditions);
   // From here on threads run, and the signals are the stopper's.
   Stopper stopper([&host] { host.Stop(); }, [&host] { return host.RequestsUnderWay(); });
   const int port = host.Bind(o.port);
@@ -195,8 +205,15 @@ int Serve(const ServeOptions& o) {
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
   service.SetBaseUrl(url);
   pellixsim::SimBackend backend(&service, pellixsim::DeviceFacts{state.serial, state.language, state.timezone});
-  talvfeasibility::ReasonsFileChecker reasons(state.ReasonsFile());
+  talvfeasibility::ReasonsFileChecker reasons(
+      state.ReasonsFile(), [&conditions](const std::string& grade) { return conditions.LogoutReasons(grade); });
   pellixsim::AccountPhp accountPhp(&service);
+  accountPhp.SetConductor([&conditions] { return conditions.NextConduct(); });
+  conditions.OnReachable([&accountPhp, log](bool reachable) {
+    std::string why;
+    if (!accountPhp.SetReachable(reachable, &why) && log)
+      (void)std::fprintf(log, "account.php: %s\n", OneLine(why).c_str());
+  });
   const int phpPort = accountPhp.Start(state.service, &error);
   const std::string phpHost = phpPort > 0 ? "127.0.0.1:" + std::to_string(phpPort) : "";
   if (phpPort < 0) (void)std::fprintf(stderr, "webapi-host: %s; version-1 registration has no host\n", error.c_str());
@@ -215,9 +232,12 @@ int Serve(const ServeOptions& o) {
   talvwebapi::SetRunner(&host);
   talvfeasibility::SetChecker(&reasons);
 
+  std::string problem;
+  const size_t set = initial.empty() ? 0 : conditions.Set(initial, true, &problem).size();
   Announce(o.out, url, state, phpLine,
            o.pages.empty() ? "not served: no folder web/ beside the program or in the source tree"
-                           : url + "/ (from " + o.pages + ")");
+                           : url + "/ (from " + o.pages + ")",
+           o.conditions.empty() ? "" : " (" + std::to_string(set) + " set from " + o.conditions + ")");
   const bool served = stopper.stopping() || host.Serve();
   stopper.Done();
   accountPhp.Stop();

@@ -7,24 +7,26 @@
 namespace webapihost {
 
 struct ServeOptions {
-  std::string module;    // path of pellixcenter.so
-  std::string state;     // the state folder
-  int port = 8080;       // 0: any free port
-  std::string language;  // the interface language of requests
-  std::string pages;     // the administration page's folder (empty: none)
-  FILE* out = stdout;    // where the URL and the examples go
-  FILE* log = stderr;    // one line per request, and the module's log
+  std::string module;      // path of pellixcenter.so
+  std::string state;       // the state folder
+  int port = 8080;         // 0: any free port
+  std::string language;    // the interface language of requests
+  std::string pages;       // the administration page's folder (empty: none)
+  std::string conditions;  // a file of the account service's conditions set at start (empty: none)
+  FILE* out = stdout;      // where the URL and the examples go
+  FILE* log = stderr;      // one line per request, and the module's log
 };
 
 // Serves until SIGINT or SIGTERM. Exit status: 0 after a signal, 1 when the
 // state folder or its database cannot be used, the folder is in use by
-// another host, or start-up fails otherwise; 2 a port in use; 3 the module
+// another host, the conditions file cannot be read or set, or start-up fails
+// otherwise; 2 a port in use; 3 the module
 // cannot be loaded.
 int Serve(const ServeOptions& options);
 
 // Starts a host on a free port and a temporary state folder, in a child
-// process, and drives a whole account life cycle through it, printing each
-// request and answer. 0 when every step answered as expected.
+// process, and drives a whole account life cycle through it, then a few of
+// the account service's conditions, printing each request and answer. 0 when every step answered as expected.
 int Demo(const std::string& self, const std::string& module, FILE* out);
 
 }  // namespace webapihost

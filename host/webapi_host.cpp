@@ -2,7 +2,7 @@
 //
 //   webapi-host [--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS]
 //   webapi-host [--module PATH] list
-//   webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N]
+//   webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]
 //   webapi-host [--module PATH] demo
 //   webapi-host help [COMMAND] | --help | --version
 //
@@ -33,7 +33,7 @@ namespace {
 const char kUsage[] =
     "usage: webapi-host [--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS_JSON]\n"
     "       webapi-host [--module PATH] list\n"
-    "       webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N]\n"
+    "       webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]\n"
     "       webapi-host [--module PATH] demo\n"
     "       webapi-host help [COMMAND] | --help | --version\n";
 
@@ -44,6 +44,9 @@ const char kOptions[] =
     "  --lang LANG    the interface language every request reports (default enu)\n"
     "  --state DIR    serve: the state folder (default ${XDG_STATE_HOME:-~/.local/state}/webapi-host)\n"
     "  --port N       serve: the port on 127.0.0.1 (default 8080; 0 takes any free port)\n"
+    "  --conditions FILE\n"
+    "                 serve: conditions of the account service to set at start, as POST /sim/conditions\n"
+    "                 takes them: a JSON object, or an array of them\n"
     "  --help, -h     this text; with a command, that command's\n"
     "  --version      the version\n";
 
@@ -64,18 +67,23 @@ const Command kCommands[] = {
     {"list", "[--module PATH] list",
      "Prints the module's table, one method a line: API, version, method.\n"
      "Exit status: 0; 2 a bad invocation; 3 the module cannot be loaded.\n"},
-    {"serve", "[--module PATH] [--lang LANG] serve [--state DIR] [--port N]",
+    {"serve", "[--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]",
      "Serves every method over HTTP at http://127.0.0.1:PORT/webapi/entry, and the administration page\n"
      "at http://127.0.0.1:PORT/, on a simulated device and account service kept in the state folder.\n"
      "It prints the URL, the state folder, the device's serial number and requests to try.\n"
      "To start over, with a new device and no accounts, stop it and remove the state folder, or\n"
      "give another --state. Ctrl-C stops it.\n"
+     "The simulated account service fails, waits or misbehaves on request: GET, POST and DELETE\n"
+     "/sim/conditions list, set and clear its conditions while it serves, and --conditions FILE sets\n"
+     "some at start.\n"
      "Exit status: 0 after Ctrl-C or SIGTERM; 1 the state folder cannot be used or is in use by\n"
-     "another host, or another start-up error; 2 a bad invocation or a port in use; 3 the module\n"
+     "another host, the conditions file cannot be read or set, or another start-up error; 2 a bad invocation or a port "
+     "in use; 3 the module\n"
      "cannot be loaded.\n"},
     {"demo", "[--module PATH] demo",
      "Starts a host of its own on a free port and a temporary state folder and runs a whole account\n"
-     "life cycle through it, printing every request and answer.\n"
+     "life cycle through it, then a few of the account service's failures (unreachable, a wrong\n"
+     "password, a stalled account.php), printing every request and answer.\n"
      "Exit status: 0 every step answered as expected; 1 otherwise; 2 a bad invocation.\n"},
     {"help", "help [COMMAND]",
      "Prints the usage of webapi-host, or of one command. Exit status: 0; 2 no such command.\n"},
@@ -172,7 +180,7 @@ int main(int argc, char** argv) {
     } else if (arg == "--version") {
       std::cout << "webapi-host " << PELLIX_VERSION << "\n";
       return 0;
-    } else if (arg == "--module" || arg == "--lang" || arg == "--state" || arg == "--port") {
+    } else if (arg == "--module" || arg == "--lang" || arg == "--state" || arg == "--port" || arg == "--conditions") {
       if (i + 1 >= argc) return Usage(arg + " needs a value");
       options[arg] = argv[++i];
     } else if (arg.rfind("--", 0) == 0) {
@@ -190,8 +198,9 @@ int main(int argc, char** argv) {
   }
   if (command.empty()) return Usage("no command");
   if (!FindCommand(command)) return Usage("unknown command " + command);
-  if (command != "serve" && (options.count("--state") || options.count("--port")))
-    return Usage(std::string(options.count("--state") ? "--state" : "--port") + " is an option of serve only");
+  if (command != "serve")
+    for (const char* only : {"--state", "--port", "--conditions"})
+      if (options.count(only)) return Usage(std::string(only) + " is an option of serve only");
   const std::string modulePath = options.count("--module") ? options["--module"] : DefaultModule();
   const std::string language = options.count("--lang") ? options["--lang"] : "enu";
   size_t i = 1;
@@ -203,6 +212,7 @@ int main(int argc, char** argv) {
     serve.language = language;
     serve.state = options.count("--state") ? options["--state"] : webapihost::DefaultStateDir();
     serve.pages = DefaultPages();
+    serve.conditions = options.count("--conditions") ? options["--conditions"] : "";
     if (options.count("--port") && (!ParseInt(options["--port"], &serve.port) || serve.port < 0 || serve.port > 65535))
       return Usage("--port takes a port number, not \"" + options["--port"] + "\"");
     return webapihost::Serve(serve);

@@ -2,10 +2,8 @@
 
 #include <httplib.h>
 #include <openssl/pem.h>
-#include <sys/socket.h>
 #include <sys/stat.h>
 
-#include <chrono>
 #include <ctime>
 
 #include "certificate.h"
@@ -107,44 +105,43 @@ std::string AnswerAccountForm(Service* service, const std::multimap<std::string,
   }
 }
 
-AccountPhp::AccountPhp(Service* service) : service_(service) {}
+AccountPhp::AccountPhp(Service* service)
+    : service_(service), endpoint_([this](const HttpRequest& request) -> HttpAnswer {
+        if (request.target.substr(0, request.target.find('?')) != "/account.php")
+          return {404, "no such page; the account service answers at /account.php\n"};
+        if (request.method != "POST") return {405, "account.php takes a form by POST\n"};
+        httplib::Params form;
+        httplib::detail::parse_query_text(request.body, form);
+        return {200, AnswerAccountForm(service_, form) + "\n"};
+      }) {}
+
 AccountPhp::~AccountPhp() { Stop(); }
 
+void AccountPhp::SetConductor(std::function<Conduct()> conductor) { endpoint_.SetConductor(std::move(conductor)); }
+
 int AccountPhp::Start(const std::string& dir, std::string* error) {
-  server_.reset(new httplib::SSLServer((dir + "/server.pem").c_str(), (dir + "/server.key").c_str()));
-  if (!server_->is_valid()) {
-    *error = "cannot serve HTTPS with " + dir + "/server.pem";
+  Key caKey, key;
+  Cert ca, own;
+  if (!ReadPem(dir + "/ca.key", &caKey, nullptr) || !ReadPem(dir + "/ca.pem", nullptr, &ca) ||
+      !ReadPem(dir + "/server.key", &key, nullptr) || !ReadPem(dir + "/server.pem", nullptr, &own)) {
+    *error = "cannot read the account service's certificates in " + dir;
     return -1;
   }
-  server_->new_task_queue = [] { return new httplib::ThreadPool(2); };
-  // Not the library's SO_REUSEPORT, with which another listener shares the
-  // port and the two take turns answering.
-  server_->set_socket_options([](socket_t sock) {
-    int yes = 1;
-    (void)setsockopt(sock, SOL_SOCKET, SO_REUSEADDR, &yes, sizeof(yes));
-  });
-  server_->Post("/account.php", [this](const httplib::Request& req, httplib::Response& res) {
-    res.set_content(AnswerAccountForm(service_, req.params) + "\n", "text/plain");
-  });
-  int port = server_->bind_to_any_port("127.0.0.1");
-  if (port <= 0) {
-    *error = "cannot listen on 127.0.0.1 for account.php";
+  // The misbehaving ones live only as long as the endpoint.
+  const Cert wrongName = MakeCertificate(
+      key.get(), {"elsewhere.pellix.example", "DNS:elsewhere.pellix.example", -3600, 825L * 86400, false}, ca.get(),
+      caKey.get());
+  const Cert expired = MakeCertificate(
+      key.get(), {"127.0.0.1", "IP:127.0.0.1,DNS:localhost", -10L * 86400, -86400, false}, ca.get(), caKey.get());
+  if (!wrongName || !expired) {
+    *error = "cannot make the account service's misnamed and expired certificates in " + dir;
     return -1;
   }
-  thread_ = std::thread([this] {
-    server_->listen_after_bind();
-    finished_ = true;
-  });
-  return port;
+  return endpoint_.Start(0, {own.get(), key.get()}, {wrongName.get(), key.get()}, {expired.get(), key.get()}, error);
 }
 
-void AccountPhp::Stop() {
-  if (!thread_.joinable()) return;
-  // A stop before the server has begun to listen would be lost, and the
-  // join below would wait for ever.
-  while (!server_->is_running() && !finished_) std::this_thread::sleep_for(std::chrono::milliseconds(1));
-  server_->stop();
-  thread_.join();
-}
+bool AccountPhp::SetReachable(bool reachable, std::string* error) { return endpoint_.SetReachable(reachable, error); }
+
+void AccountPhp::Stop() { endpoint_.Stop(); }
 
 }  // namespace pellixsim

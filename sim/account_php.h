@@ -3,17 +3,13 @@
 // same state as every other operation of the service.
 #pragma once
 
-#include <atomic>
+#include <functional>
 #include <map>
-#include <memory>
 #include <string>
-#include <thread>
+#include <vector>
 
 #include "service.h"
-
-namespace httplib {
-class SSLServer;
-}
+#include "tls_endpoint.h"
 
 namespace pellixsim {
 
@@ -32,16 +28,31 @@ class AccountPhp {
  public:
   explicit AccountPhp(Service* service);
   ~AccountPhp();
-  // Serves https://127.0.0.1:PORT/account.php with the certificate in `dir`
-  // on a free port, on threads of its own; the port, or -1 with *error.
+  AccountPhp(const AccountPhp&) = delete;
+  AccountPhp& operator=(const AccountPhp&) = delete;
+
+  // Asked once per accepted connection, on that connection's thread, before
+  // anything is read: how to treat it. Unset: kAnswer. Set before Start().
+  void SetConductor(std::function<Conduct()> conductor);
+  // Serves https://127.0.0.1:PORT/account.php on a free port, on threads of
+  // its own, with the certificates MakeCertificates() made in `dir`; those
+  // of kWrongName and kExpired are made here, signed by the same authority.
+  // The port, or -1 with *error.
   int Start(const std::string& dir, std::string* error);
+  // false: the listener is closed, so connections are refused (ECONNREFUSED);
+  // true: listening again on the same port. False with *error when the port
+  // cannot be taken again.
+  bool SetReachable(bool reachable, std::string* error);
+  // Cuts the connections still open, stalled and delayed ones too.
   void Stop();
+  int port() const { return endpoint_.port(); }
+  // The connections that ended since the last call (at most the latest 64),
+  // once those under way have ended.
+  std::vector<Connection> TakeConnections() { return endpoint_.Take(); }
 
  private:
   Service* service_;
-  std::unique_ptr<httplib::SSLServer> server_;
-  std::thread thread_;
-  std::atomic<bool> finished_{false};  // the server's thread is done listening
+  TlsEndpoint endpoint_;
 };
 
 }  // namespace pellixsim

@@ -1,8 +1,8 @@
-// The HTTPS client against servers that misbehave, each a TLS server on
-// 127.0.0.1 (support/tls_server.h). Whatever they do, the call returns 0
-// with "badnetwork", the caller's status untouched and everything released;
-// the form reaches only a server whose certificate the device trusts, under
-// the name it was asked for, while it is valid. The server's side of each
+// The HTTPS client against an account.php that misbehaves
+// (pellixsim::Conduct). Whatever it does, the call returns 0 with
+// "badnetwork", the caller's status untouched and everything released; the
+// form reaches only a server whose certificate the device trusts, under the
+// name it was asked for, while it is valid. The server's side of each
 // connection tells where the refusal happened: after the handshake, as the
 // module is built by default, or in it, under PELLIX_TLS_STRICT_HANDSHAKE.
 #include <dlfcn.h>
@@ -11,7 +11,6 @@
 #include <cstring>
 
 #include "support/local_service.h"
-#include "support/tls_server.h"
 
 namespace pellixtest {
 
@@ -22,6 +21,8 @@ namespace pellixtest {
 
 namespace {
 
+using pellixsim::Conduct;
+using pellixsim::Connection;
 using syslogcapture::Line;
 using SendFunction = int (*)(const HttpsRequest*, HttpsResponse*);
 
@@ -34,7 +35,7 @@ class HostileTest : public TrustedServiceTest {
  protected:
   // One verbose request to `server`, which must be turned away as
   // "badnetwork" with libcurl's `curlResult`; gives the server's record of it.
-  Connection ExpectTurnedAway(SendFunction send, TlsServer& server, int curlResult) {
+  Connection ExpectTurnedAway(SendFunction send, LocalService& server, int curlResult) {
     const std::string host = server.Address();
     FieldHash fields(Fields{{"action", "register"}});
     const HttpsRequest request{host.c_str(), "account.php", fields.get(), 1, nullptr, nullptr};
@@ -45,16 +46,18 @@ class HostileTest : public TrustedServiceTest {
     EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_NETWORK);
     EXPECT_EQ(Logged(), std::vector<Line>{TransferFailed(curlResult)});
     HttpsResponseFree(&response);
-    std::vector<Connection> connections = server.Take();
+    std::vector<Connection> connections = server.php().TakeConnections();
     EXPECT_EQ(connections.size(), 1u) << "one connection, no retry";
     return connections.empty() ? Connection() : connections[0];
   }
+  // A service whose authority the device does not know.
+  LocalService stranger_{false};
 };
 
 struct HostileCase {
   const char* name;
-  const Identity& identity;
-  Script script;
+  Conduct conduct;
+  bool trusted;  // the service's authority is the device's
   int curlResult;
   // Whether the TLS handshake completes, as the module is built by default
   // and under PELLIX_TLS_STRICT_HANDSHAKE, the client's alert that ends it
@@ -65,39 +68,29 @@ struct HostileCase {
   bool formSent;
 };
 
-const std::vector<HostileCase>& Cases() {
-  const Identities& ids = TestIdentities();
-  static const std::vector<HostileCase> cases = {
-      {"GarbageInsteadOfTls", ids.trusted, {Conduct::kGarbage}, 35, false, false, "", false},
-      {"ClosesInTheMiddleOfTheBody",
-       ids.trusted,
-       {Conduct::kCloseMidBody, 200, "good and then"},
-       18,
-       true,
-       true,
-       "",
-       true},
-      // OpenSSL's verdict on the chain: the module's callback overrules it
-      // for the handshake, libcurl reads it afterwards.
-      {"UntrustedCertificate", ids.stranger, {}, 60, true, false, "tlsv1 alert unknown ca", false},
-      {"ExpiredCertificate", ids.expired, {}, 60, true, false, "sslv3 alert certificate expired", false},
-      // Trusted and valid, for another name: libcurl's own check of the name
-      // comes after the handshake whatever the callback returns.
-      {"MisnamedCertificate", ids.misnamed, {}, 60, true, true, "", false},
-  };
-  return cases;
-}
+const HostileCase kCases[] = {
+    {"NotTls", {Conduct::kNotTls}, true, 35, false, false, "", false},
+    {"ClosesInTheMiddleOfTheAnswer", {Conduct::kClose}, true, 18, true, true, "", true},
+    // OpenSSL's verdict on the chain: the module's callback overrules it
+    // for the handshake, libcurl reads it afterwards.
+    {"UntrustedCertificate", {}, false, 60, true, false, "tlsv1 alert unknown ca", false},
+    {"ExpiredCertificate", {Conduct::kExpired}, true, 60, true, false, "sslv3 alert certificate expired", false},
+    // Trusted and valid, for another name: libcurl's own check of the name
+    // comes after the handshake whatever the callback returns.
+    {"MisnamedCertificate", {Conduct::kWrongName}, true, 60, true, true, "", false},
+};
 
 void ExpectCase(const HostileCase& c, const Connection& seen, bool strict) {
   EXPECT_EQ(seen.handshake, strict ? c.strictHandshake : c.handshake) << seen.failure;
   EXPECT_EQ(seen.failure, strict ? c.strictAlert : "");
-  EXPECT_EQ(seen.body, c.formSent ? kForm : "");
+  EXPECT_EQ(seen.request.body, c.formSent ? kForm : "");
 }
 
 TEST_F(HostileTest, MisbehavingServersAreBadnetwork) {
-  for (const HostileCase& c : Cases()) {
+  for (const HostileCase& c : kCases) {
     SCOPED_TRACE(c.name);
-    TlsServer hostile(c.identity, c.script);
+    LocalService& hostile = c.trusted ? service() : stranger_;
+    hostile.Treat(c.conduct);
     ExpectCase(c, ExpectTurnedAway(HttpsRequestSend, hostile, c.curlResult), MODULE_TLS_STRICT);
   }
 }
@@ -110,9 +103,10 @@ TEST_F(HostileTest, StrictBuildFailsTheHandshakeItself) {
   ASSERT_NE(strict, nullptr) << dlerror();
   const auto send = reinterpret_cast<SendFunction>(dlsym(strict, "HttpsRequestSend"));
   ASSERT_NE(send, nullptr);
-  for (const HostileCase& c : Cases()) {
+  for (const HostileCase& c : kCases) {
     SCOPED_TRACE(c.name);
-    TlsServer hostile(c.identity, c.script);
+    LocalService& hostile = c.trusted ? service() : stranger_;
+    hostile.Treat(c.conduct);
     ExpectCase(c, ExpectTurnedAway(send, hostile, c.curlResult), true);
   }
   dlclose(strict);
@@ -122,8 +116,8 @@ TEST_F(HostileTest, StrictBuildFailsTheHandshakeItself) {
 // whole, far beyond one read of libcurl's.
 TEST_F(HostileTest, VeryLargeAnswerIsHeldWhole) {
   constexpr size_t kSize = size_t{1} << 20;
-  TlsServer large(TestIdentities().trusted, {Conduct::kLargeBody, 200, "", kSize});
-  const std::string host = large.Address();
+  service().Treat(Says(std::string(kSize, 'x')));
+  const std::string host = service().Address();
   FieldHash fields(Fields{{"action", "register"}});
   const HttpsRequest request{host.c_str(), "account.php", fields.get(), 0, nullptr, nullptr};
   HttpsResponse response{0, nullptr};
@@ -132,19 +126,26 @@ TEST_F(HostileTest, VeryLargeAnswerIsHeldWhole) {
   ASSERT_NE(response.body, nullptr);
   EXPECT_EQ(std::string(response.body), std::string(kSize, 'x'));
   HttpsResponseFree(&response);
-  EXPECT_EQ(large.Take().size(), 1u);
+  EXPECT_EQ(service().php().TakeConnections().size(), 1u);
 }
 
-// A server that takes the connection and never answers: the call gives up
-// after its 30 seconds, without having started the handshake.
+// An account.php that takes the connection and never answers: version 1's
+// registration gives up after the transfer's 30 seconds, without having
+// started the handshake, as a service that cannot be reached.
 TEST_F(HostileTest, StallingServerTimesOutAfterThirtySeconds) {
-  TlsServer stalling(TestIdentities().trusted, {Conduct::kStall});
+  service().Treat({Conduct::kStall});
   const auto start = std::chrono::steady_clock::now();
-  const Connection seen = ExpectTurnedAway(HttpsRequestSend, stalling, 28);
+  const webapihost::Answer a = Call("TALV.Core.PellixCenter", 1, "register",
+                                    J(R"({"account": "ada@example.com", "password": "secret 1", "fullname": "Ada"})"));
   const double seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+  EXPECT_EQ(a.code, 3002);
+  EXPECT_EQ(Logged(), std::vector<Line>{LogLine("Register", "pellix register error, http-status: %ld response: %s", 0L,
+                                                "badnetwork")});
   EXPECT_GE(seconds, 29.5);
   EXPECT_LT(seconds, 40.0);
-  EXPECT_FALSE(seen.handshake);
+  const std::vector<Connection> seen = service().php().TakeConnections();
+  ASSERT_EQ(seen.size(), 1u);
+  EXPECT_FALSE(seen[0].handshake);
 }
 
 }  // namespace

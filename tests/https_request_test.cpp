@@ -20,6 +20,7 @@
 namespace pellixtest {
 namespace {
 
+using pellixsim::Conduct;
 using syslogcapture::Line;
 
 // How the case reaches the service.
@@ -31,7 +32,8 @@ enum Via {
   kRegisterBlind,  // the same without a result record
   kHandler,        // version 1's `register` with the case's parameters
 };
-enum Host { kService, kClosed, kDefault };  // kDefault: none given (PellixAccountRegister)
+// kClosed: the service's, refusing connections; kDefault: none given (PellixAccountRegister).
+enum Host { kService, kClosed, kDefault };
 
 // The lines logged, given the host and the error state afterwards.
 using Lines = std::function<std::vector<Line>(const std::string& host, const ErrorState&)>;
@@ -42,7 +44,7 @@ struct WireCase {
   // kSend*: the fields, "key=value" a line; kRegister*: the caller's serial;
   // kHandler: the request's parameters.
   std::string input;
-  Reply reply;
+  Conduct conduct;  // account.php's
   // "result status body" of the caller's record (it starts as "7 (no body)");
   // kHandler: the answer's code.
   std::string outcome;
@@ -188,13 +190,13 @@ const int kNoError = TLIBC_ERR_NONE;
 // clang-format off
 const WireCase kWire[] = {
     // HttpsRequestSend: values encoded, keys as they are; any status but 200 is "badsys".
-    {"ValuesAreEncodedKeysAreNot", kSend, "note=a b&c\nx y=\xC3\xA9~/", {200, "good"}, "0 200 good",
+    {"ValuesAreEncodedKeysAreNot", kSend, "note=a b&c\nx y=\xC3\xA9~/", Says("good"), "0 200 good",
      kDevice + "&note=a%20b%26c&x y=%C3%A9~%2F", nullptr, nullptr, kNoError},
-    {"CredentialsBeforeTheFields", kSendAs, "action=login", {200, "good"}, "0 200 good",
+    {"CredentialsBeforeTheFields", kSendAs, "action=login", Says("good"), "0 200 good",
      kDevice + "&username=ada%40example.com&passwd=p%20w&action=login", nullptr, nullptr, kNoError},
-    {"ServerErrorIsBadsys", kSend, "action=register", {500, ""}, "0 500 badsys", kRegistered, nullptr, nullptr,
+    {"ServerErrorIsBadsys", kSend, "action=register", Status(500), "0 500 badsys", kRegistered, nullptr, nullptr,
      kNoError},
-    {"FormFillsTheBufferExactly", kSend, Pad(0), {200, "good"}, "0 200 good",
+    {"FormFillsTheBufferExactly", kSend, Pad(0), Says("good"), "0 200 good",
      kRegistered + "&pad=" + std::string(Encoded(0) - 3, 'x') + "%20"},
     {"FormOneByteOver", kSend, Pad(1), {}, kUntouched, "",
      One("AppendFormField", "buffer size not enough: total: %zd, used: %zd, newly add; %zd", ssize_t{2048},
@@ -241,14 +243,14 @@ const WireCase kWire[] = {
      Sends("failed to write data, return value=%d", kRefused), FailCurl("curl_easy_setopt", CURLOPT_WRITEDATA)},
     // PellixAccountRegister: the form, and the service's answer as
     // HttpsRequestSend reads it (trimmed, empty or refused) in the caller's record.
-    {"DevicesOwnSerial", kRegister, "", {200, " good\n"}, "0 200 good", kDevice + kAda + "ger" + kZone, nullptr,
+    {"DevicesOwnSerial", kRegister, "", Says(" good\n"), "0 200 good", kDevice + kAda + "ger" + kZone, nullptr,
      Language},
-    {"CallersSerial", kRegister, "X1", {200, "account_inused"}, "0 200 account_inused",
+    {"CallersSerial", kRegister, "X1", Says("account_inused"), "0 200 account_inused",
      std::string("serial=X1&token=") + kTokenX1 + kAda + "enu&serial=X1" + kZone},
-    {"LanguageUnreadable", kRegister, "", {200, "good"}, "0 200 good", kAdaForm, nullptr, NoLanguage},
-    {"EmptyAnswer", kRegister, "", {200, ""}, "0 200 (no body)", kAdaForm},
-    {"RefusedAnswer", kRegister, "", {503, "busy"}, "0 503 badsys", kAdaForm},
-    {"NoResultRecord", kRegisterBlind, "", {200, "good"}, "0 7 (no body)", kAdaForm},
+    {"LanguageUnreadable", kRegister, "", Says("good"), "0 200 good", kAdaForm, nullptr, NoLanguage},
+    {"EmptyAnswer", kRegister, "", Says(""), "0 200 (no body)", kAdaForm},
+    {"RefusedAnswer", kRegister, "", Status(503), "0 503 badsys", kAdaForm},
+    {"NoResultRecord", kRegisterBlind, "", Says("good"), "0 7 (no body)", kAdaForm},
     // Only a verbose request logs a failed transfer.
     {"UnreachableServiceIsAnAnswer", kRegister, "", {}, "0 0 badnetwork", "", nullptr, nullptr, TLIBC_ERR_NETWORK,
      kClosed},
@@ -275,25 +277,35 @@ const WireCase kWire[] = {
      [](Sysroot& s) { s.Write("/etc.defaults/VERSION", "majorversion=5\n"); }, kNoError, kDefault},
     // Version 1's `register`: the service's first keyword decides; the form
     // is the same every time.
-    {"Good", kHandler, kRequest, {200, "good"}, "0", kHandlerForm},
-    {"AccountUserid", kHandler, kRequest, {200, "account_userid:1234"}, "0", kHandlerForm},
-    {"BeginningOfGood", kHandler, kRequest, {200, "g"}, "0", kHandlerForm},
-    {"BeginningOfBadparam", kHandler, kRequest, {200, "bad"}, "3001", kHandlerForm, RegisterError(200, "bad")},
-    {"BeginningOfAccountInused", kHandler, kRequest, {200, "account_"}, "3005", kHandlerForm,
+    {"Good", kHandler, kRequest, Says("good"), "0", kHandlerForm},
+    {"AccountUserid", kHandler, kRequest, Says("account_userid:1234"), "0", kHandlerForm},
+    {"BeginningOfGood", kHandler, kRequest, Says("g"), "0", kHandlerForm},
+    {"BeginningOfBadparam", kHandler, kRequest, Says("bad"), "3001", kHandlerForm, RegisterError(200, "bad")},
+    {"BeginningOfAccountInused", kHandler, kRequest, Says("account_"), "3005", kHandlerForm,
      RegisterError(200, "account_")},
-    {"Badauth", kHandler, kRequest, {200, "badauth"}, "3004", kHandlerForm, RegisterError(200, "badauth")},
-    {"SerialExceeded", kHandler, kRequest, {200, "serial_exceed_max_account_register"}, "3006", kHandlerForm,
+    {"Badauth", kHandler, kRequest, Says("badauth"), "3004", kHandlerForm, RegisterError(200, "badauth")},
+    {"SerialExceeded", kHandler, kRequest, Says("serial_exceed_max_account_register"), "3006", kHandlerForm,
      RegisterError(200, "serial_exceed_max_account_register")},
-    {"CaseMatters", kHandler, kRequest, {200, "GOOD"}, "3000", kHandlerForm, RegisterError(200, "GOOD")},
-    {"RunsPastTheKey", kHandler, kRequest, {200, "goodness"}, "3000", kHandlerForm, RegisterError(200, "goodness")},
-    {"LoggedUpToTheKeyword", kHandler, kRequest, {200, "badparam:email"}, "3001", kHandlerForm,
+    {"CaseMatters", kHandler, kRequest, Says("GOOD"), "3000", kHandlerForm, RegisterError(200, "GOOD")},
+    {"RunsPastTheKey", kHandler, kRequest, Says("goodness"), "3000", kHandlerForm, RegisterError(200, "goodness")},
+    {"LoggedUpToTheKeyword", kHandler, kRequest, Says("badparam:email"), "3001", kHandlerForm,
      RegisterError(200, "badparam")},
-    {"LeadingColons", kHandler, kRequest, {200, "::badparam:x"}, "3001", kHandlerForm,
+    {"LeadingColons", kHandler, kRequest, Says("::badparam:x"), "3001", kHandlerForm,
      RegisterError(200, "::badparam")},
-    {"TrimmedFirst", kHandler, kRequest, {200, "\n good \n"}, "0", kHandlerForm},
-    {"EmptyAnswer", kHandler, kRequest, {200, ""}, "3000", kHandlerForm, RegisterError(200, "")},
-    {"OnlyColons", kHandler, kRequest, {200, ":::"}, "3000", kHandlerForm, RegisterError(200, "")},
-    {"ServerError", kHandler, kRequest, {500, "good"}, "3003", kHandlerForm, RegisterError(500, "badsys")},
+    {"TrimmedFirst", kHandler, kRequest, Says("\n good \n"), "0", kHandlerForm},
+    {"EmptyAnswer", kHandler, kRequest, Says(""), "3000", kHandlerForm, RegisterError(200, "")},
+    {"OnlyColons", kHandler, kRequest, Says(":::"), "3000", kHandlerForm, RegisterError(200, "")},
+    {"ServerError", kHandler, kRequest, Status(500), "3003", kHandlerForm, RegisterError(500, "badsys")},
+    // account.php answering for itself, a while later, and misbehaving: a
+    // transfer that fails is badnetwork.
+    {"ServiceRegisters", kHandler, kRequest, {}, "0", kHandlerForm},
+    {"ServiceKnowsTheAddress", kHandler, kRequest, {Conduct::kAnswer, 200, "", 300}, "3005", kHandlerForm,
+     RegisterError(200, "account_inused")},
+    {"ClosesMidAnswer", kHandler, kRequest, {Conduct::kClose}, "3002", kHandlerForm, RegisterError(0, "badnetwork")},
+    {"NotTls", kHandler, kRequest, {Conduct::kNotTls}, "3002", "", RegisterError(0, "badnetwork")},
+    {"CertificateForAnotherName", kHandler, kRequest, {Conduct::kWrongName}, "3002", "",
+     RegisterError(0, "badnetwork")},
+    {"ExpiredCertificate", kHandler, kRequest, {Conduct::kExpired}, "3002", "", RegisterError(0, "badnetwork")},
     {"UnreachableServiceIsBadnetwork", kHandler, kRequest, {}, "3002", "", RegisterError(0, "badnetwork"), nullptr, -1,
      kClosed},
     // The checks before the form, in their order.
@@ -310,17 +322,17 @@ const WireCase kWire[] = {
     {"SerialBeforeLengths", kHandler, kShortPassword, {}, "3000", "", nullptr, Fail("TLIBGetSerialNumber")},
     // Lengths count bytes (version 2 checks them with the same function).
     {"Password5", kHandler, Lengths("12345", "Ada"), {}, "3001", "", PasswordLength(5)},
-    {"Password6", kHandler, Lengths("123456", "Ada"), {200, "good"}, "0", "*"},
-    {"Password128", kHandler, Lengths(std::string(128, 'p'), "Ada"), {200, "good"}, "0", "*"},
+    {"Password6", kHandler, Lengths("123456", "Ada"), Says("good"), "0", "*"},
+    {"Password128", kHandler, Lengths(std::string(128, 'p'), "Ada"), Says("good"), "0", "*"},
     {"Password129", kHandler, Lengths(std::string(129, 'p'), "Ada"), {}, "3001", "", PasswordLength(129)},
-    {"PasswordTwoWideCharacters", kHandler, Lengths(WidePassword(2), "Ada"), {200, "good"}, "0", "*"},
+    {"PasswordTwoWideCharacters", kHandler, Lengths(WidePassword(2), "Ada"), Says("good"), "0", "*"},
     {"Password33WideCharacters", kHandler, Lengths(WidePassword(33), "Ada"), {}, "3001", "", PasswordLength(132)},
     {"FullName1", kHandler, Lengths("secret 1", "A"), {}, "3001", "", FullNameLength("A")},
-    {"FullName2", kHandler, Lengths("secret 1", "Al"), {200, "good"}, "0", "*"},
-    {"FullName256", kHandler, Lengths("secret 1", std::string(256, 'n')), {200, "good"}, "0", "*"},
+    {"FullName2", kHandler, Lengths("secret 1", "Al"), Says("good"), "0", "*"},
+    {"FullName256", kHandler, Lengths("secret 1", std::string(256, 'n')), Says("good"), "0", "*"},
     {"FullName257", kHandler, Lengths("secret 1", std::string(257, 'n')), {}, "3001", "",
      FullNameLength(std::string(257, 'n'))},
-    {"FullNameOneWideCharacter", kHandler, Lengths("secret 1", WideName(1)), {200, "good"}, "0", "*"},
+    {"FullNameOneWideCharacter", kHandler, Lengths("secret 1", WideName(1)), Says("good"), "0", "*"},
     {"FullName129WideCharacters", kHandler, Lengths("secret 1", WideName(129)), {}, "3001", "",
      FullNameLength(WideName(129))},
     // In version 1's form the fifth value encoded (after serial, token, action
@@ -338,12 +350,13 @@ class WireTest : public LocalServiceTest {
     SCOPED_TRACE(c.name);
     ResetDevice();
     talvseam::ClearJournal();
-    const std::string host = c.host == kClosed ? closed_.Address() : server().Address();
+    const std::string host = service().Address();
+    std::string error;
+    ASSERT_TRUE(service().php().SetReachable(c.host != kClosed, &error)) << error;
     ConfigureHost(host);
     FieldHash fields(FieldsOf(c.input));  // before a fault is planned
     if (c.arrange) c.arrange(sysroot());
-    server().Script(c.reply);
-    const size_t sent = server().Requests().size();
+    service().Treat(c.conduct);
     std::string outcome;
     if (c.via == kHandler) {
       const webapihost::Answer a = Call("TALV.Core.PellixCenter", 1, "register", J(c.input));
@@ -383,11 +396,13 @@ class WireTest : public LocalServiceTest {
     if (c.error >= 0) {
       EXPECT_EQ(state.code, c.error);
     }
-    const std::vector<Received> received = server().Requests();
-    ASSERT_EQ(received.size(), sent + (c.form.empty() ? 0 : 1));
+    std::vector<pellixsim::HttpRequest> received;
+    for (const pellixsim::Connection& seen : service().php().TakeConnections())
+      if (!seen.request.method.empty()) received.push_back(seen.request);
+    ASSERT_EQ(received.size(), c.form.empty() ? 0u : 1u);
     if (!c.form.empty()) {
-      const Received& r = received.back();
-      EXPECT_EQ(r.method + " " + r.path, "POST /account.php");
+      const pellixsim::HttpRequest& r = received.back();
+      EXPECT_EQ(r.method + " " + r.target, "POST /account.php");
       EXPECT_EQ(r.Header("Host"), std::vector<std::string>{host});
       EXPECT_EQ(r.Header("User-Agent"), std::vector<std::string>{kUserAgent});
       EXPECT_EQ(r.Header("Content-Type"), std::vector<std::string>{"application/x-www-form-urlencoded"});
@@ -397,8 +412,6 @@ class WireTest : public LocalServiceTest {
     }
     EXPECT_EQ(Logged(), c.logged ? c.logged(host, state) : std::vector<Line>{});
   }
-
-  SilentPort closed_{false};
 };
 
 // A closed port needs no trust: these run wherever the tests do.
@@ -410,7 +423,7 @@ TEST_F(WireTest, ClosedPort) {
 class TrustedWireTest : public WireTest {
  protected:
   void SetUp() override {
-    const std::string& problem = TrustTestIdentities();
+    const std::string& problem = TrustTestService();
     if (!problem.empty()) GTEST_SKIP() << "the local HTTPS service cannot be trusted: " << problem;
     WireTest::SetUp();
   }
@@ -453,7 +466,7 @@ TEST_F(LocalServiceTest, NullArgumentsAreRefusedSilently) {
     EXPECT_EQ(response.body, nullptr);
   }
   EXPECT_EQ(Logged(), std::vector<Line>{});
-  EXPECT_TRUE(server().Requests().empty());
+  EXPECT_TRUE(service().php().TakeConnections().empty());
   EXPECT_TRUE(talvseam::Journal().empty()) << "no platform call";
 }
 
@@ -484,8 +497,7 @@ TEST_F(TrustedWireTest, TrustChangesNothingOutsideTheProcess) {
   const std::string child = "cat " + bundle;
   const std::string machine = Drain(popen(child.c_str(), "r"), pclose);
   ASSERT_FALSE(machine.empty()) << bundle;
-  const Identities& ids = TestIdentities();
-  const std::string pems = ids.trusted.Pem() + ids.misnamed.Pem() + ids.expired.Pem();
+  const std::string pems = TrustedAuthority();
   std::string why;
   ASSERT_TRUE(webapihost::TrustAuthorities(pems, &why)) << why;
 

@@ -89,7 +89,7 @@ const Statement* WrittenBy(const std::vector<Statement>& statements, const Line&
 struct Shape {
   const char* name;
   bool registerForm;   // through PellixAccountRegister, else HttpsRequestSend with credentials
-  bool serviceUp;      // the trusted local service answers "good", else a closed port
+  bool serviceUp;      // the trusted local service answers "good", else it refuses connections
   const char* serial;  // PellixAccountRegister's caller serial
   int verbose;
   std::string fullName;
@@ -126,7 +126,7 @@ class TortureTest : public TrustedServiceTest {
     ScanLogForPassword(kPassword);
     // Several chunks, so that the write callback's realloc also fails on a
     // buffer it already holds; the trim leaves "good".
-    server().Script({200, "good" + std::string(40000, ' ')});
+    service().Treat(Says("good" + std::string(40000, ' ')));
   }
   // Runs `shape` once, with the faults `inject` plans once the request's own
   // hash is made; the caller's record starts with kUntouched. Leaves the
@@ -135,7 +135,7 @@ class TortureTest : public TrustedServiceTest {
     static ZoneDevice zoneWithoutTzdbName("Amsterdam", {{"name", "Amsterdam"}});
     ResetDevice();
     if (shape.zoneWithoutTzdbName) talvsdk::SetDevice(&zoneWithoutTzdbName);
-    const std::string host = shape.serviceUp ? server().Address() : closed_.Address();
+    const std::string host = service().Address();
     FieldHash fields(Fields{{"action", "register"}});
     HttpsResponse response{kUntouched, nullptr};
     talvseam::ClearJournal();
@@ -186,7 +186,6 @@ class TortureTest : public TrustedServiceTest {
       EXPECT_EQ(seen_.count(s.where), 1u) << "no fault and no shape makes " << s.where << " \"" << s.format << "\"";
   }
 
-  SilentPort closed_{false};
   const std::vector<Statement> statements_ = FailureStatements();
   std::set<std::string> seen_;
   std::vector<talvseam::Call> calls_;
@@ -213,6 +212,8 @@ Outcome Expected(const Shape& shape, const talvseam::Call& failed) {
 TEST_F(TortureTest, EveryFailureIsHandledAndEveryFailureLineWritten) {
   for (const Shape& shape : kShapes) {
     SCOPED_TRACE(shape.name);
+    std::string error;
+    ASSERT_TRUE(service().php().SetReachable(shape.serviceUp, &error)) << error;
     // How many calls the request makes when nothing fails.
     ExpectSound(Attempt(shape, [] {}));
     const int calls = callCount_;

@@ -1,9 +1,17 @@
 // The simulated account service's rules, on a database of its own.
+#include <arpa/inet.h>
 #include <gtest/gtest.h>
+#include <httplib.h>
 #include <json/writer.h>
+#include <netinet/in.h>
+#include <signal.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
+#include <atomic>
+#include <chrono>
 #include <cstdlib>
+#include <thread>
 
 #include "account_php.h"
 #include "service.h"
@@ -300,6 +308,64 @@ TEST_F(ServiceTest, AccountFormKeywords) {
   ASSERT_EQ(service_->SignIn(kSerial, "ada@example.com", "secret1", &info), kOk);
   EXPECT_EQ(info["notify_language"], "ger");
   EXPECT_EQ(info["full_name"], "Ada L");
+}
+
+// account.php serves connections side by side, each as its conductor says;
+// closed, it refuses them, and listens again on the same port; stopped, it
+// cuts the connections that stall or wait.
+TEST_F(ServiceTest, AccountPhpTreatsEachConnectionAsItsConductorSays) {
+  using Clock = std::chrono::steady_clock;
+  std::string error;
+  ASSERT_TRUE(MakeCertificates(dir_, &error)) << error;
+  std::mutex mu;
+  Conduct conduct{Conduct::kStall};
+  std::atomic<int> asked{0};
+  auto treat = [&](Conduct c, int after) {
+    for (const auto end = Clock::now() + std::chrono::seconds(5); asked < after && Clock::now() < end;)
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    std::lock_guard<std::mutex> lock(mu);
+    conduct = std::move(c);
+  };
+  AccountPhp php(service_.get());
+  php.SetConductor([&] {
+    std::lock_guard<std::mutex> lock(mu);
+    ++asked;
+    return conduct;
+  });
+  const int port = php.Start(dir_, &error);
+  ASSERT_GT(port, 0) << error;
+  const int stalled = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+  sockaddr_in to{};
+  to.sin_family = AF_INET;
+  to.sin_port = htons(static_cast<uint16_t>(port));
+  to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  ASSERT_EQ(connect(stalled, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 0);
+  treat({Conduct::kAnswer, 200, "", 300}, 1);
+  httplib::SSLClient client("127.0.0.1", port);
+  client.set_ca_cert_path((dir_ + "/ca.pem").c_str());
+  client.enable_server_certificate_verification(true);
+  auto post = [&] { return client.Post("/account.php", "action=register", "application/x-www-form-urlencoded"); };
+  const auto start = Clock::now();
+  httplib::Result answered = post();
+  ASSERT_TRUE(answered) << httplib::to_string(answered.error());
+  EXPECT_EQ(answered->body, "badparam\n");
+  EXPECT_GE(Clock::now() - start, std::chrono::milliseconds(300));
+
+  ASSERT_TRUE(php.SetReachable(false, &error)) << error;
+  EXPECT_EQ(post().error(), httplib::Error::Connection);
+  ASSERT_TRUE(php.SetReachable(true, &error)) << error;
+  EXPECT_EQ(php.port(), port);
+  EXPECT_TRUE(post());
+
+  treat({Conduct::kAnswer, 200, "", 60000}, 3);
+  signal(SIGPIPE, SIG_IGN);  // the client's close on a cut connection
+  std::thread waiting([&] { post(); });
+  treat({}, 4);
+  const auto stop = Clock::now();
+  php.Stop();
+  EXPECT_LT(Clock::now() - stop, std::chrono::seconds(2));
+  waiting.join();
+  close(stalled);
 }
 
 TEST(Store, ReportsAFolderThatIsNotThere) {

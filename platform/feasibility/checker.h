@@ -2,6 +2,7 @@
 // default finds every operation feasible, with no reasons.
 #pragma once
 
+#include <functional>
 #include <map>
 #include <string>
 #include <vector>
@@ -51,14 +52,18 @@ class ScriptedChecker : public Checker {
 // Each line gives one reason of its grade; a grade with reasons refuses. No
 // file: every grade is feasible. A line of another form ("Soft = x", "hrad =
 // x", "hard =") is logged with the file's path and its number, and refuses
-// every grade with that line as the reason.
+// every grade with that line as the reason. `more`, when given, adds the
+// reasons of a grade ("hard" or "soft") held elsewhere (the development
+// host's conditions) after the file's.
 class ReasonsFileChecker : public Checker {
  public:
-  explicit ReasonsFileChecker(std::string path) : path_(std::move(path)) {}
+  using More = std::function<std::vector<std::string>(const std::string& grade)>;
+  explicit ReasonsFileChecker(std::string path, More more = nullptr) : path_(std::move(path)), more_(std::move(more)) {}
   Verdict Check(int item, int type) override;
 
  private:
   std::string path_;
+  More more_;
 };
 
 Checker* DefaultChecker();

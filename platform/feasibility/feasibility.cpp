@@ -24,9 +24,10 @@ Checker::~Checker() = default;
 
 Verdict ReasonsFileChecker::Check(int item, int type) {
   Verdict verdict;
-  std::ifstream in(path_);
-  if (!in || item != FEASIBILITY_ITEM_ACCOUNT_LOGOUT) return verdict;
+  if (item != FEASIBILITY_ITEM_ACCOUNT_LOGOUT) return verdict;
   const char* grade = type == FEASIBILITY_CHECK_HARD ? "hard" : type == FEASIBILITY_CHECK_SOFT ? "soft" : "";
+  std::vector<std::string> more = more_ ? more_(grade) : std::vector<std::string>();
+  std::ifstream in(path_);
   auto trim = [](const std::string& s) {
     size_t b = s.find_first_not_of(" \t\r");
     return b == std::string::npos ? std::string() : s.substr(b, s.find_last_not_of(" \t\r") - b + 1);
@@ -52,6 +53,7 @@ Verdict ReasonsFileChecker::Check(int item, int type) {
     }
   }
   if (!unreadable.empty()) verdict.reasons = unreadable;
+  verdict.reasons.insert(verdict.reasons.end(), more.begin(), more.end());
   verdict.result = verdict.reasons.empty() ? 0 : 1;
   return verdict;
 }

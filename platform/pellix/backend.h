@@ -8,6 +8,8 @@
 #pragma once
 
 #include <cstdint>
+#include <string>
+#include <vector>
 
 #include "talv/pellix.h"
 
@@ -85,6 +87,11 @@ class BackendWrapper : public Backend {
 // reached: queries and sign-outs report error 3, everything else error 4
 // (the PKCE service throws PellixException 4).
 Backend* OfflineBackend();
+// The names the library's calls are journaled under and faults name: its
+// plain functions, then the PKCE service's members ("AccountPkceService::...").
+const std::vector<std::string>& OperationNames();
+bool IsPkceOperation(const std::string& op);
+
 // Installs `backend` (not owned); nullptr restores the offline backend.
 void SetBackend(Backend* backend);
 Backend* CurrentBackend();

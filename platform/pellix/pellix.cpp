@@ -57,8 +57,9 @@ int Plain(const char* op, std::vector<std::string> args, Run run) {
 
 void Pkce(const char* op, std::vector<std::string> args = {}) {
   int code = 0;
-  if (talvseam::Enter("pellix", op, std::move(args), &code))
-    throw PellixException(code, std::string("injected fault in ") + op);
+  std::string what;
+  if (talvseam::Enter("pellix", op, std::move(args), &code, &what))
+    throw PellixException(code, what.empty() ? std::string("injected fault in ") + op : what);
 }
 
 }  // namespace
@@ -72,6 +73,28 @@ Backend* OfflineBackend() {
 namespace {
 talvseam::Installed<Backend> gBackend(OfflineBackend);
 }  // namespace
+
+const std::vector<std::string>& OperationNames() {
+  static const std::vector<std::string> names = {
+      "TALVPELLIXAccountQueryInfo",
+      "TALVPELLIXAccountLogin",
+      "TALVPELLIXAccountLoginByKey",
+      "TALVPELLIXAccountOauthLogin",
+      "TALVPELLIXHandleApiKeyError",
+      "TALVPELLIXGetIframeInfo",
+      "TALVPELLIXAccountLogout",
+      "TALVPELLIXAccountRegister",
+      "TALVPELLIXAccountSetInfo",
+      "TALVPELLIXAccountPurchaseList",
+      "AccountPkceService::AccountPkceService",
+      "AccountPkceService::GetRegisterPkceConfig",
+      "AccountPkceService::GetLoginPkceConfig",
+      "AccountPkceService::Login",
+      "AccountPkceService::Logout",
+  };
+  return names;
+}
+bool IsPkceOperation(const std::string& op) { return op.rfind("AccountPkceService::", 0) == 0; }
 
 void SetBackend(Backend* value) { gBackend.Set(value); }
 Backend* CurrentBackend() { return gBackend.Get(); }

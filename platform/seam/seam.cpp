@@ -2,30 +2,26 @@
 
 #include <json/writer.h>
 
+#include <algorithm>
 #include <atomic>
+#include <chrono>
 #include <cstdlib>
 #include <deque>
 #include <memory>
 #include <mutex>
 #include <sstream>
+#include <thread>
 
 namespace talvseam {
 namespace {
 
 constexpr size_t kJournalLimit = 4096;
 
-struct Fault {
-  std::string op;
-  int remaining;  // calls to let through before failing
-  bool persistent;
-  int code;
-  bool spent;
-};
-
 struct State {
   std::mutex mu;
   std::deque<Call> journal;
-  std::vector<Fault> faults;
+  std::vector<PlannedFault> faults;  // oldest first
+  int lastId = 0;
   int calls = 0;
   std::atomic<bool> journaling{true};
   bool sysrootOverridden = false;
@@ -37,10 +33,15 @@ State& S() {
   return *state;
 }
 
-void Record(State& s, const char* service, const char* op, std::vector<std::string> args) {
+void Record(State& s, const char* service, const char* op, std::vector<std::string> args, bool failed = false) {
   if (!s.journaling) return;
-  s.journal.push_back(Call{service, op, std::move(args)});
+  s.journal.push_back(Call{service, op, std::move(args), failed});
   if (s.journal.size() > kJournalLimit) s.journal.pop_front();
+}
+
+bool Matches(const Fault& f, const char* service, const char* op) {
+  if (!f.service.empty() && f.service != service) return false;
+  return f.ops.empty() || std::find(f.ops.begin(), f.ops.end(), op) != f.ops.end();
 }
 
 }  // namespace
@@ -52,23 +53,44 @@ void Note(const char* service, const char* op, std::vector<std::string> args) {
   Record(s, service, op, std::move(args));
 }
 
-bool Enter(const char* service, const char* op, std::vector<std::string> args, int* code) {
+bool Enter(const char* service, const char* op, std::vector<std::string> args, int* code, std::string* what) {
   State& s = S();
-  std::lock_guard<std::mutex> lock(s.mu);
-  Record(s, service, op, std::move(args));
-  ++s.calls;
   bool fail = false;
-  for (Fault& f : s.faults) {
-    if (f.spent || (f.op != "*" && f.op != op)) continue;
-    if (f.remaining > 0) {
-      --f.remaining;
-      continue;
+  long long delayMs = 0;
+  std::vector<std::function<void(const Call&)>> bitten;
+  Call call;  // what the bitten are told
+  {
+    std::lock_guard<std::mutex> lock(s.mu);
+    ++s.calls;
+    for (auto it = s.faults.begin(); it != s.faults.end();) {
+      Fault& f = it->fault;
+      if (!Matches(f, service, op)) {
+        ++it;
+        continue;
+      }
+      if (f.after > 0) {
+        --f.after;
+        ++it;
+        continue;
+      }
+      delayMs += f.delayMs > 0 ? f.delayMs : 0;
+      if (f.fails && !fail) {
+        if (code) *code = f.code;
+        if (what) *what = f.what;
+      }
+      fail = fail || f.fails;
+      if (f.bitten) bitten.push_back(f.bitten);
+      if (f.times > 0 && --f.times == 0) {
+        it = s.faults.erase(it);
+      } else {
+        ++it;
+      }
     }
-    if (!fail && code) *code = f.code;
-    fail = true;
-    if (!f.persistent) f.spent = true;
+    if (!bitten.empty()) call = Call{service, op, args, fail};
+    Record(s, service, op, std::move(args), fail);
   }
-  if (fail && s.journaling && !s.journal.empty()) s.journal.back().failed = true;
+  for (const auto& told : bitten) told(call);
+  if (delayMs > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delayMs));
   return fail;
 }
 
@@ -95,9 +117,35 @@ void SetJournaling(bool on) {
   S().journaling = on;
 }
 
-void InjectFault(const std::string& op, int after, bool persistent, int code) {
+int AddFault(Fault fault) {
   std::lock_guard<std::mutex> lock(S().mu);
-  S().faults.push_back(Fault{op, after < 0 ? 0 : after, persistent, code, false});
+  const int id = ++S().lastId;
+  if (fault.after < 0) fault.after = 0;
+  if (fault.times != 0) S().faults.push_back(PlannedFault{id, std::move(fault)});
+  return id;
+}
+
+bool RemoveFault(int id) {
+  std::lock_guard<std::mutex> lock(S().mu);
+  std::vector<PlannedFault>& faults = S().faults;
+  auto it = std::find_if(faults.begin(), faults.end(), [id](const PlannedFault& p) { return p.id == id; });
+  if (it == faults.end()) return false;
+  faults.erase(it);
+  return true;
+}
+
+std::vector<PlannedFault> Faults() {
+  std::lock_guard<std::mutex> lock(S().mu);
+  return S().faults;
+}
+
+void InjectFault(const std::string& op, int after, bool persistent, int code) {
+  Fault f;
+  if (op != "*") f.ops = {op};
+  f.after = after;
+  f.times = persistent ? -1 : 1;
+  f.code = code;
+  AddFault(std::move(f));
 }
 
 void ClearFaults() {

@@ -10,6 +10,7 @@
 #include <json/value.h>
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -23,8 +24,10 @@ struct Call {
 };
 
 // Records the call and returns true when the fault plan makes it fail; the
-// fault's code is then in *code (when code is not null).
-bool Enter(const char* service, const char* op, std::vector<std::string> args, int* code = nullptr);
+// fault's code is then in *code and its message in *what (when not null).
+// A fault's delay is waited here, before it returns.
+bool Enter(const char* service, const char* op, std::vector<std::string> args, int* code = nullptr,
+           std::string* what = nullptr);
 // Records a call that cannot fail (a free, a read of a request parameter): no
 // fault applies to it and it does not count in CallCount().
 void Note(const char* service, const char* op, std::vector<std::string> args);
@@ -37,9 +40,36 @@ void ClearJournal();
 // on. For measuring the module rather than the stand-ins' bookkeeping.
 void SetJournaling(bool on);
 
-// Fault plan, in the manner of a VFS fault simulator: operation `op` ("*" for
-// any platform operation) fails on its (after+1)-th call counted from now,
-// and, when `persistent`, on every call after that too.
+// Fault plan, in the manner of a VFS fault simulator: each fault matches some
+// calls, lets the first `after` of them pass and then applies to the next
+// `times` of them, waiting `delayMs` and, when it `fails`, failing them with
+// `code`. A call that several faults fail gets the code of the oldest; the
+// delays add up. A fault whose times are used up goes away by itself.
+struct Fault {
+  std::string service;           // "" any service, else "pellix", "cloud", ...
+  std::vector<std::string> ops;  // empty: every operation of the service
+  int after = 0;                 // matching calls that pass first
+  int times = 1;                 // matching calls it applies to; -1 until removed
+  int code = 0;                  // the failure's error number
+  std::string what;              // the message of failures that throw (the PKCE service's)
+  int delayMs = 0;               // waited before the call goes on or fails
+  bool fails = true;             // false: only the delay
+  // Told each time the fault applies, on the caller's thread, outside the
+  // seam's lock (so it may call the seam), before the delay.
+  std::function<void(const Call&)> bitten;
+};
+struct PlannedFault {
+  int id;
+  Fault fault;  // `times` is what is left of it
+};
+// The fault's id, greater than 0.
+int AddFault(Fault fault);
+// False when no fault has that id (any more).
+bool RemoveFault(int id);
+std::vector<PlannedFault> Faults();
+// Operation `op` ("*" for any platform operation) fails with `code` on its
+// (after+1)-th call counted from now, and, when `persistent`, on every call
+// after that too.
 void InjectFault(const std::string& op, int after, bool persistent, int code);
 void ClearFaults();
 // Number of platform calls that can fail made since the last ClearFaults() or ClearJournal().

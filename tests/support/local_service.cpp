@@ -52,7 +52,7 @@ void LocalServiceTest::SetUp() {
   dlclose(handle);  // the fixture's own load keeps it
   if (HasFatalFailure()) return;
 
-  server_.reset(new HttpsServer(TestIdentities().trusted));
+  service_.reset(new LocalService());
   ResetDevice();
   WatchCurl(true);
 }
@@ -62,14 +62,14 @@ void LocalServiceTest::ResetDevice() {
   talvsdk::SetDevice(nullptr);
   sysroot_.reset();  // before the next takes its place
   sysroot_.reset(new Sysroot());
-  ConfigureHost(server_->Address());
+  ConfigureHost(service_->Address());
   // Lines that end in the error state read what the module left there.
   TLIBCErrSetEx(TLIBC_ERR_NONE, "", 0);
 }
 
 void LocalServiceTest::TearDown() {
   WatchCurl(false);
-  server_.reset();
+  service_.reset();
   sysroot_.reset();
   ModuleTest::TearDown();
 }
@@ -80,7 +80,7 @@ void LocalServiceTest::ConfigureHost(const std::string& host) {
 }
 
 void TrustedServiceTest::SetUp() {
-  const std::string& problem = TrustTestIdentities();
+  const std::string& problem = TrustTestService();
   if (!problem.empty()) GTEST_SKIP() << "the local HTTPS service cannot be trusted: " << problem;
   LocalServiceTest::SetUp();
 }

@@ -13,7 +13,7 @@
 #include "client.h"
 #include "https_request.h"
 #include "sdk/device.h"
-#include "support/https_server.h"
+#include "support/account_service.h"
 #include "support/module_test.h"
 
 namespace pellixtest {
@@ -90,7 +90,7 @@ class LocalServiceTest : public ModuleTest {
   void TearDown() override;
 
   Sysroot& sysroot() { return *sysroot_; }
-  HttpsServer& server() { return *server_; }
+  LocalService& service() { return *service_; }
   // The service's host is the relay configuration's account-service host.
   void ConfigureHost(const std::string& host);
   // Back to the device of the test's start, for the next case of a table:
@@ -103,7 +103,7 @@ class LocalServiceTest : public ModuleTest {
 
  private:
   std::unique_ptr<Sysroot> sysroot_;
-  std::unique_ptr<HttpsServer> server_;
+  std::unique_ptr<LocalService> service_;
 };
 
 // For tests whose client must trust the server: skipped, saying why, where
