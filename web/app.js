@@ -595,14 +595,15 @@ async function listConditions() {
 }
 
 // A change of the conditions; then the status is asked again (an
-// unreachable service shows there at once) and the list with it.
-function changeConditions(method, path, body, done) {
-  return busy($('#sim'), async () => {
+// unreachable service shows there at once) and the list with it. The panel
+// is busy for the change alone: a slow service must not hold up the next.
+async function changeConditions(method, path, body, done) {
+  await busy($('#sim'), async () => {
     const answer = await atHost(CONDITIONS + path, method, body);
     if (answer.success) report($('#sim'), 'ok', done);
     else report($('#sim'), 'error', Messages.of(answer.error.code), answer.error.code, answer);
-    await refreshStatus();
   });
+  refreshStatus();
 }
 
 $('#sim-error').replaceChildren(...SIGN_IN_ERRORS.map((number) => {
