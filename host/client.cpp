@@ -31,8 +31,13 @@ TempDir::~TempDir() {
 }
 
 ServeProcess::ServeProcess(const std::string& program, const std::string& module, const std::string& state,
-                           const std::string& log)
+                           const std::string& log, const std::vector<std::string>& more)
     : log_(log) {
+  std::vector<std::string> args = {"webapi-host", "--module", module, "serve", "--state", state, "--port", "0"};
+  args.insert(args.end(), more.begin(), more.end());
+  std::vector<char*> argv;
+  for (std::string& a : args) argv.push_back(&a[0]);
+  argv.push_back(nullptr);
   int out[2];
   if (pipe(out) != 0) return;
   pid_ = fork();
@@ -41,8 +46,7 @@ ServeProcess::ServeProcess(const std::string& program, const std::string& module
     int fd = open(log.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
     dup2(fd, STDERR_FILENO);
     close(out[0]);
-    execl(program.c_str(), "webapi-host", "--module", module.c_str(), "serve", "--state", state.c_str(), "--port", "0",
-          static_cast<char*>(nullptr));
+    execv(program.c_str(), argv.data());
     _exit(127);
   }
   close(out[1]);

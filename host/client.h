@@ -28,8 +28,10 @@ class ServeProcess {
  public:
   // Starts `program` (webapi-host) serving `module` with the state folder
   // `state`, and waits until it has announced its URL (port() is -1 when it
-  // exited or did not announce within ten seconds). Its stderr goes to `log`.
-  ServeProcess(const std::string& program, const std::string& module, const std::string& state, const std::string& log);
+  // exited or did not announce within ten seconds). Its stderr goes to `log`;
+  // `more` are further options of serve.
+  ServeProcess(const std::string& program, const std::string& module, const std::string& state, const std::string& log,
+               const std::vector<std::string>& more = {});
   ~ServeProcess();  // stops it, if still running
   ServeProcess(const ServeProcess&) = delete;
   ServeProcess& operator=(const ServeProcess&) = delete;

@@ -33,27 +33,6 @@ using webapihost::TempDir;
 
 const char kCenter[] = "TALV.Core.PellixCenter";
 const char kAccount[] = "TALV.Core.PellixCenter.Account";
-const char kAny[] = "<any>";
-
-// `expected` with kAny standing for any value; objects must have the same keys.
-bool Matches(const Json::Value& expected, const Json::Value& actual) {
-  if (expected == kAny) return true;
-  if (expected.type() != actual.type() || expected.size() != actual.size() ||
-      (expected.isObject() && expected.getMemberNames() != actual.getMemberNames()))
-    return false;
-  if (!expected.isObject() && !expected.isArray()) return expected == actual;
-  for (auto e = expected.begin(), a = actual.begin(); e != expected.end(); ++e, ++a)
-    if (!Matches(*e, *a)) return false;
-  return true;
-}
-
-std::string Substitute(std::string text, const std::map<std::string, std::string>& vars) {
-  for (const auto& kv : vars)
-    for (size_t at; (at = text.find("$" + kv.first)) != std::string::npos;)
-      text.replace(at, kv.first.size() + 1, kv.second);
-  return text;
-}
-
 class ServeTest : public ::testing::Test {
  protected:
   void Start() {

@@ -45,6 +45,24 @@ Json::Value J(const std::string& text) {
   return value;
 }
 
+bool Matches(const Json::Value& expected, const Json::Value& actual) {
+  if (expected == "<any>") return true;
+  if (expected.type() != actual.type() || expected.size() != actual.size() ||
+      (expected.isObject() && expected.getMemberNames() != actual.getMemberNames()))
+    return false;
+  if (!expected.isObject() && !expected.isArray()) return expected == actual;
+  for (auto e = expected.begin(), a = actual.begin(); e != expected.end(); ++e, ++a)
+    if (!Matches(*e, *a)) return false;
+  return true;
+}
+
+std::string Substitute(std::string text, const std::map<std::string, std::string>& vars) {
+  for (const auto& kv : vars)
+    for (size_t at; (at = text.find("$" + kv.first)) != std::string::npos;)
+      text.replace(at, kv.first.size() + 1, kv.second);
+  return text;
+}
+
 void ExpectAnswer(const webapihost::Answer& a, const std::string& expected) {
   EXPECT_TRUE(a.found);
   EXPECT_EQ(a.threw, expected == "threw") << a.exception;

@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 #include <json/writer.h>  // streams Json::Value into failure messages
 
+#include <map>
 #include <string>
 #include <vector>
 
@@ -17,6 +18,11 @@ namespace pellixtest {
 
 // Parses a JSON text; fails the test on a syntax error.
 Json::Value J(const std::string& text);
+
+// `expected` with "<any>" standing for any value; objects must have the same keys.
+bool Matches(const Json::Value& expected, const Json::Value& actual);
+// `text` with each $name of `vars` replaced by its value.
+std::string Substitute(std::string text, const std::map<std::string, std::string>& vars);
 
 // The log line a statement of the module writes: the statement is the first
 // one after the start of `function` whose format is `format`, in whichever of
