@@ -36,6 +36,7 @@ ServeProcess::ServeProcess(const std::string& program, const std::string& module
   std::vector<std::string> args = {"webapi-host", "--module", module, "serve", "--state", state, "--port", "0"};
   args.insert(args.end(), more.begin(), more.end());
   std::vector<char*> argv;
+  argv.reserve(args.size() + 1);
   for (std::string& a : args) argv.push_back(&a[0]);
   argv.push_back(nullptr);
   int out[2];

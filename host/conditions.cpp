@@ -129,7 +129,7 @@ std::string CheckOne(const Json::Value& c) {
     return R"("unreachable" can only be true, not )" + Shown(c["unreachable"]) +
            "; leave it out for a service that can be reached";
   if (c.isMember("pkce_throw")) {
-    const std::string problem = CheckPkce(c["pkce_throw"]);
+    std::string problem = CheckPkce(c["pkce_throw"]);
     if (!problem.empty()) return problem;
   }
   pellixsim::Conduct conduct;
@@ -137,7 +137,7 @@ std::string CheckOne(const Json::Value& c) {
       (!c["account_php"].isString() || !ParseConduct(c["account_php"].asString(), &conduct)))
     return R"("account_php" must be one of )" + std::string(kPhpModes) + ", not " + Shown(c["account_php"]);
   if (c.isMember("logout_refusal")) {
-    const std::string problem = CheckRefusal(c["logout_refusal"]);
+    std::string problem = CheckRefusal(c["logout_refusal"]);
     if (!problem.empty()) return problem;
     for (const std::string& name : c.getMemberNames())
       if (name != "logout_refusal")
