@@ -32,7 +32,9 @@ def main(out):
         answer = host.entry(page.CENTER, 2, "register", account=page.EMAIL, password=page.PASSWORD,
                             fullname="Ada Lovelace", critical_release=True, country="UK")
         assert answer["success"], answer
-        host.reasons("soft = A backup to the cloud is running\n")
+        refusal = host.post("/sim/conditions", {"logout_refusal": {"grade": "soft",
+                                                                  "reason": "A backup to the cloud is running"}})
+        assert "id" in refusal, refusal
         driver.set_window_size(WIDTH, 1000)
         driver.get(host.url)
         shown("#st-account", "Signed in")

@@ -34,27 +34,35 @@ async function call(api, version, method, params = {}) {
   return { success: false, error: { code: 0, details: text } };
 }
 
-// The account service's own sign-in page, for the PKCE flow. Only its path
-// is taken from the configuration: the page stays on its own origin. Its
-// answer is made an envelope like the device's: the service's account error
-// as the code the device makes of it, a refusal of the host as it is.
-async function authorizeAtService(endpoint, fields) {
+// One request to a path of the host's own (not the web API), which answers
+// its JSON when it succeeds. Only the path is taken from `url`: the page
+// stays on its own origin. The answer is made an envelope like the web
+// API's: a refusal of the host as it is, another error as `otherwise` makes
+// it, or else as a device that did not answer.
+async function atHost(url, method, body, otherwise = () => null) {
   let text = '';
   try {
-    const res = await fetch(new URL(endpoint, location.href).pathname, {
-      method: 'POST',
+    const res = await fetch(new URL(url, location.href).pathname, body === undefined ? { method } : {
+      method,
       headers: { 'Content-Type': 'application/json' },
-      body: JSON.stringify(fields),
+      body: JSON.stringify(body),
     });
     text = await res.text();
-    const body = JSON.parse(text);
-    if (res.ok) return { success: true, data: body };
-    if (body.error && typeof body.error.code === 'number') return body;
-    return { success: false, error: { code: Messages.codeOfAccountError(body.account_error), details: body } };
+    const answer = text ? JSON.parse(text) : null;
+    if (res.ok) return { success: true, data: answer };
+    if (answer && answer.error && typeof answer.error.code === 'number') return answer;
+    const made = answer && otherwise(answer);
+    if (made) return made;
   } catch (e) {
-    return { success: false, error: { code: 0, details: text || String(e) } };
+    text = text || String(e);
   }
+  return { success: false, error: { code: 0, details: text } };
 }
+
+// The account service's own sign-in page, for the PKCE flow: its account
+// error is told as the code the device makes of it.
+const authorizeAtService = (endpoint, fields) => atHost(endpoint, 'POST', fields,
+  (body) => ({ success: false, error: { code: Messages.codeOfAccountError(body.account_error), details: body } }));
 
 // --- What a person is told -------------------------------------------------
 
@@ -100,10 +108,16 @@ function report(section, kind, said, code, answer, extra) {
 
 // A failure may mean that the device is no longer in the state the page
 // shows: one that found no device says so in the status, any other has the
-// status asked again (a sign-in refused with 3010 finds an account signed in
-// elsewhere, a profile refused finds it signed out).
+// status asked again (a profile refused finds it signed out). A sign-in or
+// registration refused with 3010 finds an account signed in elsewhere: the
+// section that would tell it goes with that, so the status tells it.
 function failed(section, answer, context) {
   const code = answer.error ? answer.error.code : 0;
+  if (code === 3010) {
+    report($('#status'), 'error', Messages.of(code, context), code, answer);
+    refreshStatus(true);
+    return;
+  }
   report(section, 'error', Messages.of(code, context), code, answer);
   if (code === 0) statusUnknown();
   else refreshStatus();
@@ -144,8 +158,10 @@ const bytes = (text) => new TextEncoder().encode(text).length;
 function fieldFault(input) {
   const name = labelOf(input);
   const value = input.type === 'password' ? input.value : input.value.trim();
-  if (input.validity.badInput) return Messages.field.date(name);
+  const number = () => Messages.field.number(name, input.min, input.max);
+  if (input.validity.badInput) return input.type === 'number' ? number() : Messages.field.date(name);
   if (!value) return input.required ? Messages.field.missing(name) : null;
+  if (input.type === 'number' && !input.validity.valid) return number();
   if (input.type === 'email' && !EMAIL.test(value)) return Messages.field.email(name);
   if (input.dataset.bytes) {
     const [min, max] = input.dataset.bytes.split(' ').map(Number);
@@ -211,6 +227,8 @@ function statusUnknown(code = 0) {
 async function refreshStatus(expected) {
   const section = $('#status');
   const asked = ++statusAsked;
+  // What the device answers may have used up a condition of the service.
+  if (simPanel.open) listConditions();
   const answer = await call(CENTER, 2, 'query');
   if (asked !== statusAsked) return;
   if (!answer.success) {
@@ -513,6 +531,119 @@ async function signOut(force) {
 
 $('#so-go').addEventListener('click', () => busy($('#signout'), () => signOut(false)));
 $('#so-force').addEventListener('click', () => busy($('#signout'), () => signOut(true)));
+
+// --- The simulated account service ------------------------------------------
+
+// Not the device's: conditions of the account service this host simulates,
+// at the host's /sim/conditions. Each makes the service fail as a real one
+// can, and the page then tells what the device answers as it always does.
+const CONDITIONS = '/sim/conditions';
+const simPanel = $('#sim-panel');
+const SIGN_IN_OPERATIONS = ['TALVPELLIXAccountLogin', 'TALVPELLIXAccountLoginByKey', 'TALVPELLIXAccountOauthLogin',
+  'AccountPkceService::Login'];
+// The account errors a sign-in may be failed with: those with a sentence of
+// their own, and 2 for every number the device makes 3000 of.
+const SIGN_IN_ERRORS = [1, 2, 4, 5, 14, 15, 16, 17, 18, 25];
+let conditionsAsked = 0;
+
+// A condition in the words of what it does; the list shows the host's own
+// JSON of it under these, to copy into a script.
+function describeCondition(c) {
+  const parts = [];
+  if (c.unreachable) {
+    parts.push('Unreachable: every account operation fails with account error 4, and account.php refuses connections.');
+  }
+  if (c.delay_ms) parts.push(`Answers ${c.delay_ms / 1000} s late.`);
+  if (c.account_error !== undefined) {
+    const code = Messages.codeOfAccountError(c.account_error);
+    const ops = c.operations ? c.operations.join(', ') : 'every account operation';
+    const which = String(c.operations) === String(SIGN_IN_OPERATIONS) ? 'A sign-in' : ops;
+    parts.push(`${which} fails with account error ${c.account_error}: "${Messages.of(code)[0]}" (code ${code}).`);
+  } else if (c.operations) {
+    parts.push(`Only for ${c.operations.join(', ')}.`);
+  }
+  if (c.pkce_throw) parts.push(`The PKCE service throws error ${c.pkce_throw.code}: ${c.pkce_throw.what}.`);
+  if (c.account_php) parts.push(`account.php: ${c.account_php}.`);
+  if (c.logout_refusal) parts.push(`The ${c.logout_refusal.grade} check refuses sign-outs: ${c.logout_refusal.reason}`);
+  parts.push(c.left === undefined ? 'Until cleared.' : c.left === 1 ? 'Once more.' : `${c.left} more times.`);
+  return parts.join(' ');
+}
+
+async function listConditions() {
+  const asked = ++conditionsAsked;
+  const answer = await atHost(CONDITIONS, 'GET');
+  if (asked !== conditionsAsked) return;
+  if (!answer.success) return report($('#sim'), 'error', Messages.of(answer.error.code), answer.error.code, answer);
+  const conditions = (answer.data && answer.data.conditions) || [];
+  $('#sim-list').replaceChildren(...conditions.map((c) => {
+    const item = document.createElement('li');
+    const said = document.createElement('span');
+    said.textContent = describeCondition(c);
+    const { id, left, ...sent } = c;
+    const json = document.createElement('code');
+    json.textContent = JSON.stringify(sent);
+    const clear = document.createElement('button');
+    clear.type = 'button';
+    clear.className = 'quiet';
+    clear.textContent = 'Clear';
+    clear.dataset.id = id;
+    item.append(said, json, clear);
+    return item;
+  }));
+  $('#sim-none').hidden = conditions.length > 0;
+  $('#sim-clear').hidden = conditions.length === 0;
+}
+
+// A change of the conditions; then the status is asked again (an
+// unreachable service shows there at once) and the list with it. The panel
+// is busy for the change alone: a slow service must not hold up the next.
+async function changeConditions(method, path, body, done) {
+  await busy($('#sim'), async () => {
+    const answer = await atHost(CONDITIONS + path, method, body);
+    if (answer.success) report($('#sim'), 'ok', done);
+    else report($('#sim'), 'error', Messages.of(answer.error.code), answer.error.code, answer);
+  });
+  refreshStatus();
+}
+
+$('#sim-error').replaceChildren(...SIGN_IN_ERRORS.map((number) => {
+  const code = Messages.codeOfAccountError(number);
+  const option = document.createElement('option');
+  option.value = number;
+  option.textContent = `${number}${number === 2 ? ' (or any other)' : ''} → code ${code}: ${Messages.of(code)[0]}`;
+  return option;
+}));
+simPanel.addEventListener('toggle', () => { if (simPanel.open) listConditions(); });
+$('#sim-list').addEventListener('click', (event) => {
+  const id = event.target.dataset.id;
+  if (id) changeConditions('DELETE', `/${id}`, undefined, `Condition ${id} cleared.`);
+});
+$('#sim-clear').addEventListener('click', () => changeConditions('DELETE', '', undefined,
+  'Every condition cleared: the service answers normally.'));
+$('#sim-unreachable').addEventListener('click', () => changeConditions('POST', '', { unreachable: true },
+  'The account service is unreachable until cleared.'));
+$('#f-sim-slow').addEventListener('submit', (event) => {
+  event.preventDefault();
+  const form = event.target;
+  if (refuseFaults(form)) return;
+  const seconds = Number(field(form, 'seconds').value);
+  changeConditions('POST', '', { delay_ms: Math.round(seconds * 1000) },
+    `The account service answers ${seconds} s late until cleared.`);
+});
+$('#f-sim-signin').addEventListener('submit', (event) => {
+  event.preventDefault();
+  const number = Number(field(event.target, 'account_error').value);
+  changeConditions('POST', '', { account_error: number, operations: SIGN_IN_OPERATIONS, times: 1 },
+    `The next sign-in, whichever way, fails with account error ${number}.`);
+});
+$('#f-sim-refusal').addEventListener('submit', (event) => {
+  event.preventDefault();
+  const form = event.target;
+  if (refuseFaults(form)) return;
+  const refusal = { grade: field(form, 'grade').value, reason: field(form, 'reason').value.trim() };
+  changeConditions('POST', '', { logout_refusal: refusal },
+    `The ${refusal.grade} check refuses every sign-out until cleared.`);
+});
 
 // --- Start -----------------------------------------------------------------
 

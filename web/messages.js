@@ -60,9 +60,11 @@ const Messages = (() => {
   };
   const unknown = ['The request failed.', "Open Details to see the device's answer, then try again."];
 
-  // The account service's own pages answer its account error numbers; they
-  // are told in the words of the codes the device makes of them.
-  const accountError = { 1: 3001, 5: 3003, 14: 3004, 16: 3005, 17: 3006 };
+  // The account-client library's error numbers, as the device makes codes of
+  // them (any other is 3000). The account service's own pages answer them
+  // too, and the panel of its conditions offers them: both are told in the
+  // words of those codes.
+  const accountError = { 1: 3001, 4: 3002, 5: 3003, 14: 3004, 15: 3002, 16: 3005, 17: 3006, 18: 3008, 25: 3013 };
 
   // A field the page can check itself, named by its label.
   const field = {
@@ -71,6 +73,7 @@ const Messages = (() => {
     bytes: (name, min, max, size) => [`${name}: it must be ${min} to ${max} bytes long, and it is ${size}.`,
       size < min ? 'Make it longer.' : 'Make it shorter (a letter outside A to Z takes 2 bytes or more).'],
     date: (name) => [`${name}: the date is not complete.`, 'Finish it, or clear it to leave this end open.'],
+    number: (name, min, max) => [`${name}: it must be a number from ${min} to ${max}.`, 'Correct it and try again.'],
     order: (first, last) => [`${first} is after ${last}.`, 'Swap the two dates.'],
     needs: (name, other) => [`${name}: needed together with "${other}".`, `Fill in "${name}", or clear "${other}".`],
   };
@@ -86,7 +89,8 @@ const Messages = (() => {
       return accountError[number] || 3000;
     },
     field,
-    // For the page's tests: every pair the table holds.
+    // For the page's tests: every code the table holds, and every pair.
+    codes: () => Object.keys(byCode).map(Number),
     all() {
       const pairs = [unknown];
       for (const entry of Object.values(byCode)) pairs.push(...(Array.isArray(entry) ? [entry] : Object.values(entry)));

@@ -95,10 +95,6 @@ class DevHost:
     def entry(self, api, version, method, **params):
         return self.post("/webapi/entry", dict(params, api=api, version=version, method=method))
 
-    def reasons(self, text):
-        with open(os.path.join(self.state, "device", "logout-reasons.conf"), "w") as f:
-            f.write(text)
-
     def stop(self):
         if self.process.poll() is None:
             self.process.terminate()
@@ -227,21 +223,13 @@ class AdminPageTest(unittest.TestCase):
         self.find("#signin .outcome summary").click()
         self.assertIn('"code": 3004', self.find("#signin .outcome pre").text)
 
-        # Signed in elsewhere meanwhile: the refusal (3010) has the page ask
-        # again, and it shows who is signed in; signed out elsewhere, Refresh
-        # tells that too.
-        self.assertTrue(self.host.entry(CENTER, 2, "register", account="bob@example.com", password=PASSWORD,
-                                        fullname="Bob", critical_release=False)["success"])
-        self.sign_in_by_password(PASSWORD)
-        self.wait_text("#status .outcome", "signed in as bob@example.com meanwhile")
-        self.assertEqual(self.find("#st-account").text, "Signed in as bob@example.com")
-        self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
-        self.find("#refresh").click()
-        self.wait_text("#status .outcome", "signed out meanwhile")
-
         self.sign_in_by_password(PASSWORD)
         self.wait_text("#st-account", "Signed in as " + EMAIL)
         self.assertFalse(self.find("#pw-password").get_attribute("value"), "the password stays in the form")
+        # Signed out elsewhere meanwhile: Refresh tells it.
+        self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
+        self.find("#refresh").click()
+        self.wait_text("#status .outcome", "signed out meanwhile")
 
     def test_created_by_version_1_then_signed_in_by_pkce_key_and_token(self):
         self.find("#f-register input[name=version][value='1']").click()
@@ -347,30 +335,86 @@ class AdminPageTest(unittest.TestCase):
         self.wait_text("#purchases .outcome", "No purchases in these dates.")
         self.assertFalse(self.find("#pu-table").is_displayed())
 
-    def test_refused_sign_outs_hard_stands_soft_is_overridden(self):
-        self.register_signed_in()
-        self.host.reasons("soft = A backup to the cloud is running\nhard = The device is being repaired\n")
-        self.wait_visible("#so-go").click()
-        self.wait_text("#signout .outcome", "code 3014")
-        self.wait_text("#signout .outcome .what", "hard check")
+    def test_every_code_of_the_page_reached_through_the_simulated_service(self):
+        """Each code of the page's table as a person meets it, set up from
+        the service's panel, and told in the table's sentence."""
+        reached = set()
+
+        def told(section, code, context=None):
+            self.wait_text(section + " .outcome .code", "code %d" % code)
+            shown = [self.find(section + " .outcome " + part).text for part in (".what", ".todo")]
+            self.assertEqual(shown, self.driver.execute_script("return Messages.of(...arguments)", code, context))
+            reached.add(code)
+
+        def condition(form, said, **fields):
+            for name, value in fields.items():
+                self.driver.execute_script("arguments[0].value = arguments[1]", self.find(form + " [name=%s]" % name),
+                                           str(value))
+            self.find(form + " button").click()
+            self.wait_text("#sim-list", said)
+
+        # Bob exists to sign in at the account service (PKCE) and, later,
+        # elsewhere while the page signs in (3010).
+        self.assertTrue(self.host.entry(CENTER, 2, "register", account="bob@example.com", password=PASSWORD,
+                                        fullname="Bob", critical_release=False)["success"])
+        self.assertTrue(self.host.entry(CENTER, 2, "logout", force=True)["success"])
+        self.find("#sim-panel summary").click()
+        self.type_into("#pw-email", EMAIL)
+        self.find("input[name=signin-way][value=pkce]").click()
+        self.type_into("#pk-email", "bob@example.com")
+        # The next sign-in, whichever way, fails with the account error chosen.
+        typed = {"password": "#pw-password", "key": "#key-key", "token": "#tok-token", "pkce": "#pk-password"}
+        for error, code, way in ((2, 3000, "password"), (1, 3001, "key"), (4, 3002, "token"), (5, 3003, "password"),
+                                 (14, 3004, "key"), (16, 3005, "password"), (17, 3006, "token"), (18, 3008, "pkce"),
+                                 (25, 3013, "password")):
+            self.assertIn("→ code %d:" % code, self.find("#sim-error option[value='%d']" % error).text)
+            condition("#f-sim-signin", "fails with account error %d" % error, account_error=error)
+            self.find("input[name=signin-way][value=%s]" % way).click()
+            self.type_into(typed[way], PASSWORD, enter=True)
+            self.wait_visible("#sim-none")  # used up
+            told("#signin", code, None if way == "pkce" else way)
+
+        # Unreachable, and slow: both in the list, one Clear all ends them.
+        self.find("#sim-unreachable").click()
+        told("#status", 3002)
+        self.assertEqual(self.find("#st-account").text, "Not known: the device could not tell")
+        condition("#f-sim-slow", "Answers 0.5 s late.", seconds=0.5)
+        self.find("#sim-clear").click()
+        self.wait_text("#st-account", "Not signed in")
+        self.wait_visible("#sim-none")
+
+        # Signed in elsewhere meanwhile: the status tells the refusal, and who.
+        self.assertTrue(self.host.entry(CENTER, 2, "login", account="bob@example.com", password=PASSWORD)["success"])
+        self.find("input[name=signin-way][value=password]").click()
+        self.sign_in_by_password(PASSWORD)
+        told("#status", 3010)
+        self.wait_text("#st-account", "Signed in as bob@example.com")
+
+        # A hard refusal stands; cleared, a soft one is overridden. A reason
+        # may be one long word: it wraps in its card (check_page).
+        condition("#f-sim-refusal", "The device is being repaired", grade="hard", reason="The device is being repaired")
+        self.find("#so-go").click()
+        told("#signout", 3014, "hard")
         reasons = [r.text for r in self.driver.find_elements(By.CSS_SELECTOR, "#so-refusal .reasons li")]
         self.assertEqual(reasons, ["The device is being repaired"])
         self.assertFalse(self.find("#so-force").is_displayed(), "a hard refusal cannot be overridden")
-
-        # A reason may be one long word; it wraps in its card (check_page).
+        self.find("#sim-list button").click()
+        self.wait_visible("#sim-none")
         path = "/share/Backups/" + "Holiday_2025_" * 12 + ".jpg"
-        self.host.reasons("soft = A backup to the cloud is running\nsoft = Copying " + path + "\n")
+        condition("#f-sim-refusal", "Holiday", grade="soft", reason="Copying " + path)
         self.find("#so-go").click()
-        self.wait_text("#signout .outcome .what", "soft check")
+        told("#signout", 3014, "soft")
         reasons = [r.text for r in self.driver.find_elements(By.CSS_SELECTOR, "#so-refusal .reasons li")]
-        self.assertEqual(reasons, ["A backup to the cloud is running", "Copying " + path])
+        self.assertEqual(reasons, ["Copying " + path])
         # The refusal and its action come before the answer itself.
         self.assertTrue(self.driver.execute_script(
             "return !!(arguments[0].compareDocumentPosition(arguments[1]) & Node.DOCUMENT_POSITION_FOLLOWING)",
             self.find("#so-force"), self.find("#signout .outcome details")), "Details stands before the refusal")
-        self.wait_visible("#so-force").click()
+        self.find("#so-force").click()
         self.wait_text("#st-account", "Not signed in")
-        self.assertFalse(self.host.entry(CENTER, 2, "query")["data"]["is_logged_in"])
+
+        table = {c for c in self.driver.execute_script("return Messages.codes()") if c >= 3000}
+        self.assertEqual(table - reached, set(), "codes of the page's table that no step reaches")
 
     def test_a_page_of_another_site_changes_nothing(self):
         self.register_signed_in()
