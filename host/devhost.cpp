@@ -12,21 +12,17 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
-#include <condition_variable>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <iterator>
-#include <list>
 #include <regex>
 #include <set>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "one_line.h"
 #include "sim_pages.h"
+#include "threads.h"
 
 namespace webapihost {
 
@@ -42,79 +38,6 @@ const char VerifierApi::kApi[] = "TALV.Remote.Credential.Verifier";
 namespace {
 
 constexpr auto kVerifierLifetime = std::chrono::minutes(10);
-
-// The server's threads. The server gives a connection one thread from its
-// first byte to its close, idle keep-alive time included (and a connection
-// that drips a byte every few seconds keeps it for good), so a fixed pool is
-// taken up by a few dozen idle or slow connections, as browser tabs keep, and
-// a new request waits for one of them to time out. Here a connection that
-// finds no thread free starts one, up to kMaxThreads; a thread idle for kLinger
-// goes, down to kWarmThreads. shutdown() lets the queued work finish and joins
-// every thread.
-class Threads : public httplib::TaskQueue {
- public:
-  static constexpr size_t kMaxThreads = 256;
-  static constexpr size_t kWarmThreads = 8;
-  static constexpr auto kLinger = std::chrono::seconds(10);
-
-  void enqueue(std::function<void()> job) override {
-    std::vector<std::thread> ended;
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      jobs_.push_back(std::move(job));
-      ended.swap(ended_);
-      if (idle_ < jobs_.size() && running_.size() < kMaxThreads) {
-        // The thread waits for the lock before it looks at its own entry.
-        running_.emplace_back();
-        running_.back() = std::thread(&Threads::Work, this, std::prev(running_.end()));
-      }
-    }
-    work_.notify_one();
-    for (std::thread& t : ended) t.join();
-  }
-
-  void shutdown() override {
-    std::unique_lock<std::mutex> lock(mu_);
-    stopping_ = true;
-    work_.notify_all();
-    gone_.wait(lock, [this] { return running_.empty(); });
-    std::vector<std::thread> ended;
-    ended.swap(ended_);
-    lock.unlock();
-    for (std::thread& t : ended) t.join();
-  }
-
- private:
-  void Work(std::list<std::thread>::iterator self) {
-    std::unique_lock<std::mutex> lock(mu_);
-    for (;;) {
-      ++idle_;
-      const bool woken = work_.wait_for(lock, kLinger, [this] { return !jobs_.empty() || stopping_; });
-      --idle_;
-      if (jobs_.empty()) {
-        if (stopping_ || (!woken && running_.size() > kWarmThreads)) break;
-        continue;
-      }
-      std::function<void()> job = std::move(jobs_.front());
-      jobs_.pop_front();
-      lock.unlock();
-      job();
-      lock.lock();
-    }
-    // Joined by the next enqueue() or by shutdown(); a thread cannot join itself.
-    ended_.push_back(std::move(*self));
-    running_.erase(self);
-    gone_.notify_all();
-  }
-
-  std::mutex mu_;
-  std::condition_variable work_, gone_;
-  std::deque<std::function<void()>> jobs_;
-  std::list<std::thread> running_;
-  std::vector<std::thread> ended_;
-  size_t idle_ = 0;
-  bool stopping_ = false;
-};
 
 // The library's own listener options set SO_REUSEPORT and not SO_REUSEADDR:
 // a second host binds a port in use and the two take turns answering, while a

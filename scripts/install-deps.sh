@@ -6,7 +6,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ pkg-config binutils
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev openssl ca-certificates curl libseccomp-dev
-  libgtest-dev libgmock-dev libbenchmark-dev libcpp-httplib-dev libsqlite3-dev
+  libgtest-dev libgmock-dev libbenchmark-dev wrk libcpp-httplib-dev libsqlite3-dev
   valgrind clang libclang-rt-14-dev
   abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format
   chromium chromium-driver python3-selenium
