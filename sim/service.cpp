@@ -100,25 +100,33 @@ bool LoadHash(Connection& db, const char* where, const std::function<void(Statem
   return true;
 }
 
-// What the library fills into the information object of a query or sign-in.
-void FillInfo(Connection& db, int64_t id, const std::string& key, Json::Value* info) {
-  Statement s(db,
-              "SELECT email, activated, full_name, country, notify_language, enews, critical_release, "
-              "enews_local_promotion, critical_version_list FROM accounts WHERE id = ?");
-  s.Bind(id);
-  if (!s.Step()) throw StoreError("binding names a missing account");
+// What the library fills into the information object of a query or sign-in,
+// for the account a device is bound to: the binding's key, the account's id
+// (NULL: the binding names a missing account), the account's fields.
+const char kBoundInfo[] =
+    "SELECT b.auth_key, a.id, a.email, a.activated, a.full_name, a.country, a.notify_language, a.enews, "
+    "a.critical_release, a.enews_local_promotion, a.critical_version_list "
+    "FROM bindings AS b LEFT JOIN accounts AS a ON a.id = b.account_id WHERE b.serial = ?";
+
+// Runs kBoundInfo for `serial` into `info`; false when the device is bound to
+// no account.
+bool BoundInfo(Statement& s, const std::string& serial, Json::Value* info) {
+  s.Bind(serial);
+  if (!s.Step()) return false;
+  if (s.IsNull(1)) throw StoreError("binding names a missing account");
   Json::Value& v = *info;
-  v["email"] = s.Text(0);
-  v["auth_key"] = key;
-  v["activated"] = s.Int(1) != 0;
+  v["email"] = s.Text(2);
+  v["auth_key"] = s.Text(0);
+  v["activated"] = s.Int(3) != 0;
   v["critical_version_domain"] = kCriticalVersionDomain;
-  v["full_name"] = s.Text(2);
-  v["country"] = s.Text(3);
-  v["notify_language"] = s.Text(4);
-  v["enews"] = s.Int(5) != 0;
-  v["critical_release"] = s.Int(6) != 0;
-  v["enews_local_promotion"] = s.Int(7) != 0;
-  v["critical_version_list"] = s.Text(8);
+  v["full_name"] = s.Text(4);
+  v["country"] = s.Text(5);
+  v["notify_language"] = s.Text(6);
+  v["enews"] = s.Int(7) != 0;
+  v["critical_release"] = s.Int(8) != 0;
+  v["enews_local_promotion"] = s.Int(9) != 0;
+  v["critical_version_list"] = s.Text(10);
+  return true;
 }
 
 // Binds the device to the account with a fresh key, which stays good for a
@@ -139,7 +147,10 @@ uint32_t Bind(Connection& db, const std::string& serial, int64_t id, int64_t now
       .Bind(key)
       .Bind(now)
       .Run();
-  if (info) FillInfo(db, id, key, info);
+  if (info) {
+    Statement bound(db, kBoundInfo);
+    if (!BoundInfo(bound, serial, info)) throw StoreError("the binding just made is not there");
+  }
   return kOk;
 }
 
@@ -270,13 +281,8 @@ uint32_t Service::RegisterAndSignIn(const std::string& serial, const NewAccount&
 }
 
 uint32_t Service::Query(const std::string& serial, Json::Value* info) {
-  return store_->Read(kSystem, [&](Connection& db) -> uint32_t {
-    std::string key;
-    int64_t id = BoundAccount(db, serial, &key);
-    if (!id) return kNotSignedIn;
-    FillInfo(db, id, key, info);
-    return kOk;
-  });
+  return store_->ReadOne(kSystem, kBoundInfo,
+                         [&](Statement& s) { return BoundInfo(s, serial, info) ? kOk : kNotSignedIn; });
 }
 
 uint32_t Service::SignIn(const std::string& serial, const std::string& email, const std::string& password,
