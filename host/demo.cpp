@@ -1,12 +1,12 @@
 // webapi-host demo: a whole account life cycle, request by request, against a
 // host of its own on a temporary state folder.
-#include <json/writer.h>
 
 #include <signal.h>
 
 #include <fstream>
 
 #include "client.h"
+#include "harness.h"
 #include "serve.h"
 
 namespace webapihost {
@@ -14,12 +14,6 @@ namespace {
 
 const char kCenter[] = "TALV.Core.PellixCenter";
 const char kAccount[] = "TALV.Core.PellixCenter.Account";
-
-std::string Compact(const Json::Value& value) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, value);
-}
 
 class Tour {
  public:
