@@ -32,15 +32,20 @@ stop_started() {
 }
 trap 'stop_started; rm -rf "$work"' EXIT
 
+fail() {
+  echo "bench.sh: $*" >&2
+  exit 1
+}
+
 # The URL a server prints once it listens, or nothing after 20 s.
 url_of() {
   for _ in $(seq 200); do
-    url=$(grep -o 'http://127\.0\.0\.1:[0-9]*/webapi/entry' "$1" | head -n 1 || true)
+    url=$(grep -so 'http://127\.0\.0\.1:[0-9]*/webapi/entry' "$1" | head -n 1 || true)
     [[ -n "$url" ]] && echo "$url" && return 0
     sleep 0.1
   done
-  echo "no server started; its output:" >&2
-  cat "$1" >&2
+  echo "bench.sh: no server started; what it wrote:" >&2
+  cat "$1" "${1%.out}.log" >&2 2>/dev/null
   return 1
 }
 
@@ -49,10 +54,7 @@ url_of() {
 wrk_rate() {
   local report
   report=$(wrk -t2 -c8 -d8s "$1")
-  if grep -q 'Non-2xx' <<<"$report"; then
-    echo "$report" >&2
-    return 1
-  fi
+  grep -q 'Non-2xx' <<<"$report" && fail "$1 answered with errors under wrk: $report"
   grep '^Requests/sec:' <<<"$report" | awk '{print $2}'
 }
 
@@ -67,9 +69,10 @@ wrk_figures() {
   local host
   host=$(url_of "$work/serve.out")
   curl -sf "$host" -d api=TALV.Core.PellixCenter -d version=2 -d method=register -d account=ada@example.com \
-    -d password=secret1 -d fullname='Ada Lovelace' -d critical_release=true | grep -q '"success":true'
-  curl -sf "$host?$query" >"$work/answer.json"
-  grep -q '"is_logged_in":true' "$work/answer.json"
+    -d password=secret1 -d fullname='Ada Lovelace' -d critical_release=true | grep -q '"success":true' ||
+    fail "the host did not sign the account in"
+  curl -sf "$host?$query" >"$work/answer.json" || fail "the host did not answer a query"
+  grep -q '"is_logged_in":true' "$work/answer.json" || fail "the query's answer is not signed in: $(cat "$work/answer.json")"
   build/default/bare_server "$work/answer.json" 0 >"$work/bare.out" &
   started+=($!)
   local bare
@@ -82,10 +85,9 @@ wrk_figures() {
   done
   # wrk reads no body: the host's log says whether every query was answered
   # as the signed-in account, and the last answer is still the first.
-  if ! awk '/ query: / && !/: 200 success/ { print; bad = 1 } END { exit bad }' "$work/serve.log" >&2; then
-    return 1
-  fi
-  curl -sf "$host?$query" | cmp -s - "$work/answer.json"
+  awk '/ query: / && !/: 200 success/ { print; bad = 1 } END { exit bad }' "$work/serve.log" >&2 ||
+    fail "the host answered some queries otherwise (above)"
+  curl -sf "$host?$query" | cmp -s - "$work/answer.json" || fail "the host's answer changed under wrk"
   stop_started
   python3 - "$load_before" "$(cut -d' ' -f1 /proc/loadavg)" "$(wc -c <"$work/answer.json")" \
     "${bare_rates[*]}" "${host_rates[*]}" <<'PY'
