@@ -109,20 +109,23 @@ std::string Foreign(sqlite3* db) {
 }  // namespace
 
 Connection::~Connection() {
-  for (auto& kept : kept_) sqlite3_finalize(kept.second.stmt);
+  for (auto& kept : kept_) sqlite3_finalize(kept.second->stmt);
   sqlite3_close_v2(db_);
 }
 
 Statement::Statement(Connection& connection, const char* sql) : db_(connection.db_) {
   auto kept = connection.kept_.find(sql);
-  if (kept != connection.kept_.end() && !kept->second.inUse) {
-    kept_ = &kept->second;
+  if (kept != connection.kept_.end() && !kept->second->inUse) {
+    kept_ = kept->second.get();
   } else {
     if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt_, nullptr) != SQLITE_OK)
       throw StoreError(Failure(db_, sql));
-    // A statement that uses itself again (none does today) gets one of its own.
+    // The kept one is in use further up the stack (a body that runs the
+    // same SQL while it steps through its rows): this one is for this use.
     if (kept != connection.kept_.end()) return;
-    kept_ = &connection.kept_.emplace(sqlite3_sql(stmt_), Connection::Kept{stmt_, false}).first->second;
+    auto made = std::make_unique<Connection::Kept>(Connection::Kept{sql, stmt_, false});
+    kept_ = made.get();
+    connection.kept_.emplace(kept_->sql, std::move(made));
   }
   kept_->inUse = true;
   stmt_ = kept_->stmt;

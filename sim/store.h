@@ -45,12 +45,12 @@ class Connection {
  private:
   friend class Statement;
   struct Kept {
+    std::string sql;  // the key's text
     sqlite3_stmt* stmt;
     bool inUse;
   };
   sqlite3* db_;
-  // By SQL text: the key is the statement's own copy of it.
-  std::unordered_map<std::string_view, Kept> kept_;
+  std::unordered_map<std::string_view, std::unique_ptr<Kept>> kept_;  // by SQL text
 };
 
 // One statement; parameters are bound in order with Bind(). On a Connection
