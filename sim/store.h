@@ -3,12 +3,12 @@
 // Changes run inside Store::Transaction on the one writing connection, under
 // the store's write lock for the whole transaction: SQLite would serialise
 // the writers anyway, and holding one lock keeps each service rule (look up,
-// check, change) atomic. Reads that change nothing run inside Store::Read on
-// a read-only connection of their own, beside each other and beside the
-// writer: each sees the database as the last commit before its first read
-// left it, never a transaction under way. A transaction is committed only
-// when its body returns 0; a process killed in the middle leaves the database
-// as it was before the transaction.
+// check, change) atomic. Reads that change nothing run inside Store::Read (or
+// ReadOne, a single statement) on a read-only connection of their own,
+// beside each other and beside the writer: each sees the database as the
+// last commit before its first read left it, never a transaction under way.
+// A transaction is committed only when its body returns 0; a process killed
+// in the middle leaves the database as it was before the transaction.
 //
 // Every connection keeps the statements prepared on it for as long as it
 // lives: parsing the SQL again cost a request more than running it.
