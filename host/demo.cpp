@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "client.h"
+#include "harness.h"
 #include "serve.h"
 
 namespace webapihost {
@@ -15,12 +16,6 @@ namespace {
 
 const char kCenter[] = "TALV.Core.PellixCenter";
 const char kAccount[] = "TALV.Core.PellixCenter.Account";
-
-std::string Compact(const Json::Value& value) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, value);
-}
 
 class Tour {
  public:

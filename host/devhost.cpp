@@ -2,7 +2,6 @@
 
 #include <httplib.h>
 #include <json/reader.h>
-#include <json/writer.h>
 #include <openssl/rand.h>
 
 #include <sys/socket.h>
@@ -12,22 +11,19 @@
 #include <cctype>
 #include <cerrno>
 #include <climits>
-#include <condition_variable>
+#include <cmath>
 #include <cstdlib>
 #include <cstring>
 #include <fstream>
-#include <functional>
 #include <iterator>
-#include <list>
 #include <regex>
 #include <set>
 #include <sstream>
-#include <thread>
-#include <vector>
 
 #include "conditions.h"
 #include "one_line.h"
 #include "sim_pages.h"
+#include "threads.h"
 
 namespace webapihost {
 
@@ -43,79 +39,6 @@ const char VerifierApi::kApi[] = "TALV.Remote.Credential.Verifier";
 namespace {
 
 constexpr auto kVerifierLifetime = std::chrono::minutes(10);
-
-// The server's threads. The server gives a connection one thread from its
-// first byte to its close, idle keep-alive time included (and a connection
-// that drips a byte every few seconds keeps it for good), so a fixed pool is
-// taken up by a few dozen idle or slow connections, as browser tabs keep, and
-// a new request waits for one of them to time out. Here a connection that
-// finds no thread free starts one, up to kMaxThreads; a thread idle for kLinger
-// goes, down to kWarmThreads. shutdown() lets the queued work finish and joins
-// every thread.
-class Threads : public httplib::TaskQueue {
- public:
-  static constexpr size_t kMaxThreads = 256;
-  static constexpr size_t kWarmThreads = 8;
-  static constexpr auto kLinger = std::chrono::seconds(10);
-
-  void enqueue(std::function<void()> job) override {
-    std::vector<std::thread> ended;
-    {
-      std::lock_guard<std::mutex> lock(mu_);
-      jobs_.push_back(std::move(job));
-      ended.swap(ended_);
-      if (idle_ < jobs_.size() && running_.size() < kMaxThreads) {
-        // The thread waits for the lock before it looks at its own entry.
-        running_.emplace_back();
-        running_.back() = std::thread(&Threads::Work, this, std::prev(running_.end()));
-      }
-    }
-    work_.notify_one();
-    for (std::thread& t : ended) t.join();
-  }
-
-  void shutdown() override {
-    std::unique_lock<std::mutex> lock(mu_);
-    stopping_ = true;
-    work_.notify_all();
-    gone_.wait(lock, [this] { return running_.empty(); });
-    std::vector<std::thread> ended;
-    ended.swap(ended_);
-    lock.unlock();
-    for (std::thread& t : ended) t.join();
-  }
-
- private:
-  void Work(std::list<std::thread>::iterator self) {
-    std::unique_lock<std::mutex> lock(mu_);
-    for (;;) {
-      ++idle_;
-      const bool woken = work_.wait_for(lock, kLinger, [this] { return !jobs_.empty() || stopping_; });
-      --idle_;
-      if (jobs_.empty()) {
-        if (stopping_ || (!woken && running_.size() > kWarmThreads)) break;
-        continue;
-      }
-      std::function<void()> job = std::move(jobs_.front());
-      jobs_.pop_front();
-      lock.unlock();
-      job();
-      lock.lock();
-    }
-    // Joined by the next enqueue() or by shutdown(); a thread cannot join itself.
-    ended_.push_back(std::move(*self));
-    running_.erase(self);
-    gone_.notify_all();
-  }
-
-  std::mutex mu_;
-  std::condition_variable work_, gone_;
-  std::deque<std::function<void()>> jobs_;
-  std::list<std::thread> running_;
-  std::vector<std::thread> ended_;
-  size_t idle_ = 0;
-  bool stopping_ = false;
-};
 
 // The library's own listener options set SO_REUSEPORT and not SO_REUSEADDR:
 // a second host binds a port in use and the two take turns answering, while a
@@ -211,12 +134,6 @@ Answer Success(const Json::Value& data) {
 }
 
 }  // namespace
-
-std::string Compact(const Json::Value& value) {
-  Json::StreamWriterBuilder b;
-  b["indentation"] = "";
-  return Json::writeString(b, value);
-}
 
 // A text a client sent, for a sentence: on one line, and cut if long.
 std::string Cut(const std::string& text) {
@@ -403,7 +320,7 @@ bool Decode(const httplib::Request& req, const RequestBody& body, Call* call, st
   call->api = fields["api"].asString();
   call->method = fields["method"].asString();
   for (const char* name : {"api", "version", "method"}) fields.removeMember(name);
-  call->params = fields;
+  call->params = std::move(fields);
   return true;
 }
 
@@ -465,6 +382,14 @@ std::string Unread(const httplib::Request& req) {
   if (req.has_header("Content-Length"))
     return "the body ends before its Content-Length of " + Cut(req.get_header_value("Content-Length")) + " bytes";
   return "the body cannot be read";
+}
+
+// The time since `start` for a log line, as "12.3 ms": printf's formatting
+// of a double took a microsecond of every request.
+std::string Since(std::chrono::steady_clock::time_point start) {
+  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  const long long tenths = std::llround(ms * 10);
+  return std::to_string(tenths / 10) + "." + static_cast<char>('0' + tenths % 10) + " ms";
 }
 
 const char* const kHttpMethods[] = {"GET", "HEAD", "POST", "PUT", "DELETE", "CONNECT", "OPTIONS", "TRACE", "PATCH"};
@@ -614,10 +539,14 @@ int DevHost::Exec(Json::Value& result, const std::string& api, int version, cons
   return a.found ? 0 : -1;
 }
 
+// A line a request, out before the request is answered. One fwrite a line:
+// the stream's own lock keeps it whole beside the lines of other threads
+// and of the system-log capture.
 void DevHost::Log(const std::string& line) {
   if (!log_) return;
-  std::lock_guard<std::mutex> lock(logMu_);
-  (void)std::fprintf(log_, "%s\n", OneLine(line).c_str());
+  std::string text = OneLine(line);
+  text += '\n';
+  (void)std::fwrite(text.data(), 1, text.size(), log_);
   (void)std::fflush(log_);
 }
 
@@ -704,15 +633,12 @@ void DevHost::Entry(const httplib::Request& req, const RequestBody& body, httpli
   Answer answer = decoded ? Dispatch(call) : HostError(kErrBadRequest, problem);
   const int status = HttpStatus(answer);
   Reply(res, status, Envelope(answer));
-  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
   const std::string outcome = answer.success ? "success" : "code " + std::to_string(answer.code);
   // A call by what it calls; one that cannot be decoded by its path.
-  char timing[64];
-  (void)std::snprintf(timing, sizeof(timing), "%d %s, %.1f ms", status, outcome.c_str(), ms);
   std::string text =
       req.method + " " +
       (decoded ? Cut(call.api) + " " + std::to_string(call.version) + " " + Cut(call.method) : req.path) + ": " +
-      timing;
+      std::to_string(status) + " " + outcome + ", " + Since(start);
   if (!answer.found) text += " (" + answer.data["reason"].asString() + ")";
   if (answer.threw) text += " (the handler threw: " + answer.exception + ")";
   if (answer.found && answer.answers != 1) text += " (" + std::to_string(answer.answers) + " answers)";
@@ -792,10 +718,8 @@ void DevHost::Browser(const httplib::Request& req, const RequestBody& body, http
   } else {
     Reply(res, status, Compact(answer));
   }
-  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  char line[64];
-  (void)std::snprintf(line, sizeof(line), "%d, %.1f ms", status, ms);
-  Log(req.method + " " + req.path + ": " + line + (wrong.empty() ? "" : " (" + wrong + ")"));
+  Log(req.method + " " + req.path + ": " + std::to_string(status) + ", " + Since(start) +
+      (wrong.empty() ? "" : " (" + wrong + ")"));
 }
 
 // The account service's pages that its links lead to (sim_pages.h).

@@ -24,10 +24,13 @@
 //   "already signed in" check of each sees the outcome of the one before;
 // - the account error number of the account-client stand-in is per thread,
 //   read by the handler on the thread that set it: nothing to serialise;
-// - the SQLite connection of the account service: its Store serialises each
-//   transaction (service rules are atomic, passwords hashed outside the lock);
-// - the verifier store and the log have locks of their own; the seam's
-//   journal and the system-log capture are safe for concurrent use.
+// - the account service's database: its Store runs the service's changes one
+//   transaction at a time (each rule atomic, passwords hashed outside the
+//   lock) and its reads beside them and each other, each on the last
+//   committed state;
+// - the verifier store has a lock of its own; each log line is one write to
+//   its stream, which the stream's own lock keeps whole; the seam's journal
+//   and the system-log capture are safe for concurrent use.
 #pragma once
 
 #include <json/value.h>
@@ -166,7 +169,6 @@ class DevHost : public talvwebapi::Runner {
   pellixsim::Service* service_;
   FILE* log_;
   const std::string language_;
-  std::mutex logMu_;
   std::mutex binding_;  // taken before identity_
   std::shared_mutex identity_;
   VerifierApi verifier_;
@@ -184,8 +186,6 @@ class DevHost : public talvwebapi::Runner {
 // error codes are the web API's), the host's own codes by their meaning.
 int HttpStatus(const Answer& answer);
 
-// JSON on one line.
-std::string Compact(const Json::Value& value);
 // Strict JSON: one value, nothing after it, no comments, no repeated keys.
 // False with *errors on one line ("line 1, column 8: missing ...").
 bool ParseJson(const std::string& text, Json::Value* value, std::string* errors);

@@ -51,6 +51,8 @@ class Module {
   TALV::APITableEntry* table_;
 };
 
+// JSON on one line, as the host writes its answers.
+std::string Compact(const Json::Value& value);
 // {"success":true,"data":...} or {"success":false,"error":{"code":N,"details":...}}
 std::string Envelope(const Answer& answer);
 

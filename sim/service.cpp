@@ -75,7 +75,7 @@ bool ValidDay(const char* day) {
 }
 
 // The account bound to `serial` and the binding's key; 0 when none.
-int64_t BoundAccount(sqlite3* db, const std::string& serial, std::string* key = nullptr) {
+int64_t BoundAccount(Connection& db, const std::string& serial, std::string* key = nullptr) {
   Statement s(db, "SELECT account_id, auth_key FROM bindings WHERE serial = ?");
   s.Bind(serial);
   if (!s.Step()) return 0;
@@ -83,14 +83,14 @@ int64_t BoundAccount(sqlite3* db, const std::string& serial, std::string* key = 
   return s.Int(0);
 }
 
-int64_t AccountByEmail(sqlite3* db, const std::string& email) {
+int64_t AccountByEmail(Connection& db, const std::string& email) {
   Statement s(db, "SELECT id FROM accounts WHERE email_key = ?");
   s.Bind(Lower(email));
   return s.Step() ? s.Int(0) : 0;
 }
 
 // The stored hash of an account, found by address or by id.
-bool LoadHash(sqlite3* db, const char* where, const std::function<void(Statement&)>& bind, int64_t* id,
+bool LoadHash(Connection& db, const char* where, const std::function<void(Statement&)>& bind, int64_t* id,
               PasswordHash* pw) {
   Statement s(db, (std::string("SELECT id, salt, hash, iterations FROM accounts WHERE ") + where).c_str());
   bind(s);
@@ -100,30 +100,38 @@ bool LoadHash(sqlite3* db, const char* where, const std::function<void(Statement
   return true;
 }
 
-// What the library fills into the information object of a query or sign-in.
-void FillInfo(sqlite3* db, int64_t id, const std::string& key, Json::Value* info) {
-  Statement s(db,
-              "SELECT email, activated, full_name, country, notify_language, enews, critical_release, "
-              "enews_local_promotion, critical_version_list FROM accounts WHERE id = ?");
-  s.Bind(id);
-  if (!s.Step()) throw StoreError("binding names a missing account");
+// What the library fills into the information object of a query or sign-in,
+// for the account a device is bound to: the binding's key, the account's id
+// (NULL: the binding names a missing account), the account's fields.
+const char kBoundInfo[] =
+    "SELECT b.auth_key, a.id, a.email, a.activated, a.full_name, a.country, a.notify_language, a.enews, "
+    "a.critical_release, a.enews_local_promotion, a.critical_version_list "
+    "FROM bindings AS b LEFT JOIN accounts AS a ON a.id = b.account_id WHERE b.serial = ?";
+
+// Runs kBoundInfo for `serial` into `info`; false when the device is bound to
+// no account.
+bool BoundInfo(Statement& s, const std::string& serial, Json::Value* info) {
+  s.Bind(serial);
+  if (!s.Step()) return false;
+  if (s.IsNull(1)) throw StoreError("binding names a missing account");
   Json::Value& v = *info;
-  v["email"] = s.Text(0);
-  v["auth_key"] = key;
-  v["activated"] = s.Int(1) != 0;
+  v["email"] = s.Text(2);
+  v["auth_key"] = s.Text(0);
+  v["activated"] = s.Int(3) != 0;
   v["critical_version_domain"] = kCriticalVersionDomain;
-  v["full_name"] = s.Text(2);
-  v["country"] = s.Text(3);
-  v["notify_language"] = s.Text(4);
-  v["enews"] = s.Int(5) != 0;
-  v["critical_release"] = s.Int(6) != 0;
-  v["enews_local_promotion"] = s.Int(7) != 0;
-  v["critical_version_list"] = s.Text(8);
+  v["full_name"] = s.Text(4);
+  v["country"] = s.Text(5);
+  v["notify_language"] = s.Text(6);
+  v["enews"] = s.Int(7) != 0;
+  v["critical_release"] = s.Int(8) != 0;
+  v["enews_local_promotion"] = s.Int(9) != 0;
+  v["critical_version_list"] = s.Text(10);
+  return true;
 }
 
 // Binds the device to the account with a fresh key, which stays good for a
 // later sign-in by key from the same device, or with such a key (`reused`).
-uint32_t Bind(sqlite3* db, const std::string& serial, int64_t id, int64_t now, Json::Value* info,
+uint32_t Bind(Connection& db, const std::string& serial, int64_t id, int64_t now, Json::Value* info,
               const std::string& reused = "") {
   const std::string key = reused.empty() ? RandomHex(16) : reused;
   if (reused.empty())
@@ -139,7 +147,10 @@ uint32_t Bind(sqlite3* db, const std::string& serial, int64_t id, int64_t now, J
       .Bind(key)
       .Bind(now)
       .Run();
-  if (info) FillInfo(db, id, key, info);
+  if (info) {
+    Statement bound(db, kBoundInfo);
+    if (!BoundInfo(bound, serial, info)) throw StoreError("the binding just made is not there");
+  }
   return kOk;
 }
 
@@ -202,12 +213,12 @@ std::string RandomHex(size_t bytes) {
 
 Service::Service(Store* store, Options options) : store_(store), options_(std::move(options)) {}
 
-// The hash is read under the store's lock and checked outside it: PBKDF2
-// takes long enough to hold up every other request.
+// The hash is read, and checked after the read: PBKDF2 takes long enough to
+// hold up a connection.
 uint32_t Service::Authenticate(const std::string& email, const std::string& password, int64_t* id) {
   PasswordHash stored;
   bool found = false;
-  uint32_t loaded = store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  uint32_t loaded = store_->Read(kSystem, [&](Connection& db) -> uint32_t {
     found = LoadHash(
         db, "email_key = ?", [&](Statement& s) { s.Bind(Lower(email)); }, id, &stored);
     return 0;
@@ -232,7 +243,7 @@ uint32_t Service::RegisterAndSignIn(const std::string& serial, const NewAccount&
   // Hashing takes a while: not under the store's lock.
   const PasswordHash pw = HashPassword(a.password, options_.passwordIterations);
   const int64_t now = Now();
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     if (AccountByEmail(db, a.email)) return kInUse;
     Statement count(db, "SELECT COUNT(*) FROM accounts WHERE registered_from = ?");
     count.Bind(serial);
@@ -256,7 +267,7 @@ uint32_t Service::RegisterAndSignIn(const std::string& serial, const NewAccount&
         .Bind(serial)
         .Bind(now)
         .Run();
-    const int64_t id = sqlite3_last_insert_rowid(db);
+    const int64_t id = db.LastInsertId();
     Statement(db,
               "INSERT INTO purchases(account_id, app, serial, price, currency, paypal, date) "
               "VALUES(?, ?, ?, '0.00', 'USD', '', ?)")
@@ -270,13 +281,8 @@ uint32_t Service::RegisterAndSignIn(const std::string& serial, const NewAccount&
 }
 
 uint32_t Service::Query(const std::string& serial, Json::Value* info) {
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
-    std::string key;
-    int64_t id = BoundAccount(db, serial, &key);
-    if (!id) return kNotSignedIn;
-    FillInfo(db, id, key, info);
-    return kOk;
-  });
+  return store_->ReadOne(kSystem, kBoundInfo,
+                         [&](Statement& s) { return BoundInfo(s, serial, info) ? kOk : kNotSignedIn; });
 }
 
 uint32_t Service::SignIn(const std::string& serial, const std::string& email, const std::string& password,
@@ -284,13 +290,13 @@ uint32_t Service::SignIn(const std::string& serial, const std::string& email, co
   int64_t id = 0;
   if (uint32_t checked = Authenticate(email, password, &id)) return checked;
   const int64_t now = Now();
-  return store_->Transaction(kSystem, [&](sqlite3* db) { return Bind(db, serial, id, now, info); });
+  return store_->Transaction(kSystem, [&](Connection& db) { return Bind(db, serial, id, now, info); });
 }
 
 uint32_t Service::SignInByKey(const std::string& serial, const std::string& keySerial, const std::string& authKey,
                               Json::Value* info) {
   const int64_t now = Now();
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     Statement s(db, "SELECT account_id FROM auth_keys WHERE auth_key = ? AND serial = ?");
     s.Bind(authKey).Bind(keySerial);
     if (!s.Step()) return kBadAuth;
@@ -300,7 +306,7 @@ uint32_t Service::SignInByKey(const std::string& serial, const std::string& keyS
 
 uint32_t Service::SignInByToken(const std::string& serial, const std::string& accessToken, Json::Value* info) {
   const int64_t now = Now();
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     Statement s(db, "SELECT account_id FROM access_tokens WHERE token = ? AND expires > ?");
     s.Bind(accessToken).Bind(now);
     if (!s.Step()) return kBadAuth;
@@ -316,7 +322,7 @@ uint32_t Service::SignInByGrant(const std::string& serial, const std::string& cl
   // The code is spent by the first exchange whatever its outcome, committed
   // on its own so that a wrong verifier cannot be retried; only the
   // exchange that found it unspent may sign in.
-  uint32_t spent = store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  uint32_t spent = store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     Statement s(db, "SELECT account_id, client_id, redirect_uri, challenge, expires, used FROM grants WHERE code = ?");
     s.Bind(code);
     if (!s.Step()) return kBadAuth;
@@ -328,13 +334,13 @@ uint32_t Service::SignInByGrant(const std::string& serial, const std::string& cl
   });
   if (spent) return spent;
   if (!usable) return kBadAuth;
-  return store_->Transaction(kSystem, [&](sqlite3* db) { return Bind(db, serial, id, now, info); });
+  return store_->Transaction(kSystem, [&](Connection& db) { return Bind(db, serial, id, now, info); });
 }
 
 uint32_t Service::SignOut(const std::string& serial) {
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     Statement(db, "DELETE FROM bindings WHERE serial = ?").Bind(serial).Run();
-    return sqlite3_changes(db) ? kOk : kNotSignedIn;
+    return db.Changes() ? kOk : kNotSignedIn;
   });
 }
 
@@ -348,7 +354,7 @@ uint32_t Service::Update(const std::string& serial, const ProfileChange& c) {
   PasswordHash pw;
   if (c.newPassword) {
     PasswordHash current;
-    uint32_t loaded = store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+    uint32_t loaded = store_->Read(kSystem, [&](Connection& db) -> uint32_t {
       int64_t bound = BoundAccount(db, serial);
       if (!bound) return kNotSignedIn;
       LoadHash(
@@ -359,7 +365,7 @@ uint32_t Service::Update(const std::string& serial, const ProfileChange& c) {
     if (!VerifyPassword(c.currentPassword, current)) return kBadAuth;
     pw = HashPassword(c.newPassword, options_.passwordIterations);
   }
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     int64_t id = BoundAccount(db, serial);
     if (!id) return kNotSignedIn;
     // Another sign-in between the password check and now: check again.
@@ -411,7 +417,7 @@ uint32_t Service::Update(const std::string& serial, const ProfileChange& c) {
 
 uint32_t Service::Purchases(const std::string& serial, const PurchaseQuery& q, Json::Value* result) {
   if (!ValidDay(q.dateFrom) || !ValidDay(q.dateTo)) return kBadParam;
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Read(kSystem, [&](Connection& db) -> uint32_t {
     int64_t id = BoundAccount(db, serial);
     if (!id) return kNotSignedIn;
     Statement s(db,
@@ -446,7 +452,7 @@ uint32_t Service::Purchases(const std::string& serial, const PurchaseQuery& q, J
 uint32_t Service::ApiKeyError(const std::string& serial, const std::string& error, Json::Value* answer) {
   if (error != "expired" && error != "revoked") return kBadParam;
   const int64_t now = Now();
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     int64_t id = BoundAccount(db, serial);
     if (!id) return kNotSignedIn;
     if (error == "revoked") {
@@ -485,7 +491,7 @@ uint32_t Service::IssueAccessToken(const std::string& email, const std::string& 
   int64_t id = 0;
   if (uint32_t checked = Authenticate(email, password, &id)) return checked;
   const int64_t now = Now();
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     *token = RandomHex(20);
     Statement(db, "INSERT INTO access_tokens(token, account_id, expires) VALUES(?, ?, ?)")
         .Bind(*token)
@@ -507,7 +513,7 @@ uint32_t Service::IssueGrant(const std::string& email, const std::string& passwo
   int64_t id = 0;
   if (uint32_t checked = Authenticate(email, password, &id)) return checked;
   const int64_t now = Now();
-  return store_->Transaction(kSystem, [&](sqlite3* db) -> uint32_t {
+  return store_->Transaction(kSystem, [&](Connection& db) -> uint32_t {
     *code = RandomHex(16);
     Statement(db,
               "INSERT INTO grants(code, account_id, client_id, redirect_uri, challenge, expires) "

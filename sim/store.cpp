@@ -108,10 +108,42 @@ std::string Foreign(sqlite3* db) {
 
 }  // namespace
 
+Connection::~Connection() {
+  for (auto& kept : kept_) sqlite3_finalize(kept.second->stmt);
+  sqlite3_close_v2(db_);
+}
+
+Statement::Statement(Connection& connection, const char* sql) : db_(connection.db_) {
+  auto kept = connection.kept_.find(sql);
+  if (kept != connection.kept_.end() && !kept->second->inUse) {
+    kept_ = kept->second.get();
+  } else {
+    if (sqlite3_prepare_v3(db_, sql, -1, SQLITE_PREPARE_PERSISTENT, &stmt_, nullptr) != SQLITE_OK)
+      throw StoreError(Failure(db_, sql));
+    // The kept one is in use further up the stack (a body that runs the
+    // same SQL while it steps through its rows): this one is for this use.
+    if (kept != connection.kept_.end()) return;
+    auto made = std::make_unique<Connection::Kept>(Connection::Kept{sql, stmt_, false});
+    kept_ = made.get();
+    connection.kept_.emplace(kept_->sql, std::move(made));
+  }
+  kept_->inUse = true;
+  stmt_ = kept_->stmt;
+}
+
 Statement::Statement(sqlite3* db, const char* sql) : db_(db) {
   if (sqlite3_prepare_v2(db, sql, -1, &stmt_, nullptr) != SQLITE_OK) throw StoreError(Failure(db, sql));
 }
-Statement::~Statement() { sqlite3_finalize(stmt_); }
+
+Statement::~Statement() {
+  if (!kept_) {
+    sqlite3_finalize(stmt_);
+    return;
+  }
+  sqlite3_reset(stmt_);
+  sqlite3_clear_bindings(stmt_);
+  kept_->inUse = false;
+}
 
 Statement& Statement::Bind(const std::string& text) {
   sqlite3_bind_text(stmt_, next_++, text.data(), static_cast<int>(text.size()), SQLITE_TRANSIENT);
@@ -147,9 +179,11 @@ bool Statement::IsNull(int column) const { return sqlite3_column_type(stmt_, col
 
 std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) {
   sqlite3* db = nullptr;
+  // Each connection is used by one thread at a time: SQLite's own lock per
+  // call would only cost.
   int rc =
-      sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_FULLMUTEX, nullptr);
-  std::unique_ptr<Store> store(db ? new Store(db) : nullptr);
+      sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE | SQLITE_OPEN_NOMUTEX, nullptr);
+  std::unique_ptr<Store> store(db ? new Store(path, db) : nullptr);
   if (rc != SQLITE_OK) {
     *error = path + ": cannot open: " + (db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
     return nullptr;
@@ -182,9 +216,10 @@ std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) 
       return nullptr;
     }
     // WAL with NORMAL sync: a killed process loses nothing committed, and
-    // readers do not wait on the writer's fsync.
+    // readers neither wait for the writer nor see its transaction under way.
     Statement(db, "PRAGMA journal_mode=WAL").Run();
-    if (!store->Exec("PRAGMA synchronous=NORMAL") || !store->Exec("PRAGMA foreign_keys=ON")) {
+    if (!store->Exec(*store->writer_, "PRAGMA synchronous=NORMAL") ||
+        !store->Exec(*store->writer_, "PRAGMA foreign_keys=ON")) {
       *error = path + ": " + store->LastFailure();
       return nullptr;
     }
@@ -194,40 +229,78 @@ std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) 
   }
   // Creating the tables is also the first write: an unwritable file or folder
   // is refused here rather than on the first request.
-  uint32_t created = store->Transaction(1, [](sqlite3* db) -> uint32_t {
+  uint32_t created = store->Transaction(1, [](Connection& c) -> uint32_t {
     char* message = nullptr;
-    if (sqlite3_exec(db, kSchema, nullptr, nullptr, &message) != SQLITE_OK) {
+    if (sqlite3_exec(c.handle(), kSchema, nullptr, nullptr, &message) != SQLITE_OK) {
       std::string failure = message ? message : "cannot create tables";
       sqlite3_free(message);
       throw StoreError(failure);
     }
-    Statement(db, ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str()).Run();
+    Statement(c.handle(), ("PRAGMA user_version=" + std::to_string(kSchemaVersion)).c_str()).Run();
     return 0;
   });
   if (created != 0) {
     *error = path + ": cannot write: " + store->LastFailure();
     return nullptr;
   }
+  for (size_t i = 0; i < kReaders; ++i) {
+    sqlite3* reader = nullptr;
+    rc = sqlite3_open_v2(path.c_str(), &reader, SQLITE_OPEN_READONLY | SQLITE_OPEN_NOMUTEX, nullptr);
+    if (reader) store->idle_.emplace_back(new Connection(reader));
+    if (rc != SQLITE_OK) {
+      *error = path + ": cannot open for reading: " + (reader ? sqlite3_errmsg(reader) : sqlite3_errstr(rc));
+      return nullptr;
+    }
+    // A reader waits only while a checkpoint starts the log anew.
+    sqlite3_busy_timeout(reader, 5000);
+    sqlite3_extended_result_codes(reader, 1);
+    // Its first read opens the log and reads the schema: done here, so that
+    // a request finds it ready and the host's descriptors stay as many.
+    try {
+      Statement(reader, "SELECT COUNT(*) FROM sqlite_schema").Run();
+    } catch (const StoreError& e) {
+      *error = path + ": cannot read: " + e.what();
+      return nullptr;
+    }
+  }
   return store;
 }
 
-Store::~Store() { sqlite3_close_v2(db_); }
+Store::~Store() = default;
 
-bool Store::Exec(const char* sql) {
-  char* message = nullptr;
-  if (sqlite3_exec(db_, sql, nullptr, nullptr, &message) == SQLITE_OK) return true;
-  Note(std::string(sql) + ": " + (message ? message : sqlite3_errmsg(db_)));
-  sqlite3_free(message);
-  return false;
+bool Store::Exec(Connection& c, const char* sql) {
+  try {
+    Statement(c, sql).Run();
+    return true;
+  } catch (const StoreError& e) {
+    Note(e.what());
+    return false;
+  }
+}
+
+Store::Lent::Lent(Store* s) : store(s) {
+  std::unique_lock<std::mutex> lock(store->readers_);
+  store->returned_.wait(lock, [this] { return !store->idle_.empty(); });
+  connection = std::move(store->idle_.back());
+  store->idle_.pop_back();
+}
+
+Store::Lent::~Lent() {
+  {
+    std::lock_guard<std::mutex> lock(store->readers_);
+    store->idle_.push_back(std::move(connection));
+  }
+  store->returned_.notify_one();
 }
 
 void Store::Note(const std::string& failure) {
+  std::lock_guard<std::mutex> lock(failures_);
   lastFailure_ = failure;
   if (report_) report_(failure);
 }
 
 std::string Store::LastFailure() const {
-  std::lock_guard<std::mutex> lock(mu_);
+  std::lock_guard<std::mutex> lock(failures_);
   return lastFailure_;
 }
 

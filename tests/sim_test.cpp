@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <future>
 #include <thread>
 
 #include "account_php.h"
@@ -368,6 +369,58 @@ TEST_F(ServiceTest, AccountPhpTreatsEachConnectionAsItsConductorSays) {
   EXPECT_LT(Clock::now() - stop, std::chrono::seconds(2));
   waiting.join();
   close(stalled);
+}
+
+// A read runs while a write transaction is under way, and sees only what
+// was committed: not the writer's change, then, once committed, only that.
+TEST_F(ServiceTest, ReadsBesideTheWriterSeeOnlyCommittedState) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  auto keyRead = [this] {
+    Json::Value read;
+    return service_->Query(kSerial, &read) == kOk ? read["auth_key"].asString() : "(not signed in)";
+  };
+  for (const uint32_t outcome : {1u, 0u}) {  // rolled back, committed
+    std::future<std::string> read;
+    bool beside = false;
+    EXPECT_EQ(store_->Transaction(kSystem,
+                                  [&](Connection& db) {
+                                    Statement(db, "UPDATE bindings SET auth_key = 'new'").Run();
+                                    read = std::async(std::launch::async, keyRead);
+                                    beside = read.wait_for(std::chrono::seconds(5)) == std::future_status::ready;
+                                    return outcome;
+                                  }),
+              outcome);
+    EXPECT_TRUE(beside) << "the read waited for the writer";
+    EXPECT_EQ(read.get(), info["auth_key"].asString()) << outcome;
+    EXPECT_EQ(keyRead(), outcome ? info["auth_key"].asString() : "new");
+  }
+}
+
+// Kept statements, the readers' and the writer's, outlive a schema change by
+// another program, and the database passes the store's checks when opened
+// again.
+TEST_F(ServiceTest, KeptStatementsOutliveASchemaChangeAndAReopen) {
+  Json::Value info;
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("ada@example.com"), &info), kOk);
+  ASSERT_EQ(service_->Query(kSerial, &info), kOk);
+  sqlite3* other = nullptr;
+  ASSERT_EQ(sqlite3_open((dir_ + "/account.db").c_str(), &other), SQLITE_OK);
+  EXPECT_EQ(sqlite3_exec(other, "CREATE INDEX by_name ON accounts(full_name)", nullptr, nullptr, nullptr), SQLITE_OK);
+  sqlite3_close(other);
+  ASSERT_EQ(service_->RegisterAndSignIn(kSerial, Account("bob@example.com"), &info), kOk);
+  for (const bool reopen : {false, true}) {
+    std::string error;
+    if (reopen) {
+      service_.reset();
+      store_ = Store::Open(dir_ + "/account.db", &error);
+      ASSERT_NE(store_, nullptr) << error;
+      service_.reset(new Service(store_.get(), Options()));
+    }
+    Json::Value queried;
+    ASSERT_EQ(service_->Query(kSerial, &queried), kOk) << reopen;
+    EXPECT_EQ(queried["auth_key"], info["auth_key"]) << reopen;
+  }
 }
 
 TEST(Store, ReportsAFolderThatIsNotThere) {
