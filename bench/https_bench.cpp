@@ -119,7 +119,7 @@ int main(int argc, char** argv) {
   const RegisterFields fields;
   const std::string host = Host();
   const HttpsRequest request{host.c_str(), "account.php", fields.get(), 0, nullptr, nullptr};
-  const std::vector<pellixsim::Connection> seen = (ModulePost(request), gProcess->service->php().TakeConnections());
+  const std::vector<pellixsim::TlsConnection> seen = (ModulePost(request), gProcess->service->php().TakeConnections());
   if (seen.size() != 1 || seen[0].request.body.empty()) {
     std::fprintf(stderr, "the service did not receive the module's form\n");
     return 1;

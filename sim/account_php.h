@@ -48,7 +48,7 @@ class AccountPhp {
   int port() const { return endpoint_.port(); }
   // The connections that ended since the last call (at most the latest 64),
   // once those under way have ended.
-  std::vector<Connection> TakeConnections() { return endpoint_.Take(); }
+  std::vector<TlsConnection> TakeConnections() { return endpoint_.Take(); }
 
  private:
   Service* service_;

@@ -198,13 +198,13 @@ struct TlsEndpoint::Impl {
   std::list<Worker> workers;
   int accepted = 0;
   int ended = 0;
-  std::deque<Connection> connections;
+  std::deque<TlsConnection> connections;
 
   bool Listen(std::string* error);
   void StopListening();
   void Accept();
   void Serve(Worker* worker);
-  Connection Converse(int fd, const Conduct& conduct);
+  TlsConnection Converse(int fd, const Conduct& conduct);
   HttpAnswer Handle(const HttpRequest& request) {
     try {
       return handler(request);
@@ -320,7 +320,7 @@ void TlsEndpoint::Impl::Serve(Worker* worker) {
   // delayed acknowledgement.
   const int on = 1;
   setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &on, sizeof(on));
-  Connection c = Converse(fd, conductor ? conductor() : Conduct());
+  TlsConnection c = Converse(fd, conductor ? conductor() : Conduct());
   std::lock_guard<std::mutex> lock(mu);
   close(fd);
   worker->fd = -1;
@@ -331,8 +331,8 @@ void TlsEndpoint::Impl::Serve(Worker* worker) {
   changed.notify_all();
 }
 
-Connection TlsEndpoint::Impl::Converse(int fd, const Conduct& conduct) {
-  Connection c;
+TlsConnection TlsEndpoint::Impl::Converse(int fd, const Conduct& conduct) {
+  TlsConnection c;
   c.conduct = conduct;
   if (conduct.mode == Conduct::kStall) {
     // With a wait of its own the stall ends there, the connection closed
@@ -462,11 +462,11 @@ void TlsEndpoint::Stop() {
 
 int TlsEndpoint::port() const { return impl_->port; }
 
-std::vector<Connection> TlsEndpoint::Take() {
+std::vector<TlsConnection> TlsEndpoint::Take() {
   std::unique_lock<std::mutex> lock(impl_->mu);
   impl_->changed.wait_for(lock, std::chrono::seconds(kIoSeconds), [this] { return impl_->ended == impl_->accepted; });
-  std::vector<Connection> taken(std::make_move_iterator(impl_->connections.begin()),
-                                std::make_move_iterator(impl_->connections.end()));
+  std::vector<TlsConnection> taken(std::make_move_iterator(impl_->connections.begin()),
+                                   std::make_move_iterator(impl_->connections.end()));
   impl_->connections.clear();
   return taken;
 }

@@ -53,7 +53,7 @@ struct HttpAnswer {
 };
 
 // One connection, as the endpoint saw it.
-struct Connection {
+struct TlsConnection {
   Conduct conduct;
   bool handshake = false;  // the TLS handshake completed
   std::string failure;     // why it did not: OpenSSL's reason, e.g. "tlsv1 alert unknown ca"
@@ -92,7 +92,7 @@ class TlsEndpoint {
   int port() const;
   // The connections that ended since the last call, at most the latest 64,
   // once every connection accepted so far has ended (waiting up to 10 s).
-  std::vector<Connection> Take();
+  std::vector<TlsConnection> Take();
 
  private:
   struct Impl;

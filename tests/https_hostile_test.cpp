@@ -22,7 +22,7 @@ namespace pellixtest {
 namespace {
 
 using pellixsim::Conduct;
-using pellixsim::Connection;
+using pellixsim::TlsConnection;
 using syslogcapture::Line;
 using SendFunction = int (*)(const HttpsRequest*, HttpsResponse*);
 
@@ -35,7 +35,7 @@ class HostileTest : public TrustedServiceTest {
  protected:
   // One verbose request to `server`, which must be turned away as
   // "badnetwork" with libcurl's `curlResult`; gives the server's record of it.
-  Connection ExpectTurnedAway(SendFunction send, LocalService& server, int curlResult) {
+  TlsConnection ExpectTurnedAway(SendFunction send, LocalService& server, int curlResult) {
     const std::string host = server.Address();
     FieldHash fields(Fields{{"action", "register"}});
     const HttpsRequest request{host.c_str(), "account.php", fields.get(), 1, nullptr, nullptr};
@@ -46,9 +46,9 @@ class HostileTest : public TrustedServiceTest {
     EXPECT_EQ(TLIBCErrGet(), TLIBC_ERR_NETWORK);
     EXPECT_EQ(Logged(), std::vector<Line>{TransferFailed(curlResult)});
     HttpsResponseFree(&response);
-    std::vector<Connection> connections = server.php().TakeConnections();
+    std::vector<TlsConnection> connections = server.php().TakeConnections();
     EXPECT_EQ(connections.size(), 1u) << "one connection, no retry";
-    return connections.empty() ? Connection() : connections[0];
+    return connections.empty() ? TlsConnection() : connections[0];
   }
   // A service whose authority the device does not know.
   LocalService stranger_{false};
@@ -80,7 +80,7 @@ const HostileCase kCases[] = {
     {"MisnamedCertificate", {Conduct::kWrongName}, true, 60, true, true, "", false},
 };
 
-void ExpectCase(const HostileCase& c, const Connection& seen, bool strict) {
+void ExpectCase(const HostileCase& c, const TlsConnection& seen, bool strict) {
   EXPECT_EQ(seen.handshake, strict ? c.strictHandshake : c.handshake) << seen.failure;
   EXPECT_EQ(seen.failure, strict ? c.strictAlert : "");
   EXPECT_EQ(seen.request.body, c.formSent ? kForm : "");
@@ -143,7 +143,7 @@ TEST_F(HostileTest, StallingServerTimesOutAfterThirtySeconds) {
                                                 "badnetwork")});
   EXPECT_GE(seconds, 29.5);
   EXPECT_LT(seconds, 40.0);
-  const std::vector<Connection> seen = service().php().TakeConnections();
+  const std::vector<TlsConnection> seen = service().php().TakeConnections();
   ASSERT_EQ(seen.size(), 1u);
   EXPECT_FALSE(seen[0].handshake);
 }

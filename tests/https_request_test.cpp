@@ -397,7 +397,7 @@ class WireTest : public LocalServiceTest {
       EXPECT_EQ(state.code, c.error);
     }
     std::vector<pellixsim::HttpRequest> received;
-    for (const pellixsim::Connection& seen : service().php().TakeConnections())
+    for (const pellixsim::TlsConnection& seen : service().php().TakeConnections())
       if (!seen.request.method.empty()) received.push_back(seen.request);
     ASSERT_EQ(received.size(), c.form.empty() ? 0u : 1u);
     if (!c.form.empty()) {
