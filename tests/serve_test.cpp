@@ -731,9 +731,18 @@ TEST_F(ServeTest, SignalsEndItAtEveryStage) {
     Reply answer;
     std::thread signIn;
     if (c.signIn) {
+      // Held in the account service, so that the signal surely finds it under way.
+      ASSERT_EQ(webapihost::Send(host_->port(), "POST", "/sim/conditions",
+                                 R"({"delay_ms":500,"operations":["TALVPELLIXAccountLogin"],"times":1})")
+                    .status,
+                201);
       signIn = std::thread([&] {
         answer = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
       });
+      for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
+           host_->Log().find("bit TALV.Core.PellixCenter 2 login") == std::string::npos &&
+           std::chrono::steady_clock::now() < end;)
+        std::this_thread::sleep_for(std::chrono::milliseconds(5));
     }
     std::this_thread::sleep_for(std::chrono::milliseconds(20));
     const auto start = std::chrono::steady_clock::now();
