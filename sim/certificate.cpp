@@ -27,29 +27,29 @@ bool AddName(X509_NAME* name, const char* field, const std::string& value) {
 
 Key NewKey() { return Key(EVP_EC_gen("P-256")); }
 
-Cert MakeCertificate(EVP_PKEY* key, const CertificateSpec& spec, X509* issuer, EVP_PKEY* issuerKey) {
+Cert MakeCertificate(EVP_PKEY* key, const CertificateTerms& terms, X509* issuer, EVP_PKEY* issuerKey) {
   Cert cert(X509_new());
   // A random serial: two certificates of one name must not pass for each other.
   BIGNUM* serial = BN_new();
   bool ok = cert && serial && X509_set_version(cert.get(), 2) &&
             BN_rand(serial, 64, BN_RAND_TOP_ANY, BN_RAND_BOTTOM_ANY) &&
             BN_to_ASN1_INTEGER(serial, X509_get_serialNumber(cert.get())) &&
-            X509_gmtime_adj(X509_getm_notBefore(cert.get()), spec.notBefore) &&
-            X509_gmtime_adj(X509_getm_notAfter(cert.get()), spec.notAfter) && X509_set_pubkey(cert.get(), key);
+            X509_gmtime_adj(X509_getm_notBefore(cert.get()), terms.notBefore) &&
+            X509_gmtime_adj(X509_getm_notAfter(cert.get()), terms.notAfter) && X509_set_pubkey(cert.get(), key);
   BN_free(serial);
   X509_NAME* name = X509_get_subject_name(cert.get());
-  if (!ok || !AddName(name, "O", "Pellix development host") || !AddName(name, "CN", spec.commonName)) return nullptr;
+  if (!ok || !AddName(name, "O", "Pellix development host") || !AddName(name, "CN", terms.commonName)) return nullptr;
   X509* signer = issuer ? issuer : cert.get();
   if (!X509_set_issuer_name(cert.get(), X509_get_subject_name(signer))) return nullptr;
-  ok = spec.authority
+  ok = terms.authority
            ? AddExtension(cert.get(), signer, NID_basic_constraints, "critical,CA:TRUE") &&
                  AddExtension(cert.get(), signer, NID_key_usage, "critical,digitalSignature,keyCertSign,cRLSign")
            : AddExtension(cert.get(), signer, NID_basic_constraints, "CA:FALSE") &&
                  AddExtension(cert.get(), signer, NID_key_usage, "critical,digitalSignature");
   ok = ok && AddExtension(cert.get(), signer, NID_subject_key_identifier, "hash");
-  if (!spec.altNames.empty())
+  if (!terms.altNames.empty())
     ok = ok && AddExtension(cert.get(), signer, NID_ext_key_usage, "serverAuth") &&
-         AddExtension(cert.get(), signer, NID_subject_alt_name, spec.altNames);
+         AddExtension(cert.get(), signer, NID_subject_alt_name, terms.altNames);
   if (issuer) ok = ok && AddExtension(cert.get(), signer, NID_authority_key_identifier, "keyid");
   if (!ok || !X509_sign(cert.get(), issuerKey ? issuerKey : key, EVP_sha256())) return nullptr;
   return cert;

@@ -20,7 +20,7 @@ struct CertFree {
 using Key = std::unique_ptr<EVP_PKEY, KeyFree>;
 using Cert = std::unique_ptr<X509, CertFree>;
 
-struct CertificateSpec {
+struct CertificateTerms {
   std::string commonName;
   std::string altNames;    // for a server, e.g. "IP:127.0.0.1,DNS:localhost"; "": none
   long notBefore = -3600;  // seconds from now
@@ -31,9 +31,10 @@ struct CertificateSpec {
 // A new P-256 key; null when none can be made.
 Key NewKey();
 
-// A certificate for `key` as `spec` says, signed by `issuerKey` as `issuer`,
+// A certificate for `key` as `terms` say, signed by `issuerKey` as `issuer`,
 // or by `key` itself when `issuer` is null. Null when it cannot be made.
-Cert MakeCertificate(EVP_PKEY* key, const CertificateSpec& spec, X509* issuer = nullptr, EVP_PKEY* issuerKey = nullptr);
+Cert MakeCertificate(EVP_PKEY* key, const CertificateTerms& terms, X509* issuer = nullptr,
+                     EVP_PKEY* issuerKey = nullptr);
 
 // The certificate in PEM.
 std::string Pem(X509* cert);
