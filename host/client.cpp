@@ -132,8 +132,6 @@ Reply Send(int port, const std::string& method, const std::string& path, const s
   return Parse(client.send(request));
 }
 
-namespace {
-
 int Connect(int port) {
   int fd = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
   sockaddr_in to{};
@@ -146,8 +144,6 @@ int Connect(int port) {
   }
   return fd;
 }
-
-}  // namespace
 
 std::string Exchange(int port, const std::string& bytes) {
   const int fd = Connect(port);

@@ -65,6 +65,9 @@ Reply PostForm(int port, const std::string& path, const Json::Value& fields);
 // Any request to `path` of the host; a body is sent as JSON.
 Reply Send(int port, const std::string& method, const std::string& path, const std::string& json = "");
 
+// A TCP connection to 127.0.0.1:`port`, or -1.
+int Connect(int port);
+
 // Sends `bytes` as they are to the host on `port`, and answers the host's
 // first answer ("" when none came within ten seconds).
 std::string Exchange(int port, const std::string& bytes);

@@ -1,9 +1,7 @@
 // webapi-host serve, end to end: real HTTP against a host the test starts on
 // a free port with a temporary state folder.
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
-#include <netinet/in.h>
 #include <signal.h>
 #include <sqlite3.h>
 #include <sys/socket.h>
@@ -719,13 +717,9 @@ TEST_F(ServeTest, SignalsEndItAtEveryStage) {
     if (c.signIn) Register("ada@example.com", "secret1");
     httplib::Client kept("127.0.0.1", host_->port());  // a browser's kept-alive connection
     ASSERT_TRUE(kept.Get("/"));
-    const int silent = c.silent ? socket(AF_INET, SOCK_STREAM, 0) : -1;
-    if (silent >= 0) {
-      sockaddr_in to{};
-      to.sin_family = AF_INET;
-      to.sin_port = htons(static_cast<uint16_t>(host_->port()));
-      to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-      ASSERT_EQ(connect(silent, reinterpret_cast<sockaddr*>(&to), sizeof(to)), 0);
+    const int silent = c.silent ? webapihost::Connect(host_->port()) : -1;
+    if (c.silent) {
+      ASSERT_GE(silent, 0);
       ASSERT_EQ(send(silent, c.silent, std::strlen(c.silent), 0), static_cast<ssize_t>(std::strlen(c.silent)));
     }
     Reply answer;
