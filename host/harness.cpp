@@ -82,21 +82,6 @@ Answer Module::Call(const std::string& api, int version, const std::string& meth
   return answer;
 }
 
-std::string Compact(const Json::Value& value) {
-  // Making a writer and a stream took longer than writing a whole answer:
-  // each thread keeps one of each.
-  thread_local const std::unique_ptr<Json::StreamWriter> writer = [] {
-    Json::StreamWriterBuilder b;
-    b["indentation"] = "";
-    return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
-  }();
-  thread_local std::ostringstream text;
-  text.str(std::string());
-  text.clear();
-  writer->write(value, &text);
-  return text.str();
-}
-
 std::string Envelope(const Answer& answer) {
   if (answer.success) return "{\"success\":true,\"data\":" + Compact(answer.data) + "}";
   return "{\"success\":false,\"error\":{\"code\":" + std::to_string(answer.code) +

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "talv/webapi.h"
+#include "text.h"
 
 namespace webapihost {
 
@@ -51,8 +52,6 @@ class Module {
   TALV::APITableEntry* table_;
 };
 
-// JSON on one line, as the host writes its answers.
-std::string Compact(const Json::Value& value);
 // {"success":true,"data":...} or {"success":false,"error":{"code":N,"details":...}}
 std::string Envelope(const Answer& answer);
 

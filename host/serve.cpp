@@ -13,8 +13,6 @@
 #include <iterator>
 #include <thread>
 
-#include "account_php.h"
-#include "backend.h"
 #include "conditions.h"
 #include "devhost.h"
 #include "feasibility/checker.h"
@@ -22,6 +20,7 @@
 #include "one_line.h"
 #include "pellix/backend.h"
 #include "seam/seam.h"
+#include "simulation.h"
 #include "state.h"
 #include "syslog_capture.h"
 #include "trust.h"
@@ -137,7 +136,7 @@ int Serve(const ServeOptions& o) {
   StateFolder state;
   std::string error;
   Json::Value initial(Json::arrayValue);
-  if (!o.conditions.empty() && !Conditions::ReadFile(o.conditions, &initial, &error)) {
+  if (!o.conditions.empty() && !pellixsim::Conditions::ReadFile(o.conditions, &initial, &error)) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
@@ -145,12 +144,14 @@ int Serve(const ServeOptions& o) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
-  // The module trusts the service's endpoint through the trust store, as the
-  // device trusts the real service.
-  if (!pellixsim::MakeCertificates(state.service, &error)) {
+  std::unique_ptr<pellixsim::Simulation> sim = pellixsim::Simulation::Open(
+      state.service, pellixsim::DeviceFacts{state.serial, state.language, state.timezone}, o.log, &error);
+  if (!sim) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
+  // The module trusts the service's endpoint through the trust store, as the
+  // device trusts the real service.
   std::string untrusted;
   std::ifstream caPem(state.service + "/ca.pem");
   const std::string ca((std::istreambuf_iterator<char>(caPem)), std::istreambuf_iterator<char>());
@@ -159,19 +160,6 @@ int Serve(const ServeOptions& o) {
                        "webapi-host: %s: the module does not trust the account service's certificate, and version-1 "
                        "registration answers badnetwork, as on a device that cannot reach the service\n",
                        untrusted.c_str());
-  std::unique_ptr<pellixsim::Store> store = pellixsim::Store::Open(state.Database(), &error);
-  if (!store) {
-    (void)std::fprintf(stderr,
-                       "webapi-host: the account service's database cannot be used: %s\n"
-                       "  Move it away to start with no accounts, or pick another folder with --state.\n",
-                       error.c_str());
-    return 1;
-  }
-  // A storage failure answers 3003; its cause is only here.
-  FILE* log = o.log;
-  store->OnFailure([log](const std::string& failure) {
-    if (log) (void)std::fprintf(log, "account service: storage failed: %s\n", OneLine(failure).c_str());
-  });
 
   syslogcapture::SetEcho(o.log, false);
   std::unique_ptr<Module> module = Module::Load(o.module, &error);
@@ -180,17 +168,14 @@ int Serve(const ServeOptions& o) {
     return 3;
   }
 
-  pellixsim::Service service(store.get(), pellixsim::Options());
-  // Outlives the host and account.php, whose threads ask it.
-  Conditions conditions(o.log);
-  DevHost host(module.get(), &service, o.log, o.language.empty() ? "enu" : o.language);
+  pellixsim::Conditions& conditions = sim->conditions();
+  DevHost host(module.get(), sim.get(), o.log, o.language.empty() ? "enu" : o.language);
   host.SetPages(o.pages);
   Json::Value device(Json::objectValue);
   device["serial"] = state.serial;
   device["model"] = state.model;
   device["build"] = state.build;
   host.SetDevice(device);
-  host.SetConditions(&conditions);
   // From here on threads run, and the signals are the stopper's.
   Stopper stopper([&host] { host.Stop(); }, [&host] { return host.RequestsUnderWay(); });
   const int port = host.Bind(o.port);
@@ -203,18 +188,10 @@ int Serve(const ServeOptions& o) {
     return 2;
   }
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
-  service.SetBaseUrl(url);
-  pellixsim::SimBackend backend(&service, pellixsim::DeviceFacts{state.serial, state.language, state.timezone});
+  sim->SetBaseUrl(url);
   talvfeasibility::ReasonsFileChecker reasons(
       state.ReasonsFile(), [&conditions](const std::string& grade) { return conditions.LogoutReasons(grade); });
-  pellixsim::AccountPhp accountPhp(&service);
-  accountPhp.SetConductor([&conditions] { return conditions.NextConduct(); });
-  conditions.OnReachable([&accountPhp, log](bool reachable) {
-    std::string why;
-    if (!accountPhp.SetReachable(reachable, &why) && log)
-      (void)std::fprintf(log, "account.php: %s\n", OneLine(why).c_str());
-  });
-  const int phpPort = accountPhp.Start(state.service, &error);
+  const int phpPort = sim->StartAccountPhp(&error);
   const std::string phpHost = phpPort > 0 ? "127.0.0.1:" + std::to_string(phpPort) : "";
   if (phpPort < 0) (void)std::fprintf(stderr, "webapi-host: %s; version-1 registration has no host\n", error.c_str());
   if (!WriteRelayHost(state, phpHost, &error)) {
@@ -228,7 +205,7 @@ int Serve(const ServeOptions& o) {
   // Nobody reads the seam's journal here; it would only keep the arguments of
   // the latest calls, passwords among them, for as long as the host runs.
   talvseam::SetJournaling(false);
-  talvpellix::SetBackend(&backend);
+  talvpellix::SetBackend(sim->backend());
   talvwebapi::SetRunner(&host);
   talvfeasibility::SetChecker(&reasons);
 
@@ -240,7 +217,7 @@ int Serve(const ServeOptions& o) {
            o.conditions.empty() ? "" : " (" + std::to_string(set) + " set from " + o.conditions + ")");
   const bool served = stopper.stopping() || host.Serve();
   stopper.Done();
-  accountPhp.Stop();
+  sim->Stop();
 
   talvpellix::SetBackend(nullptr);
   talvwebapi::SetRunner(nullptr);

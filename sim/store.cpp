@@ -88,7 +88,7 @@ std::string Join(const std::vector<std::string>& items) {
 // What makes `db` another program's database rather than the service's, or
 // "": a table the service does not keep, or one of its tables made otherwise.
 // Tables that are missing are made at start, as in a new database.
-std::string Foreign(sqlite3* db) {
+std::string NotTheService(sqlite3* db) {
   sqlite3* model = nullptr;
   Tables expected;
   if (sqlite3_open(":memory:", &model) == SQLITE_OK &&
@@ -210,7 +210,7 @@ std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) 
       *error = path + ": damaged: " + verdict;
       return nullptr;
     }
-    const std::string foreign = Foreign(db);
+    const std::string foreign = NotTheService(db);
     if (!foreign.empty()) {
       *error = path + ": not the account service's database: " + foreign;
       return nullptr;

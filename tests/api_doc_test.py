@@ -26,7 +26,7 @@ described = {(api, version, method) for method, api, version in
 codes = {int(c) for c in re.findall(r"\b(3\d{3})\b", read("src/pellixcenter.cpp"))}
 # Below 100 are the page's own (0: the host did not answer).
 codes |= {int(c) for c in re.findall(r"^\s*(\d+):", read("web/messages.js"), re.M) if int(c) >= 100}
-for header in ("host/harness.h", "host/devhost.h"):
+for header in ("host/harness.h", "host/request.h"):
     codes |= {int(c) for c in re.findall(r"constexpr int kErr\w+ = (\d+);", read(header))}
 listed = {int(c) for c in re.findall(r"^\| (\d{3,4}) \|", doc, re.M)}
 

@@ -1,6 +1,11 @@
 // The host harness and webapi-host: what the host does around a handler.
 #include <algorithm>
 #include <cstring>
+#include <fstream>
+#include <set>
+#include <sstream>
+
+#include "devhost.h"
 
 #include "support/module_test.h"
 #include "support/process.h"
@@ -24,6 +29,24 @@ TEST(Harness, ModuleThatCannotBeLoadedIsReported) {
   // A shared object without a table.
   EXPECT_EQ(webapihost::Module::Load(SYSLOGCAPTURE_SO, &error), nullptr);
   EXPECT_NE(error.find("no GetAPITable"), std::string::npos) << error;
+}
+
+// docs/devhost.md's paths table is the route table: each row a route's path
+// as shown and the methods it takes (HEAD goes with GET, unlisted).
+TEST(Routes, AreThePathsTableOfTheDocs) {
+  std::set<std::string> routes, documented;
+  for (const webapihost::Route& r : webapihost::DevHost::Routes(nullptr, nullptr)) {
+    std::string methods = r.methods;
+    if (methods.find(", HEAD") != std::string::npos) methods.erase(methods.find(", HEAD"), 6);
+    routes.insert(std::string("| ") + r.shown + " | " + methods + " |");
+  }
+  std::ifstream page(PELLIX_SOURCE_DIR "/../docs/devhost.md");
+  for (std::string line; std::getline(page, line);)
+    if (line.rfind("| `/", 0) == 0 && std::count(line.begin(), line.end(), '|') == 4) {
+      line = line.substr(0, line.find(" |", line.find(" | ") + 3) + 2);
+      documented.insert(line);
+    }
+  EXPECT_EQ(documented, routes);
 }
 
 struct HostRun {

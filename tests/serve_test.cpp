@@ -16,9 +16,10 @@
 #include <thread>
 
 #include "client.h"
-#include "devhost.h"
+#include "request.h"
 #include "support/module_test.h"
 #include "support/process.h"
+#include "verifier.h"
 
 namespace pellixtest {
 namespace {

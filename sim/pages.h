@@ -10,7 +10,7 @@
 #include <cstdint>
 #include <string>
 
-namespace webapihost {
+namespace pellixsim {
 
 // The sign-in page. `fields`: the request's (code_challenge, client_id,
 // redirect_uri, email...); `login`: pkce_config_get's settings of the login
@@ -25,4 +25,4 @@ std::string AccountPage(const Json::Value& info);
 std::string DonePage(const std::string& flow, const Json::Value& config, const Json::Value& fields,
                      int64_t grantLifetime);
 
-}  // namespace webapihost
+}  // namespace pellixsim

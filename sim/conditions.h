@@ -37,7 +37,7 @@
 
 #include "tls_endpoint.h"
 
-namespace webapihost {
+namespace pellixsim {
 
 class Conditions {
  public:
@@ -67,21 +67,21 @@ class Conditions {
   // The reasons of the sign-out grade ("hard" or "soft") in force.
   std::vector<std::string> LogoutReasons(const std::string& grade);
   // How account.php treats the connection it has just accepted.
-  pellixsim::Conduct NextConduct();
+  Conduct NextConduct();
   // Told false when account.php must refuse connections, true when it may
   // take them again. Set before any condition.
   void OnReachable(std::function<void(bool)> reachable) { reachable_ = std::move(reachable); }
 
  private:
-  struct Entry {
-    Json::Value condition;       // as it was set
-    int left = -1;               // calls or connections it applies to yet; -1 until cleared
-    int fault = 0;               // its fault in the seam's plan, 0 none
-    bool unreachable = false;    // account.php refuses connections
-    bool conducts = false;       // account.php treats connections as `conduct` says
-    bool delaysPhp = false;      // account.php waits `conduct.delayMs` before it answers
-    pellixsim::Conduct conduct;  // for account.php
-    std::string grade, reason;   // a sign-out refusal, when grade is not empty
+  struct InForce {
+    Json::Value condition;      // as it was set
+    int left = -1;              // calls or connections it applies to yet; -1 until cleared
+    int fault = 0;              // its fault in the seam's plan, 0 none
+    bool unreachable = false;   // account.php refuses connections
+    bool conducts = false;      // account.php treats connections as `conduct` says
+    bool delaysPhp = false;     // account.php waits `conduct.delayMs` before it answers
+    Conduct conduct;            // for account.php
+    std::string grade, reason;  // a sign-out refusal, when grade is not empty
   };
   void Log(const std::string& line);
   void Bitten(int id, const std::string& request, const std::string& what);
@@ -92,7 +92,7 @@ class Conditions {
 
   FILE* log_;
   mutable std::mutex mu_;
-  std::map<int, Entry> entries_;
+  std::map<int, InForce> entries_;
   int lastId_ = 0;
   std::function<void(bool)> reachable_;
   std::mutex reachMu_;  // taken before mu_
@@ -109,8 +109,11 @@ class RequestUnderWay {
   RequestUnderWay& operator=(const RequestUnderWay&) = delete;
   // "API VERSION METHOD" of the calling thread's request ("" when none).
   static std::string OfThisThread();
-  // Version-1 registrations under way, which alone reach account.php.
-  static int Registrations();
+  // "API VERSION METHOD" of the request whose connection account.php has
+  // taken: version-1 registration alone reaches it, and those run one at a
+  // time (this holds the next one back for as long as it lives); "" when
+  // none is under way.
+  static std::string ReachingAccountPhp();
 
  private:
   const std::string& api_;
@@ -118,6 +121,7 @@ class RequestUnderWay {
   const std::string& method_;
   const RequestUnderWay* outer_;
   const bool registration_;
+  std::unique_lock<std::mutex> alone_;
 };
 
-}  // namespace webapihost
+}  // namespace pellixsim

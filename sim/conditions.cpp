@@ -10,12 +10,18 @@
 #include <iterator>
 #include <utility>
 
-#include "devhost.h"
-#include "one_line.h"
 #include "pellix/backend.h"
 #include "seam/seam.h"
+#include "text.h"
 
-namespace webapihost {
+namespace pellixsim {
+
+using webapihost::Compact;
+using webapihost::Cut;
+using webapihost::OneLine;
+using webapihost::ParseJson;
+using webapihost::Shown;
+
 namespace {
 
 // Past the module's 30-second transfer limit, short of a host that seems hung.
@@ -23,13 +29,15 @@ constexpr int kMaxDelayMs = 600000;
 constexpr int kMaxAccountError = 25;
 constexpr int kUnreachable = 4;
 const char kUnreachableWhat[] = "Pellix account service is not reachable";
-const char* const kMembers[] = {"account_error", "operations", "times",       "delay_ms",
-                                "unreachable",   "pkce_throw", "account_php", "logout_refusal"};
 const char kEffects[] = "account_error, delay_ms (above 0), unreachable, pkce_throw, account_php or logout_refusal";
 const char kPhpModes[] = R"("stall", "close", "not-tls", "status:NNN", "keyword:TEXT", "wrong-name" or "expired")";
 
 thread_local const RequestUnderWay* tRequest = nullptr;
-std::atomic<int> gRegistrations{0};
+// Version-1 registration alone reaches account.php, one at a time: the
+// connection account.php takes is the one of the registration under way.
+std::mutex gAlone;          // held by the registration under way
+std::mutex gReaching;       // guards gRegistration
+std::string gRegistration;  // "API VERSION METHOD" of the registration under way, "" none
 
 bool Whole(const Json::Value& v, int low, int high) { return v.isInt() && v.asInt() >= low && v.asInt() <= high; }
 
@@ -40,8 +48,8 @@ std::string Joined(const std::vector<std::string>& names) {
 }
 
 // account.php's conduct as the member names it; false when it names none.
-bool ParseConduct(const std::string& text, pellixsim::Conduct* conduct) {
-  using C = pellixsim::Conduct;
+bool ParseConduct(const std::string& text, Conduct* conduct) {
+  using C = Conduct;
   static const std::pair<const char*, C::Mode> kPlain[] = {{"stall", C::kStall},
                                                            {"close", C::kClose},
                                                            {"not-tls", C::kNotTls},
@@ -95,56 +103,83 @@ std::string CheckPkce(const Json::Value& p) {
   return "";
 }
 
+std::string CheckOperations(const Json::Value& ops) {
+  const std::vector<std::string>& known = talvpellix::OperationNames();
+  if (!ops.isArray() || ops.empty())
+    return R"("operations" must be a non-empty array of the account-client library's operations, such as )"
+           R"(["TALVPELLIXAccountLogin"], not )" +
+           Shown(ops);
+  for (const Json::Value& op : ops) {
+    if (!op.isString()) return R"("operations" must hold names of operations, not )" + Shown(op);
+    if (std::find(known.begin(), known.end(), op.asString()) == known.end())
+      return "\"operations\" names \"" + Cut(op.asString()) +
+             "\", which is no operation of the account-client library; it has " + Joined(known);
+  }
+  return "";
+}
+
+std::string CheckConduct(const Json::Value& php) {
+  Conduct conduct;
+  if (php.isString() && ParseConduct(php.asString(), &conduct)) return "";
+  return R"("account_php" must be one of )" + std::string(kPhpModes) + ", not " + Shown(php);
+}
+
+// The members of a condition, each with why a value of it is wrong ("" when
+// it is not), in the order they are checked. A new failure mode is a row
+// here, and the code that plays it in Conditions::Set (a fault of the seam's
+// plan, account.php's conduct, or the sign-out check's reasons).
+struct Member {
+  const char* name;
+  std::string (*check)(const Json::Value&);
+};
+const Member kMembers[] = {
+    {"account_error",
+     [](const Json::Value& v) -> std::string {
+       if (Whole(v, 0, kMaxAccountError)) return "";
+       return R"("account_error" must be an account error number from 0 to 25, not )" + Shown(v);
+     }},
+    {"operations", CheckOperations},
+    {"times",
+     [](const Json::Value& v) -> std::string {
+       if (Whole(v, 1, INT_MAX)) return "";
+       return R"("times" must be a whole number of calls from 1 up, not )" + Shown(v) +
+              "; leave it out for a condition that lasts until it is cleared";
+     }},
+    {"delay_ms",
+     [](const Json::Value& v) -> std::string {
+       if (Whole(v, 0, kMaxDelayMs)) return "";
+       return R"("delay_ms" must be a whole number of milliseconds from 0 to 600000, not )" + Shown(v);
+     }},
+    {"unreachable",
+     [](const Json::Value& v) -> std::string {
+       if (v == true) return "";
+       return R"("unreachable" can only be true, not )" + Shown(v) + "; leave it out for a service that can be reached";
+     }},
+    {"pkce_throw", CheckPkce},
+    {"account_php", CheckConduct},
+    {"logout_refusal", CheckRefusal},
+};
+
 // Why each member alone is wrong, else why they are wrong together.
 std::string CheckOne(const Json::Value& c) {
   if (!c.isObject()) return "a condition is a JSON object, not " + Shown(c);
+  std::string names;
+  for (size_t i = 0; i < std::size(kMembers); ++i)
+    names += (i == 0 ? "" : i + 1 == std::size(kMembers) ? " and " : ", ") + std::string(kMembers[i].name);
   for (const std::string& name : c.getMemberNames())
-    if (std::find(std::begin(kMembers), std::end(kMembers), name) == std::end(kMembers))
-      return "\"" + Cut(name) +
-             "\" is no member of a condition, which may have account_error, operations, times, delay_ms, "
-             "unreachable, pkce_throw, account_php and logout_refusal";
+    if (std::none_of(std::begin(kMembers), std::end(kMembers), [&](const Member& m) { return name == m.name; }))
+      return "\"" + Cut(name) + "\" is no member of a condition, which may have " + names;
   if (c.empty()) return std::string("the condition is empty: say what it does with ") + kEffects;
-  if (c.isMember("account_error") && !Whole(c["account_error"], 0, kMaxAccountError))
-    return R"("account_error" must be an account error number from 0 to 25, not )" + Shown(c["account_error"]);
-  const std::vector<std::string>& known = talvpellix::OperationNames();
-  if (c.isMember("operations")) {
-    const Json::Value& ops = c["operations"];
-    if (!ops.isArray() || ops.empty())
-      return R"("operations" must be a non-empty array of the account-client library's operations, such as )"
-             R"(["TALVPELLIXAccountLogin"], not )" +
-             Shown(ops);
-    for (const Json::Value& op : ops) {
-      if (!op.isString()) return R"("operations" must hold names of operations, not )" + Shown(op);
-      if (std::find(known.begin(), known.end(), op.asString()) == known.end())
-        return "\"operations\" names \"" + Cut(op.asString()) +
-               "\", which is no operation of the account-client library; it has " + Joined(known);
-    }
-  }
-  if (c.isMember("times") && !Whole(c["times"], 1, INT_MAX))
-    return R"("times" must be a whole number of calls from 1 up, not )" + Shown(c["times"]) +
-           "; leave it out for a condition that lasts until it is cleared";
-  if (c.isMember("delay_ms") && !Whole(c["delay_ms"], 0, kMaxDelayMs))
-    return R"("delay_ms" must be a whole number of milliseconds from 0 to 600000, not )" + Shown(c["delay_ms"]);
-  if (c.isMember("unreachable") && c["unreachable"] != true)
-    return R"("unreachable" can only be true, not )" + Shown(c["unreachable"]) +
-           "; leave it out for a service that can be reached";
-  if (c.isMember("pkce_throw")) {
-    std::string problem = CheckPkce(c["pkce_throw"]);
+  for (const Member& m : kMembers) {
+    const std::string problem = c.isMember(m.name) ? m.check(c[m.name]) : "";
     if (!problem.empty()) return problem;
   }
-  pellixsim::Conduct conduct;
-  if (c.isMember("account_php") &&
-      (!c["account_php"].isString() || !ParseConduct(c["account_php"].asString(), &conduct)))
-    return R"("account_php" must be one of )" + std::string(kPhpModes) + ", not " + Shown(c["account_php"]);
-  if (c.isMember("logout_refusal")) {
-    std::string problem = CheckRefusal(c["logout_refusal"]);
-    if (!problem.empty()) return problem;
+  if (c.isMember("logout_refusal"))
     for (const std::string& name : c.getMemberNames())
       if (name != "logout_refusal")
         return "\"logout_refusal\" and \"" + name +
                "\" cannot be combined in one condition: a sign-out refusal stands alone and lasts until it is "
                "cleared";
-  }
   // Members that contradict each other, or one that cannot apply to what
   // the other names.
   static const char* const kClashes[][3] = {
@@ -233,7 +268,7 @@ std::vector<int> Conditions::Set(const Json::Value& value, bool many, std::strin
   }
   std::vector<int> ids;
   for (const Json::Value& c : all) {
-    Entry e;
+    InForce e;
     e.condition = c;
     e.left = c.isMember("times") ? c["times"].asInt() : -1;
     e.unreachable = c.isMember("unreachable");
@@ -344,15 +379,15 @@ std::vector<std::string> Conditions::LogoutReasons(const std::string& grade) {
   return reasons;
 }
 
-pellixsim::Conduct Conditions::NextConduct() {
-  pellixsim::Conduct conduct;
+Conduct Conditions::NextConduct() {
+  Conduct conduct;
   std::vector<std::pair<int, std::string>> bites;
   int chosen = 0;
   {
     std::lock_guard<std::mutex> lock(mu_);
     // The oldest conduct; the delays add up, as the seam's do.
     for (const auto& e : entries_) {
-      const Entry& c = e.second;
+      const InForce& c = e.second;
       if (c.conducts && !chosen) {
         chosen = e.first;
         const int delay = conduct.delayMs;
@@ -366,8 +401,7 @@ pellixsim::Conduct Conditions::NextConduct() {
       }
     }
   }
-  // Only version-1 registration reaches account.php, from another thread.
-  const std::string request = RequestUnderWay::Registrations() > 0 ? "TALV.Core.PellixCenter 1 register" : "";
+  const std::string request = RequestUnderWay::ReachingAccountPhp();
   for (const auto& bite : bites) Bitten(bite.first, request, bite.second);
   if (chosen) UsedOne(chosen);
   return conduct;
@@ -414,12 +448,17 @@ RequestUnderWay::RequestUnderWay(const std::string& api, int version, const std:
       outer_(tRequest),
       registration_(version == 1 && method == "register" && api == "TALV.Core.PellixCenter") {
   tRequest = this;
-  if (registration_) ++gRegistrations;
+  if (!registration_) return;
+  alone_ = std::unique_lock<std::mutex>(gAlone);
+  std::lock_guard<std::mutex> lock(gReaching);
+  gRegistration = OfThisThread();
 }
 
 RequestUnderWay::~RequestUnderWay() {
   tRequest = outer_;
-  if (registration_) --gRegistrations;
+  if (!registration_) return;
+  std::lock_guard<std::mutex> lock(gReaching);
+  gRegistration.clear();
 }
 
 std::string RequestUnderWay::OfThisThread() {
@@ -427,6 +466,9 @@ std::string RequestUnderWay::OfThisThread() {
   return r ? Cut(r->api_) + " " + std::to_string(r->version_) + " " + Cut(r->method_) : "";
 }
 
-int RequestUnderWay::Registrations() { return gRegistrations; }
+std::string RequestUnderWay::ReachingAccountPhp() {
+  std::lock_guard<std::mutex> lock(gReaching);
+  return gRegistration;
+}
 
-}  // namespace webapihost
+}  // namespace pellixsim

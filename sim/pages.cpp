@@ -1,6 +1,6 @@
-#include "sim_pages.h"
+#include "pages.h"
 
-namespace webapihost {
+namespace pellixsim {
 namespace {
 
 std::string Html(const std::string& text) {
@@ -102,4 +102,4 @@ std::string DonePage(const std::string& flow, const Json::Value& config, const J
               body);
 }
 
-}  // namespace webapihost
+}  // namespace pellixsim

@@ -1,0 +1,211 @@
+#include "simulation.h"
+
+#include <httplib.h>
+
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+
+#include "one_line.h"
+#include "pages.h"
+#include "route.h"
+#include "text.h"
+
+namespace pellixsim {
+
+using webapihost::Compact;
+using webapihost::Cut;
+using webapihost::Fields;
+using webapihost::kErrBadRequest;
+using webapihost::kErrUnknown;
+using webapihost::OneLine;
+using webapihost::ParseJson;
+using webapihost::Since;
+
+std::unique_ptr<Simulation> Simulation::Open(const std::string& folder, DeviceFacts device, FILE* log,
+                                             std::string* error) {
+  if (!MakeCertificates(folder, error)) return nullptr;
+  std::unique_ptr<Store> store = Store::Open(folder + "/account.db", error);
+  if (!store) {
+    *error = "the account service's database cannot be used: " + *error +
+             "\n  Move it away to start with no accounts, or pick another folder with --state.";
+    return nullptr;
+  }
+  // A storage failure answers 3003; its cause is only here.
+  store->OnFailure([log](const std::string& failure) {
+    if (log) (void)std::fprintf(log, "account service: storage failed: %s\n", OneLine(failure).c_str());
+  });
+  return std::unique_ptr<Simulation>(new Simulation(folder, std::move(store), std::move(device), log));
+}
+
+Simulation::Simulation(std::string folder, std::unique_ptr<Store> store, DeviceFacts device, FILE* log)
+    : folder_(std::move(folder)),
+      store_(std::move(store)),
+      service_(store_.get(), Options()),
+      conditions_(log),
+      backend_(&service_, device),
+      accountPhp_(&service_),
+      device_(std::move(device)),
+      log_(log) {
+  accountPhp_.SetConductor([this] { return conditions_.NextConduct(); });
+  conditions_.OnReachable([this](bool reachable) {
+    std::string why;
+    if (!accountPhp_.SetReachable(reachable, &why) && log_)
+      (void)std::fprintf(log_, "account.php: %s\n", OneLine(why).c_str());
+  });
+}
+
+Simulation::~Simulation() { accountPhp_.Stop(); }
+
+int Simulation::StartAccountPhp(std::string* error) { return accountPhp_.Start(folder_, error); }
+
+void Simulation::Authorize(const webapihost::Exchange& x) {
+  if (x.req.method == "POST") return Browser(x);
+  Page(x);
+}
+
+// The browser's side of the account service: what a user does in a web page
+// of the service, which the device never sees.
+void Simulation::Browser(const webapihost::Exchange& x) {
+  const httplib::Request& req = x.req;
+  httplib::Response& res = x.res;
+  const auto start = std::chrono::steady_clock::now();
+  Json::Value fields;
+  std::string problem;
+  uint32_t error = kBadParam;
+  Json::Value answer(Json::objectValue);
+  if (!Fields(req, x.body, false, &fields, &problem)) {
+    answer["error"] = problem;
+    x.Json(400, Compact(answer));
+    x.Log(req.method + " " + req.path + ": 400 (" + problem + ")");
+    return;
+  }
+  auto text = [&](const char* name, const std::string& fallback = "") {
+    return fields[name].isString() ? fields[name].asString() : fallback;
+  };
+  const Json::Value login = service_.PkceConfig("login");
+  // A sign-in from the service's sign-in page (SimPage) goes on as a page: to
+  // the redirect target with the grant code, or back to the form.
+  const bool signInPage = req.path == "/sim/authorize" && req.get_header_value("Sec-Fetch-Mode") == "navigate";
+  std::string code;
+  const std::string redirect = text("redirect_uri", login["redirect_uri"].asString());
+  if (req.path == "/sim/authorize") {
+    error = service_.IssueGrant(text("email"), text("password"), text("client_id", kClientId), redirect,
+                                text("code_challenge"), text("code_challenge_method", "S256"), &code);
+    answer["grant_code"] = code;
+    answer["redirect_uri"] = redirect;
+    answer["expires_in"] = static_cast<Json::Int64>(service_.options().grantLifetime);
+  } else if (req.path == "/sim/register") {
+    NewAccount account;
+    account.email = text("email");
+    account.password = text("password");
+    account.fullName = text("full_name");
+    account.country = text("country");
+    error = service_.Register("", account);
+    answer["email"] = account.email;
+    answer["registered"] = true;
+  } else {
+    std::string token;
+    error = service_.IssueAccessToken(text("email"), text("password"), &token);
+    answer["access_token"] = token;
+    answer["token_type"] = "Bearer";
+    answer["expires_in"] = static_cast<Json::Int64>(service_.options().tokenLifetime);
+  }
+  int status = 200;
+  std::string wrong;
+  if (error != kOk) {
+    answer = Json::Value(Json::objectValue);
+    answer["account_error"] = error;
+    wrong = error == kBadAuth    ? "wrong e-mail address or password"
+            : error == kBadParam ? "missing or malformed field"
+            : error == kInUse    ? "the e-mail address is taken"
+                                 : "the service failed";
+    answer["error"] = wrong;
+    status = error == kBadAuth ? 401 : error == kBadParam ? 400 : error == kInUse ? 409 : 500;
+  }
+  // The redirect goes by path, so the browser stays on the name it used for
+  // the host; a redirect URI elsewhere gets the answer as it is.
+  const std::string own = service_.options().baseUrl + "/sim/";
+  if (signInPage && error != kOk) {
+    x.Page(status, SignInPage(fields, login, "The sign-in failed: " + wrong + "."));
+  } else if (signInPage && redirect.rfind(own, 0) == 0) {
+    status = 303;
+    res.status = status;
+    const std::string path = redirect.substr(service_.options().baseUrl.size());
+    res.set_header("Location", path + (path.find('?') == std::string::npos ? "?code=" : "&code=") + code);
+  } else {
+    x.Json(status, Compact(answer));
+  }
+  x.Log(req.method + " " + req.path + ": " + std::to_string(status) + ", " + Since(start) +
+        (wrong.empty() ? "" : " (" + wrong + ")"));
+}
+
+// The account service's pages that its links lead to (pages.h).
+void Simulation::Page(const webapihost::Exchange& x) {
+  const httplib::Request& req = x.req;
+  Json::Value fields;
+  std::string problem;
+  if (!Fields(req, x.body, false, &fields, &problem)) return x.Refuse(400, kErrBadRequest, problem);
+  if (req.path == "/sim/authorize") {
+    x.Page(200, SignInPage(fields, service_.PkceConfig("login"), ""));
+  } else if (req.path == "/sim/account") {
+    Json::Value info;
+    const uint32_t error = service_.Query(device_.serial, &info);
+    if (error != kOk && error != kNotSignedIn)
+      return x.Refuse(500, kErrUnknown, "the account service cannot read the device's account");
+    x.Page(200, AccountPage(error == kOk ? info : Json::Value()));
+  } else {
+    const std::string flow = req.path == "/sim/register/done" ? "register" : "login";
+    x.Page(200, DonePage(flow, service_.PkceConfig(flow), fields, service_.options().grantLifetime));
+  }
+  x.Log(req.method + " " + req.path + ": 200");
+}
+
+// The account service's conditions (conditions.h): GET lists them, POST sets
+// one and answers 201 with its id, DELETE clears one or all.
+void Simulation::InForce(const webapihost::Exchange& x) {
+  const httplib::Request& req = x.req;
+  const webapihost::RequestBody& body = x.body;
+  Json::Value answer(Json::objectValue);
+  int status = 200;
+  if (req.method == "POST") {
+    const std::string type = req.get_header_value("Content-Type");
+    if (type.rfind("application/json", 0) != 0)
+      return x.Refuse(
+          415, kErrBadRequest,
+          (type.empty() ? std::string("the body has no Content-Type") : "Content-Type \"" + Cut(type) + "\"") +
+              ": send the condition as a JSON object, with Content-Type application/json");
+    Json::Value condition;
+    std::string problem;
+    if (body.text.empty()) return x.Refuse(400, kErrBadRequest, "the body is empty: send one condition, a JSON object");
+    if (!ParseJson(body.text, &condition, &problem))
+      return x.Refuse(400, kErrBadRequest, "the body is not JSON: " + problem);
+    const std::vector<int> ids = conditions_.Set(condition, false, &problem);
+    if (ids.empty()) return x.Refuse(400, kErrBadRequest, problem);
+    status = 201;
+    answer["id"] = ids[0];
+    x.res.set_header("Location", "/sim/conditions/" + std::to_string(ids[0]));
+  } else if (req.method == "DELETE") {
+    std::vector<int> ids;
+    if (req.path == "/sim/conditions") {
+      ids = conditions_.ClearAll();
+    } else {
+      const std::string id = req.path.substr(std::strlen("/sim/conditions/"));
+      char* end = nullptr;
+      const long n = std::strtol(id.c_str(), &end, 10);
+      if (id.empty() || *end || n <= 0 || n > INT_MAX || !conditions_.Clear(static_cast<int>(n)))
+        return x.Refuse(404, kErrBadRequest,
+                        "no condition \"" + Cut(id) + "\" is in force: GET /sim/conditions lists those that are");
+      ids.push_back(static_cast<int>(n));
+    }
+    answer["cleared"] = Json::Value(Json::arrayValue);
+    for (int id : ids) answer["cleared"].append(id);
+  } else {
+    answer = conditions_.List();
+  }
+  x.res.set_header("Cache-Control", "no-store");
+  x.Json(status, Compact(answer));
+  x.Log(req.method + " " + req.path + ": " + std::to_string(status));
+}
+
+}  // namespace pellixsim
