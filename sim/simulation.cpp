@@ -84,7 +84,7 @@ void Simulation::Browser(const webapihost::Exchange& x) {
     return fields[name].isString() ? fields[name].asString() : fallback;
   };
   const Json::Value login = service_.PkceConfig("login");
-  // A sign-in from the service's sign-in page (SimPage) goes on as a page: to
+  // A sign-in from the service's sign-in page (Page) goes on as a page: to
   // the redirect target with the grant code, or back to the form.
   const bool signInPage = req.path == "/sim/authorize" && req.get_header_value("Sec-Fetch-Mode") == "navigate";
   std::string code;
