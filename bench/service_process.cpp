@@ -8,6 +8,7 @@
 #include <fstream>
 
 #include "client.h"
+#include "device_files.h"
 #include "seam/seam.h"
 #include "syslog_capture.h"
 
@@ -37,7 +38,7 @@ const ServiceProcess& StartServiceProcess() {
   static webapihost::TempDir device;
   std::filesystem::copy(PELLIX_DEV_SYSROOT, device.path(), std::filesystem::copy_options::recursive);
   std::ofstream(device.path() + "/usr/talv/etc/talvrelayd/talvrelayd.conf")
-      << "[relay]\nenabled = 1\n\n[pellix]\nhost = " << process.service->Address() << "\n";
+      << devicefiles::RelayConf(process.service->Address());
   talvseam::SetSysroot(device.path());
   // The journal is bounded, but keeping it costs every call a lock; and
   // what a request logs must be gone when it is done with.

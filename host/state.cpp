@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "device_files.h"
 #include "seam/seam.h"
 #include "talv/sdk.h"
 #include "talv/tlibc.h"
@@ -133,16 +134,14 @@ bool OpenState(const std::string& root, StateFolder* state, std::string* error) 
     *error = "cannot create " + state->service + ": " + ec.message();
     return false;
   }
-  // A fresh device: factory settings, a serial number of its own, a build,
-  // the interface's language and a time zone; no account and nothing refused.
+  // A fresh device: the development device's files (dev/sysroot) with a
+  // serial number of its own; no account and nothing refused.
   const std::string d = state->device;
   if (!WriteIfMissing(d + "/etc.defaults/talvinfo.conf",
-                      "# Factory settings of the simulated device\nupnpmodelname=TS-464\nserial=" + NewSerial() + "\n",
+                      devicefiles::WithValue(devicefiles::Text("/etc.defaults/talvinfo.conf"), "serial", NewSerial()),
                       error) ||
-      !WriteIfMissing(d + "/etc.defaults/VERSION", "majorversion=\"5\"\nminorversion=\"2\"\nbuildnumber=\"20261101\"\n",
-                      error) ||
-      !WriteIfMissing(d + "/etc/talvinfo.conf",
-                      "# Settings of the simulated device\nlanguage=enu\ntimezone=Amsterdam\n", error) ||
+      !WriteIfMissing(d + "/etc.defaults/VERSION", devicefiles::Text("/etc.defaults/VERSION"), error) ||
+      !WriteIfMissing(d + "/etc/talvinfo.conf", devicefiles::Text("/etc/talvinfo.conf"), error) ||
       !WriteIfMissing(state->ReasonsFile(),
                       "# Why the account sign-out is refused now, one reason a line:\n"
                       "#   hard = <reason>   nothing overrides it\n"
@@ -172,7 +171,7 @@ bool OpenState(const std::string& root, StateFolder* state, std::string* error) 
 }
 
 bool WriteRelayHost(const StateFolder& state, const std::string& host, std::string* error) {
-  return WriteFile(state.RelayConf(), "[relay]\nenabled = 1\n\n[pellix]\nhost = " + host + "\n", error);
+  return WriteFile(state.RelayConf(), devicefiles::RelayConf(host), error);
 }
 
 }  // namespace webapihost

@@ -3,7 +3,8 @@
 // Linked into a host program, this library's syslog() and vsyslog() (and
 // their fortified forms) take the place of the C library's for every module
 // the program loads: each line is kept with its priority and its exact
-// formatted text, and optionally echoed to a stream.
+// formatted text, and optionally echoed to a stream. It is an interposer:
+// docs/platform.md#interposers says how a program must link it.
 #pragma once
 
 #include <cstdio>

@@ -1,11 +1,10 @@
 // Makes a process trust an authority the way the device trusts the real
 // account service: through the system's trust store, which libcurl reads.
 //
-// This is a shared library of its own, linked into a program before the C
-// library (as syslogcapture is), so that its fopen() and fopen64() are the
-// ones every part of the program calls, libcurl's OpenSSL among them. It
-// answers only for the system's bundle and forwards every other file to the
-// C library; without TrustAuthorities() it changes nothing.
+// Its fopen() and fopen64() take the place of the C library's in a program
+// that links this library (an interposer: docs/platform.md#interposers). They
+// answer only for the system's bundle and forward every other file to the C
+// library; without TrustAuthorities() they change nothing.
 #pragma once
 
 #include <string>

@@ -1,4 +1,5 @@
-// The registration form request to the account service.
+// The registration form request to the account service. Its log lines are
+// the device's, slips and all, and stay as written (log.h).
 #include "account_register.h"
 
 #include <cstring>

@@ -1,4 +1,5 @@
-// One HTTPS POST of URL-encoded form fields with the device's identity.
+// One HTTPS POST of URL-encoded form fields with the device's identity. Its
+// log lines are the device's, slips and all, and stay as written (log.h).
 #include "https_request.h"
 
 #include <curl/curl.h>

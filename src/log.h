@@ -1,6 +1,11 @@
 // The module's one way of logging: "<source file>:<line> <message>" at error
 // priority. Each statement stays on one line so that its line number is the
 // line of the format.
+//
+// Every format is the device's own wording and stays as written, misspellings,
+// lower case and odd grammar included: whoever reads or matches the device's
+// log finds the same lines here. The comments that point back here mark the
+// ones that look most like slips.
 #pragma once
 
 #include <syslog.h>

@@ -171,6 +171,7 @@ bool LogoutFeasible(TALV::APIRequest* request, TALV::APIResponse* response) {
   Json::Value details(Json::objectValue);
   Json::Value reasons;
   const char* refusedBy = nullptr;
+  // "Hardly" and "softly" not feasible: the device's words (log.h).
   if (!IsLogoutFeasible(FEASIBILITY_CHECK_HARD, reasons)) {
     PELLIX_LOG("Logout is hardly not feasible, reasons: %s", toString(reasons).c_str());
     refusedBy = "hard";
@@ -585,6 +586,7 @@ void PkceLogout(TALV::APIRequest* request, TALV::APIResponse* response) {
     talvpellix::AccountPkceService service;
     service.Logout();
   } catch (const talvpellix::PellixException& e) {
+    // The device's wording, as written (log.h).
     PELLIX_LOG("Failed to pkce logout: %s", e.what());
     response->SetError(AccountErrorToApiError(static_cast<uint32_t>(e.GetCode())), Json::Value());
     return;
@@ -604,7 +606,7 @@ constexpr size_t kFullNameMin = 2;
 constexpr size_t kFullNameMax = 256;
 
 // False, with its line logged, when the password or the full name is outside
-// the service's limits.
+// the service's limits. The lines are spelt as the device spells them (log.h).
 bool RegisterLengthsValid(const std::string& password, const std::string& fullName) {
   if (password.size() < kPasswordMin || password.size() > kPasswordMax) {
     PELLIX_LOG("pellix passowrd length is invaild: %zd", static_cast<ssize_t>(password.size()));
@@ -629,7 +631,8 @@ int RegisterKeywordCode(const char* keyword, size_t length) {
 }  // namespace
 
 // Version 1 posts the registration form itself and judges the service's
-// answer by its first keyword. Every answer carries JSON null.
+// answer by its first keyword. Every answer carries JSON null. Its log lines
+// are worded as the device words them, lower case and all (log.h).
 void Register(TALV::APIRequest* request, TALV::APIResponse* response) {
   TALV::Relay::RelaydConf relayd(kRelaydConf);
   const TALV::APIParameter<std::string> account = ReadCheckedString(request, "account", TALV::APIValidator::IsEMail);
@@ -722,6 +725,7 @@ std::string getCodeVerifier(std::string challenge) {  // cppcheck-suppress passe
   params["challenge"] = challenge;
   Json::Value result(Json::objectValue);
   TALV::APIRunner::Exec(result, "TALV.Remote.Credential.Verifier", 1, "get", params, "root");
+  // The message is logged with a failed PKCE sign-in: the device's wording too.
   if (result["success"].isNull() || !result["success"].asBool())
     throw std::runtime_error("Failed to get verifier, challenge might be wrong");
   return result["data"]["verifier"].asString();

@@ -2,17 +2,15 @@
 // themselves, in the manner of curl's torture mode: through the platform
 // seam's own fault plan and journal (seam/seam.h), service "curl".
 //
-// A program linked with this file defines curl_easy_init, curl_easy_setopt,
-// curl_easy_escape, curl_slist_append, curl_easy_perform, curl_easy_getinfo
-// and (but in the fuzz tree) realloc and strdup itself and exports them, so
-// that the module's calls reach these first. While WatchCurl is on, each
-// call made from pellixcenter.so enters the seam, and fails when its plan
-// says so; every call is forwarded to the real function otherwise. A failing
-// curl_easy_init, curl_easy_escape, curl_slist_append, realloc or strdup
-// gives null, curl_easy_setopt and curl_easy_getinfo
-// CURLE_BAD_FUNCTION_ARGUMENT, curl_easy_perform CURLE_OUT_OF_MEMORY. (Under
-// memcheck the program's own realloc stands only with
-// --soname-synonyms=somalloc=nouserintercepts.)
+// A program linked with this file defines and exports the libcurl calls the
+// module makes and (but in the fuzz tree) realloc and strdup, so that the
+// module's calls reach these first (docs/platform.md#interposers: the link
+// order and valgrind's and the fuzzer's exceptions). While WatchCurl is on,
+// each call made from pellixcenter.so enters the seam, and fails when its
+// plan says so; every call is forwarded to the real function otherwise. A
+// failing curl_easy_init, curl_easy_escape, curl_slist_append, realloc or
+// strdup gives null, curl_easy_setopt and curl_easy_getinfo
+// CURLE_BAD_FUNCTION_ARGUMENT, curl_easy_perform CURLE_OUT_OF_MEMORY.
 #pragma once
 
 #include <string>

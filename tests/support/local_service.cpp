@@ -5,6 +5,7 @@
 #include <filesystem>
 #include <fstream>
 
+#include "device_files.h"
 #include "sdk/device.h"
 #include "seam/seam.h"
 #include "support/curl_faults.h"
@@ -75,8 +76,7 @@ void LocalServiceTest::TearDown() {
 }
 
 void LocalServiceTest::ConfigureHost(const std::string& host) {
-  sysroot_->Write("/usr/talv/etc/talvrelayd/talvrelayd.conf",
-                  "[relay]\nenabled = 1\n\n[pellix]\nhost = " + host + "\n");
+  sysroot_->Write("/usr/talv/etc/talvrelayd/talvrelayd.conf", devicefiles::RelayConf(host));
 }
 
 void TrustedServiceTest::SetUp() {

@@ -14,28 +14,6 @@
 
 namespace pellixtest {
 
-using ::testing::_;
-using ::testing::Invoke;
-
-MockBackend::MockBackend() {
-  talvpellix::Backend* offline = talvpellix::OfflineBackend();
-  ON_CALL(*this, QueryInfo).WillByDefault(Invoke(offline, &talvpellix::Backend::QueryInfo));
-  ON_CALL(*this, Login).WillByDefault(Invoke(offline, &talvpellix::Backend::Login));
-  ON_CALL(*this, LoginByKey).WillByDefault(Invoke(offline, &talvpellix::Backend::LoginByKey));
-  ON_CALL(*this, OauthLogin).WillByDefault(Invoke(offline, &talvpellix::Backend::OauthLogin));
-  ON_CALL(*this, HandleApiKeyError).WillByDefault(Invoke(offline, &talvpellix::Backend::HandleApiKeyError));
-  ON_CALL(*this, GetIframeInfo).WillByDefault(Invoke(offline, &talvpellix::Backend::GetIframeInfo));
-  ON_CALL(*this, Logout).WillByDefault(Invoke(offline, &talvpellix::Backend::Logout));
-  ON_CALL(*this, Register).WillByDefault(Invoke(offline, &talvpellix::Backend::Register));
-  ON_CALL(*this, SetInfo).WillByDefault(Invoke(offline, &talvpellix::Backend::SetInfo));
-  ON_CALL(*this, PurchaseList).WillByDefault(Invoke(offline, &talvpellix::Backend::PurchaseList));
-  ON_CALL(*this, PkceOpen).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceOpen));
-  ON_CALL(*this, PkceRegisterConfig).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceRegisterConfig));
-  ON_CALL(*this, PkceLoginConfig).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceLoginConfig));
-  ON_CALL(*this, PkceLogin).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceLogin));
-  ON_CALL(*this, PkceLogout).WillByDefault(Invoke(offline, &talvpellix::Backend::PkceLogout));
-}
-
 Json::Value J(const std::string& text) {
   Json::Value value;
   Json::CharReaderBuilder builder;
