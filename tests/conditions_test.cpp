@@ -144,10 +144,8 @@ TEST_F(ConditionsTest, FromAFileAtStart) {
   struct Case {
     std::string file, says;
   } cases[] = {
-      {dir_.path() + "/bad.json", "the conditions file " + dir_.path() +
-                                      "/bad.json: condition 2 of 2: \"times\" must be a whole number of calls from 1 "
-                                      "up, not 0"},
-      {dir_.path() + "/none.json", "cannot read the conditions file " + dir_.path() + "/none.json: No such file"},
+      {dir_.path() + "/bad.json", "/bad.json: condition 2 of 2: \"times\""},
+      {dir_.path() + "/none.json", "/none.json: No such file"},
   };
   for (const Case& c : cases) {
     std::string out, err;
