@@ -580,7 +580,9 @@ TEST_F(ServeTest, StartUpErrorsEndAtOnceWithAMessage) {
     std::string says;
   } cases[] = {
       {d + "/junk", "account.db: not a usable database"},
-      {d + "/other", "account.db: not the account service's database: its table \"accounts\""},
+      {d + "/other",
+       "account.db: not the account service's database: its table \"accounts\" has the columns (id "
+       "INTEGER PRIMARY KEY, name TEXT), the service's (id INTEGER PRIMARY KEY, email TEXT NOT NULL"},
       {d + "/file", "cannot use"},
       {d + "/relay", "talvrelayd.conf: Is a directory"},
       {d + "/state", "the state folder " + d + "/state is in use by process " + std::to_string(host_->pid())},
