@@ -233,41 +233,36 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   const size_t which = data.ConsumeIntegralInRange(0, 15);
   if (which == 15) {
     PostForm(data);
-    FUZZ_CHECK(pellixtest::PostedForm().size() < 2048);
-    FUZZ_CHECK(talvcore::LiveHashes() == 0 && talvcore::LiveLists() == 0 && talvcore::BadFrees().empty());
-    gData = nullptr;
-    return 0;
-  }
-  const TALV::APITableEntry& row = gModule->Table()[which];
-  Json::Value params(Json::objectValue);
-  for (int n = data.ConsumeIntegralInRange(0, 8); n > 0; --n) params[data.PickValueInArray(kNames)] = Value(data, 1);
-  const bool registerV1 = which == 0;
-  if (registerV1 && data.ConsumeBool()) {  // one that gets as far as the form
-    params["account"] = data.ConsumeRandomLengthString(64) + "@example.com";
-    params["password"] = data.ConsumeRandomLengthString(140);
-    params["fullname"] = data.ConsumeRandomLengthString(270);
-  }
-  // As root, each request runs with the effective ids dropped (the saved
-  // ones kept), so that the privilege guard has something to raise and to
-  // put back. Root again between requests: the leak checker needs it.
-  if (gRoot) FUZZ_CHECK(setresgid(-1, 65534, -1) == 0 && setresuid(-1, 65534, -1) == 0);
-  const uid_t uid = geteuid();
-  const gid_t gid = getegid();
+  } else {
+    const TALV::APITableEntry& row = gModule->Table()[which];
+    Json::Value params(Json::objectValue);
+    for (int n = data.ConsumeIntegralInRange(0, 8); n > 0; --n) params[data.PickValueInArray(kNames)] = Value(data, 1);
+    const bool registerV1 = which == 0;
+    if (registerV1 && data.ConsumeBool()) {  // one that gets as far as the form
+      params["account"] = data.ConsumeRandomLengthString(64) + "@example.com";
+      params["password"] = data.ConsumeRandomLengthString(140);
+      params["fullname"] = data.ConsumeRandomLengthString(270);
+    }
+    // As root, each request runs with the effective ids dropped (the saved
+    // ones kept), so that the privilege guard has something to raise and to
+    // put back. Root again between requests: the leak checker needs it.
+    if (gRoot) FUZZ_CHECK(setresgid(-1, 65534, -1) == 0 && setresuid(-1, 65534, -1) == 0);
+    const uid_t uid = geteuid();
+    const gid_t gid = getegid();
 
-  webapihost::Answer a =
-      gModule->Call(row.szAPI, row.iVersion, row.szMethod, params, data.ConsumeRandomLengthString(8));
-  FUZZ_CHECK(geteuid() == uid && getegid() == gid);
-  if (gRoot) {
-    FUZZ_CHECK(setresuid(-1, 0, -1) == 0 && setresgid(-1, 0, -1) == 0);
-    prctl(PR_SET_DUMPABLE, 1);
+    webapihost::Answer a =
+        gModule->Call(row.szAPI, row.iVersion, row.szMethod, params, data.ConsumeRandomLengthString(8));
+    FUZZ_CHECK(geteuid() == uid && getegid() == gid);
+    if (gRoot) {
+      FUZZ_CHECK(setresuid(-1, 0, -1) == 0 && setresgid(-1, 0, -1) == 0);
+      prctl(PR_SET_DUMPABLE, 1);
+    }
+    FUZZ_CHECK(a.found);
+    FUZZ_CHECK(a.answers == (a.threw ? 0 : 1));
+    if (registerV1 && !a.threw) FUZZ_CHECK(a.success || gKeywordCodes.count(a.code));
   }
-  FUZZ_CHECK(a.found);
-  FUZZ_CHECK(a.answers == (a.threw ? 0 : 1));
-  if (registerV1 && !a.threw) FUZZ_CHECK(a.success || gKeywordCodes.count(a.code));
   FUZZ_CHECK(pellixtest::PostedForm().size() < 2048);
-  FUZZ_CHECK(talvcore::LiveHashes() == 0);
-  FUZZ_CHECK(talvcore::LiveLists() == 0);
-  FUZZ_CHECK(talvcore::BadFrees().empty());
+  FUZZ_CHECK(talvcore::LiveHashes() == 0 && talvcore::LiveLists() == 0 && talvcore::BadFrees().empty());
   gData = nullptr;
   return 0;
 }

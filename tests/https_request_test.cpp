@@ -296,16 +296,11 @@ const WireCase kWire[] = {
     {"EmptyAnswer", kHandler, kRequest, Says(""), "3000", kHandlerForm, RegisterError(200, "")},
     {"OnlyColons", kHandler, kRequest, Says(":::"), "3000", kHandlerForm, RegisterError(200, "")},
     {"ServerError", kHandler, kRequest, Status(500), "3003", kHandlerForm, RegisterError(500, "badsys")},
-    // account.php answering for itself, a while later, and misbehaving: a
-    // transfer that fails is badnetwork.
+    // account.php answering for itself, a while later; a transfer that fails
+    // is badnetwork (each way of failing: https_hostile_test).
     {"ServiceRegisters", kHandler, kRequest, {}, "0", kHandlerForm},
     {"ServiceKnowsTheAddress", kHandler, kRequest, {Conduct::kAnswer, 200, "", 300}, "3005", kHandlerForm,
      RegisterError(200, "account_inused")},
-    {"ClosesMidAnswer", kHandler, kRequest, {Conduct::kClose}, "3002", kHandlerForm, RegisterError(0, "badnetwork")},
-    {"NotTls", kHandler, kRequest, {Conduct::kNotTls}, "3002", "", RegisterError(0, "badnetwork")},
-    {"CertificateForAnotherName", kHandler, kRequest, {Conduct::kWrongName}, "3002", "",
-     RegisterError(0, "badnetwork")},
-    {"ExpiredCertificate", kHandler, kRequest, {Conduct::kExpired}, "3002", "", RegisterError(0, "badnetwork")},
     {"UnreachableServiceIsBadnetwork", kHandler, kRequest, {}, "3002", "", RegisterError(0, "badnetwork"), nullptr, -1,
      kClosed},
     // The checks before the form, in their order.

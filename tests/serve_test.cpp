@@ -83,10 +83,13 @@ std::string Refused(int code, const char* details = "null") {
   return R"({"success":false,"error":{"code":)" + std::to_string(code) + R"(,"details":)" + details + "}}";
 }
 
+// What only the whole host shows: the service's answers as the module passes
+// them on, the service's own pages, and the device's sign-out reasons file.
+// (The rules are sim_test's, the handlers' the module tests', and the sign-in
+// ways end to end Demo.Completes'.)
 TEST_F(ServeTest, AccountLifeCycle) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Run({
-      {"fresh device", kCenter, 2, "query", "{}", kSignedOut},
       {"no history", "TALV.Core.PellixCenter.Purchase", 1, "list", "{}", Refused(3000, "{}")},
       {"no account to change", kAccount, 1, "set", R"({"enews":true})", Refused(3000)},
   });
@@ -98,13 +101,8 @@ TEST_F(ServeTest, AccountLifeCycle) {
   EXPECT_EQ(dup.body["account_error"], 16);
 
   Run({
-      {"wrong password", kCenter, 2, "login", R"({"account":"ada@example.com","password":"secret2"})",
-       Refused(3004, "{}")},
       {"sign in", kCenter, 2, "login", R"({"account":"ada@EXAMPLE.com","password":"secret1"})",
        R"({"success":true,"data":{"account":"ada@EXAMPLE.com","auth_key":"<any>","activated":true}})", "key"},
-      {"no second sign-in", kCenter, 2, "login", R"({"account":"bob@example.com","password":"123456"})",
-       R"({"success":false,"error":{"code":3010,"details":{"account":"Ada@Example.com","auth_key":"$key",
-           "activated":true}}})"},
       {"signed in", kCenter, 2, "query", "{}",
        R"({"success":true,"data":{"account":"Ada@Example.com","auth_key":"$key","activated":true,
            "critical_version_domain":"critical.pellix.example","is_logged_in":true}})"},
@@ -122,11 +120,6 @@ TEST_F(ServeTest, AccountLifeCycle) {
        R"({"success":true,"data":{"language":"enu","total":1,"purchases":[{"app":"cloud_backup_trial",
            "name":"Cloud backup, 30-day trial","serial":"","price":"0.00","currency":"USD","paypal":"",
            "date":"<any>"}]}})"},
-      {"malformed date", "TALV.Core.PellixCenter.Purchase", 1, "list", R"({"date_to":"tomorrow"})",
-       Refused(3001, "{}")},
-      {"unknown key error", kCenter, 2, "handle_apikey_error", R"({"apikey_error":"bogus"})", Refused(3001, "{}")},
-      {"expired key", kCenter, 2, "handle_apikey_error", R"({"apikey_error":"expired"})",
-       R"({"success":true,"data":{"auth_key":"<any>"}})", "key"},
       {"iframe", kCenter, 2, "get_iframe_info", "{}",
        R"({"success":true,"data":{"url":"<any>","is_logged_in":true,"account":"Ada@Example.com"}})"},
   });
@@ -155,56 +148,23 @@ TEST_F(ServeTest, AccountLifeCycle) {
       {"signed out", kCenter, 2, "query", "{}", kSignedOut},
       {"nobody to sign out", kCenter, 2, "logout", R"({"force":true})", kDone},
       {"key of another device", kCenter, 2, "login_by_key", R"({"serial":"OTHER","auth_key":"$key"})", Refused(3004)},
-      {"sign in by key", kCenter, 2, "login_by_key", R"({"serial":"$serial","auth_key":"$key"})",
-       R"({"success":true,"data":{"account":"Ada@Example.com","auth_key":"$key","activated":true}})"},
-      {"sign out", kCenter, 2, "logout", R"({"force":true})", kDone},
   });
-  Reply token = PostForm(host_->port(), "/sim/token", J(R"({"email":"bob@example.com","password":"123456"})"));
-  ASSERT_EQ(token.status, 200) << token.body;
-  EXPECT_EQ(PostForm(host_->port(), "/sim/token", J(R"({"email":"bob@example.com","password":"1234567"})")).status,
-            401);
-  vars_["token"] = token.body["access_token"].asString();
-  Run({{"sign in by token", kCenter, 2, "oauth_login", R"({"access_token":"$token"})",
-        R"({"success":true,"data":{"account":"bob@example.com","auth_key":"<any>","activated":true}})"}});
-  EXPECT_EQ(host_->Stop(SIGTERM), 0);
 }
 
-// The module's PKCE sign-in, through the verifier API the host serves.
-TEST_F(ServeTest, PkceSignIn) {
+// The service's sign-in page, as a browser submits it, goes on to the redirect
+// target, which shows a grant code that the module's PKCE sign-in takes.
+TEST_F(ServeTest, PkceSignInByTheServicesPage) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Register("ada@example.com", "secret1");
-  Reply config = Entry(host_->port(), "TALV.Core.PellixCenter.Login", 1, "pkce_config_get");
-  ASSERT_TRUE(config.body["success"].asBool()) << config.body;
-  const Json::Value login = config.body["data"]["login"];
+  const Json::Value login =
+      Entry(host_->port(), "TALV.Core.PellixCenter.Login", 1, "pkce_config_get").body["data"]["login"];
   EXPECT_EQ(login["code_challenge_method"], "S256");
   Reply created = Entry(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
   vars_["challenge"] = created.body["data"]["challenge"].asString();
-  Json::Value authorize = J(R"({"email":"ada@example.com","password":"secret1"})");
-  authorize["code_challenge"] = vars_["challenge"];
   EXPECT_EQ(PostForm(host_->port(), "/sim/authorize", J(R"({"email":"ada@example.com","password":"x",
                                                              "code_challenge":"abc"})"))
                 .status,
             400);
-  Reply grant = PostForm(host_->port(), "/sim/authorize", authorize);
-  ASSERT_EQ(grant.status, 200) << grant.body;
-  vars_["code"] = grant.body["grant_code"].asString();
-  vars_["client"] = login["client_id"].asString();
-  vars_["redirect"] = login["redirect_uri"].asString();
-  const std::string exchange = R"({"code_challenge":"$challenge","grant_code":"$code","client_id":"$client",
-                                   "token_endpoint":"-","redirect_uri":"$redirect"})";
-  Run({
-      {"PKCE sign-in", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange,
-       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})"},
-      {"PKCE sign-out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}", kDone},
-      {"nobody to sign out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}", Refused(3000)},
-      {"a code signs in once", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange, Refused(3004)},
-      {"a challenge the device never made", "TALV.Core.PellixCenter.Login", 1, "pkce_login",
-       R"({"code_challenge":"x","grant_code":"$code","client_id":"$client","token_endpoint":"-",
-           "redirect_uri":"$redirect"})",
-       Refused(3003)},
-  });
-  // The service's sign-in page, as a browser submits it, goes on to the
-  // redirect target, which shows a grant code that signs in.
   httplib::Client browser("127.0.0.1", host_->port());
   const httplib::Params form{
       {"email", "ada@example.com"}, {"password", "secret1"}, {"code_challenge", vars_["challenge"]}};
@@ -219,31 +179,19 @@ TEST_F(ServeTest, PkceSignIn) {
   EXPECT_NE(done->body.find("<code>" + vars_["code"] + "</code>. Pass it to <code>pkce_login</code>"),
             std::string::npos)
       << done->body;
-  Run({{"a grant from the sign-in page", "TALV.Core.PellixCenter.Login", 1, "pkce_login", exchange,
-        R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})"}});
-}
-
-// Both registrations reach the same accounts: version 2 through the device's
-// library, version 1 by the module's own HTTPS form post to account.php, which
-// the host serves with a certificate the module trusts through the state's own
-// authority. (The new accounts sign in in Demo.Completes.)
-TEST_F(ServeTest, RegistrationByBothVersions) {
-  ASSERT_NO_FATAL_FAILURE(Start());
-  EXPECT_NE(host_->announcement().find("trusted through"), std::string::npos) << host_->announcement();
-  const std::string ada = R"({"account":"ada@example.com","password":"secret1","fullname":"Ada Lovelace",
-                              "critical_release":true})";
+  vars_["client"] = login["client_id"].asString();
+  vars_["redirect"] = login["redirect_uri"].asString();
   Run({
-      {"version 2 signs the device in", kCenter, 2, "register", ada, R"({"success":true,"data":{}})"},
-      {"signed in with it", kCenter, 2, "query", "{}",
-       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true,
-           "critical_version_domain":"critical.pellix.example","is_logged_in":true}})"},
-      {"sign out", kCenter, 2, "logout", "{}", kDone},
-      {"version 2, address taken", kCenter, 2, "register", ada, Refused(3005, "{}")},
-      {"version 1, address taken", kCenter, 1, "register",
-       R"({"account":"ADA@example.com","password":"secret1","fullname":"Ada L"})", Refused(3005)},
-      {"version 1 creates the account", kCenter, 1, "register",
-       R"({"account":"carol@example.com","password":"secret3","fullname":"Carol C"})", kDone},
-      {"and does not sign in", kCenter, 2, "query", "{}", kSignedOut},
+      {"a grant from the sign-in page", "TALV.Core.PellixCenter.Login", 1, "pkce_login",
+       R"({"code_challenge":"$challenge","grant_code":"$code","client_id":"$client","token_endpoint":"-",
+           "redirect_uri":"$redirect"})",
+       R"({"success":true,"data":{"account":"ada@example.com","auth_key":"<any>","activated":true}})"},
+      {"PKCE sign-out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}", kDone},
+      {"nobody to sign out", "TALV.Core.PellixCenter.Logout", 1, "pkce_logout", "{}", Refused(3000)},
+      {"a challenge the device never made", "TALV.Core.PellixCenter.Login", 1, "pkce_login",
+       R"({"code_challenge":"x","grant_code":"$code","client_id":"$client","token_endpoint":"-",
+           "redirect_uri":"$redirect"})",
+       Refused(3003)},
   });
 }
 
@@ -251,6 +199,7 @@ TEST_F(ServeTest, RegistrationByBothVersions) {
 TEST_F(ServeTest, AnnouncedCurlLinesWork) {
   ASSERT_NO_FATAL_FAILURE(Start());
   const std::string& text = host_->announcement();
+  EXPECT_NE(text.find("trusted through"), std::string::npos) << text;
   const char* expected[] = {
       R"({"success":true,"data":{"is_logged_in":false}})",
       R"({"success":true,"data":{}})",
@@ -458,8 +407,8 @@ TEST(VerifierApiTest, WhenFullTheOldestGoes) {
     params["challenge"] = challenges[i];
     EXPECT_EQ(api.Get(params, "root").success, i >= 2) << "verifier " << i;
   }
-  EXPECT_EQ(api.Get(Json::Value(Json::objectValue), "root").data["reason"],
-            "\"challenge\" is missing: give the challenge that create answered");
+  EXPECT_NE(api.Get(Json::Value(Json::objectValue), "root").data["reason"].asString().find("\"challenge\""),
+            std::string::npos);
 }
 
 // Each refusal of the host names the field or header at fault, in the
@@ -468,50 +417,35 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
   ASSERT_NO_FATAL_FAILURE(Start());
   httplib::Client client("127.0.0.1", host_->port());
   const std::string center = "/webapi/entry?api=TALV.Core.PellixCenter";
-  const std::string oversized(65 * 1024, 'a');
   struct Case {
     const char* what;
     int status;
     int code;
     std::string target;
-    const char* reason;          // of the answer: the whole of it, or a distinctive part
+    const char* reason;          // the field, header or method the answer names
     const char* body = nullptr;  // a GET without one, else a POST
     const char* contentType = "application/json";
     const char* method = nullptr;  // another method
   } cases[] = {
-      {"no api", 400, 101, "/webapi/entry?version=2&method=query", R"("api" is missing: name a web API)"},
-      {"no version", 400, 101, center + "&method=query", R"("version" is missing)"},
-      {"no method", 400, 101, center + "&version=2", R"("method" is missing)"},
-      {"version not a number", 400, 101, center + "&version=two&method=query",
-       R"("version" must be an integer, not "two")"},
-      {"unknown API", 404, 102, "/webapi/entry?api=TALV.Nothing&version=1&method=query",
-       R"("api" is "TALV.Nothing", which is no web API of this host)"},
-      {"no such method", 404, 103, center + "&version=2&method=nothing",
-       R"("method" is "nothing", which TALV.Core.PellixCenter version 2 does not have)"},
-      {"API without that version", 404, 104, center + ".Account&version=2&method=get",
-       R"("version" is 2, but TALV.Core.PellixCenter.Account has only version 1)"},
+      {"no api", 400, 101, "/webapi/entry?version=2&method=query", R"("api" is missing)"},
+      {"version not a number", 400, 101, center + "&version=two&method=query", R"("version")"},
+      {"unknown API", 404, 102, "/webapi/entry?api=TALV.Nothing&version=1&method=query", R"("api")"},
+      {"no such method", 404, 103, center + "&version=2&method=nothing", R"("method")"},
+      {"API without that version", 404, 104, center + ".Account&version=2&method=get", R"("version")"},
       {"field that is broken JSON", 400, 101, center + "&version=2&method=login&account=%7Bx&password=1",
-       R"("account" starts like JSON but is not JSON (line 1, column 2: missing)"},
-      {"field given twice", 400, 101, center + "&version=2&method=query&a=1&a=2",
-       R"("a" is given twice in the query: give it once)"},
-      {"body not JSON", 400, 101, "/webapi/entry", "the body is not a JSON object: line 1, column 8: ", "{\"api\":"},
-      {"body an array", 400, 101, "/webapi/entry", "the body is not a JSON object but an array", "[1]"},
-      {"JSON body repeats a field", 400, 101, center,
-       R"("api" is given twice, in the query and in the JSON body: give it once)",
+       R"("account")"},
+      {"field given twice", 400, 101, center + "&version=2&method=query&a=1&a=2", R"("a")"},
+      {"body not JSON", 400, 101, "/webapi/entry", "the body", "{\"api\":"},
+      {"body an array", 400, 101, "/webapi/entry", "array", "[1]"},
+      {"JSON body repeats a field", 400, 101, center, R"("api")",
        R"({"api":"TALV.Core.PellixCenter","version":2,"method":"query"})"},
-      {"body of another kind", 400, 101, "/webapi/entry", R"(Content-Type "text/plain" is neither a form nor JSON)",
-       "api=1", "text/plain"},
-      {"oversized body", 413, 106, center + "&version=2&method=query",
-       "Content-Length 66560 is over 65536 bytes (64 KiB)", oversized.c_str(), "application/octet-stream"},
-      {"other path", 404, 101, "/webapi/other", R"(no such path "/webapi/other": the web API is at /webapi/entry)"},
+      {"body of another kind", 400, 101, "/webapi/entry", "Content-Type", "api=1", "text/plain"},
+      {"other path", 404, 101, "/webapi/other", "/webapi/other"},
       {"verifier for a user not root", 403, 105,
-       "/webapi/entry?api=TALV.Remote.Credential.Verifier&version=1&method=get&challenge=x",
-       "only root may read a verifier, and HTTP requests run as admin"},
-      {"entry by another method", 405, 101, "/webapi/entry", "/webapi/entry takes GET or POST, not PUT", "", "", "PUT"},
-      {"GET of a POST-only path", 405, 101, "/sim/token", "/sim/token takes POST, not GET"},
-      {"DELETE of a POST-only path", 405, 101, "/sim/register", "/sim/register takes POST, not DELETE", nullptr, "",
-       "DELETE"},
-      {"POST of a page file", 405, 101, "/app.js", "/app.js takes GET, not POST", "x", "text/plain"},
+       "/webapi/entry?api=TALV.Remote.Credential.Verifier&version=1&method=get&challenge=x", "root"},
+      {"entry by another method", 405, 101, "/webapi/entry", "PUT", "", "", "PUT"},
+      {"GET of a POST-only path", 405, 101, "/sim/token", "GET"},
+      {"POST of a page file", 405, 101, "/app.js", "POST", "x", "text/plain"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.what);
@@ -545,11 +479,10 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
     int status;
     const char* logged;
   } raws[] = {
-      {"HELLO\r\n", 400, "- -: 400 code 101 (the request line cannot be read: it must be METHOD /path HTTP/1.1"},
-      {"BREW /pot HTTP/1.1\r\n", 400, "- -: 400 code 101 (\"BREW\" is not an HTTP method"},
-      {"GET / HTTP/2.0\r\n", 400, "GET -: 400 code 101 (the HTTP version \"HTTP/2.0\" is not one"},
-      {"GET /" + std::string(9000, 'a') + " HTTP/1.1\r\n\r\n", 414,
-       "- -: 414 code 101 (the request line is longer than 8192 bytes"},
+      {"HELLO\r\n", 400, "- -: 400 code 101 (the request line"},
+      {"BREW /pot HTTP/1.1\r\n", 400, "- -: 400 code 101 (\"BREW\""},
+      {"GET / HTTP/2.0\r\n", 400, "GET -: 400 code 101 (the HTTP version \"HTTP/2.0\""},
+      {"GET /" + std::string(9000, 'a') + " HTTP/1.1\r\n\r\n", 414, "- -: 414 code 101 (the request line"},
       {"TRACE /webapi/entry HTTP/1.1\r\n\r\n", 405,
        "TRACE /webapi/entry: 405 code 101 (/webapi/entry takes GET or POST, not TRACE)\n"},
       {"GET /a%0Ab HTTP/1.1\r\n\r\n", 404, R"(GET /a\nb: 404 code 101 (no such path "/a\nb")"},
@@ -565,9 +498,9 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
 }
 
 // The administration page comes from its folder with the types a browser
-// insists on (a script served as text/plain is not run), and no name can
-// reach outside that folder. The account service's pages under /sim/ show
-// what they were sent, escaped.
+// insists on (its scripts and device.json run in admin_page_test), and no
+// name can reach outside that folder. The account service's pages under
+// /sim/ show what they were sent, escaped.
 TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
   ASSERT_NO_FATAL_FAILURE(Start());
   EXPECT_NE(host_->announcement().find("administration page http://127.0.0.1:"), std::string::npos)
@@ -580,9 +513,6 @@ TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
     const char* content;  // found in the body
   } cases[] = {
       {"/", 200, "text/html", "<title>"},
-      {"/index.html", 200, "text/html", "/app.js"},
-      {"/app.js", 200, "text/javascript", "/webapi/entry"},
-      {"/messages.js", 200, "text/javascript", "3014"},
       {"/style.css", 200, "text/css", "focus-visible"},
       {"/nothing.js", 404, "text/plain", "No such page"},
       {"/../CMakeLists.txt", 404, "application/json", "\"code\":101"},
@@ -594,7 +524,6 @@ TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
       {"/sim/login/done?code=%3Cb%3E", 200, "text/html", "received the grant code <code>&lt;b&gt;</code>"},
       {"/sim/register/done", 200, "text/html", "It received no grant code"},
       {"/sim/account", 200, "text/html", "No account is signed in on the device."},
-      {"/device.json", 200, "application/json", "\"serial\":\"Q26CA"},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.path);
@@ -629,9 +558,6 @@ TEST_F(ServeTest, FieldsKeepTheirTypes) {
   EXPECT_EQ(got["data"]["enews"], true);
   EXPECT_EQ(got["data"]["critical_release"], false);
   EXPECT_EQ(got["data"]["country"], "{}") << "a quoted string is that string";
-  // A quoted "true" is a string, which the module will not take as a flag:
-  // the handler throws and the host answers 100.
-  EXPECT_EQ(form("api=TALV.Core.PellixCenter.Account&version=1&method=set&enews=%22true%22")["error"]["code"], 100);
 }
 
 // What keeps a host from starting ends it at once with a sentence naming
@@ -659,7 +585,6 @@ TEST_F(ServeTest, StartUpErrorsEndAtOnceWithAMessage) {
        "account.db: not the account service's database: its table \"accounts\" has the columns (id "
        "INTEGER PRIMARY KEY, name TEXT), the service's (id INTEGER PRIMARY KEY, email TEXT NOT NULL"},
       {d + "/file", "cannot use"},
-      {d + "/file/below", "cannot use"},
       {d + "/relay", "talvrelayd.conf: Is a directory"},
       {d + "/state", "the state folder " + d + "/state is in use by process " + std::to_string(host_->pid())},
   };
