@@ -54,7 +54,24 @@ target_compile_definitions(webapi-host PRIVATE PELLIX_INSTALLED_MODULE="${PELLIX
 target_link_libraries(webapi-host PRIVATE talvwebapi talvpellix tlibc talvsdk talvcloud talvrelay talvfeasibility)
 target_link_options(webapi-host PRIVATE LINKER:--no-as-needed)
 set_target_properties(webapi-host PROPERTIES INSTALL_RPATH "$ORIGIN/${PELLIX_DEVKIT_FROM_BIN}")
-install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+# The build tree's webapi-host records the source tree's web/ folder, so that
+# an edit to the page shows at the next reload; the one the packages ship is
+# the same program without that path (it finds the installed page beside
+# itself), so that the packages are the same bytes from any folder. The
+# instrumented trees make no packages and build only the first.
+if(PELLIX_SANITIZE OR PELLIX_VALGRIND OR PELLIX_FUZZ OR PELLIX_COVERAGE)
+  install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+else()
+  add_executable(webapi-host-installed ${PROJECT_SOURCE_DIR}/host/webapi_host.cpp)
+  foreach(property LINK_LIBRARIES LINK_OPTIONS COMPILE_DEFINITIONS INSTALL_RPATH)
+    get_target_property(value webapi-host ${property})
+    list(FILTER value EXCLUDE REGEX "^WEBAPI_HOST_PAGES=")
+    set_property(TARGET webapi-host-installed PROPERTY ${property} "${value}")
+  endforeach()
+  set_target_properties(webapi-host-installed PROPERTIES OUTPUT_NAME webapi-host
+                        RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/installed)
+  install(TARGETS webapi-host-installed RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+endif()
 # webapi-host looks for its administration page in ../share/webapi-host/web
 # from its own folder before the source tree's web/.
 install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)
