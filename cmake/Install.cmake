@@ -26,9 +26,17 @@ install(TARGETS pellixcenter LIBRARY DESTINATION ${PELLIX_MODULE_DIR} COMPONENT 
 install(FILES include/pellixcenter.h include/account_register.h include/https_request.h
         DESTINATION ${PELLIX_INCLUDE_DIR} COMPONENT development)
 install(DIRECTORY include/talv DESTINATION ${PELLIX_INCLUDE_DIR} COMPONENT development)
+file(RELATIVE_PATH PELLIX_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" PELLIX_PC_TO_PREFIX "${PELLIX_PC_TO_PREFIX}")
 configure_file(cmake/pellixcenter.pc.in ${CMAKE_BINARY_DIR}/pellixcenter.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/pellixcenter.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
+# The module's own documentation, and the minimal host that docs/platform.md
+# describes, for those who write a host.
+install(FILES docs/api.md docs/platform.md docs/security.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/pellixcenter-dev
+        COMPONENT development)
+install(FILES examples/minimal_host.cpp examples/CMakeLists.txt
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/pellixcenter-dev/examples COMPONENT development)
 configure_package_config_file(cmake/pellixcenterConfig.cmake.in ${CMAKE_BINARY_DIR}/pellixcenterConfig.cmake
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pellixcenter
                               PATH_VARS PELLIX_MODULE_DIR PELLIX_INCLUDE_DIR)

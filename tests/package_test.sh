@@ -42,5 +42,30 @@ if grep "calling init: $build/" <<<"$out" | grep -vq "calling init: $work/"; the
   exit 1
 fi
 
+# The ABI check reads the shipped module with the -dbgsym package's debug
+# information, and refuses it without.
+"$scripts/abi.sh" --debug-info "$work/root/usr/lib/debug" "$module"
+if "$scripts/abi.sh" "$module" 2>/dev/null; then echo "abi.sh passed a stripped module it could not read"; exit 1; fi
+
+# A host of one's own (examples/), built on the unpacked packages through
+# pkg-config and through find_package, runs the unpacked module on the
+# unpacked stand-ins of the platform's libraries.
+examples=$(dirname "$0")/../examples
+devkit=$(dirname "$(find "$work/root" -name libtalvwebapi.so)")
+export PKG_CONFIG_PATH=$(dirname "$(find "$work/root" -name pellixcenter.pc)")
+mkdir -p "$work/host-pc"
+# shellcheck disable=SC2046
+g++ -std=c++17 "$examples/minimal_host.cpp" -o "$work/host-pc/minimal_host" $(pkg-config --cflags pellixcenter) \
+  -L"$devkit" -ltalvwebapi $(pkg-config --libs jsoncpp libcurl)
+configured=$(cmake -S "$examples" -B "$work/host-cmake" -G Ninja -DCMAKE_PREFIX_PATH="$work/root/usr")
+cmake --build "$work/host-cmake" >/dev/null
+for host in pkg-config:"$work/host-pc/minimal_host":"$(pkg-config --variable=module pellixcenter)" \
+            cmake:"$work/host-cmake/minimal_host":"$(sed -n 's/^-- pellixcenter module: //p' <<<"$configured")"; do
+  IFS=: read -r how program found <<<"$host"
+  [[ "$(realpath "$found")" == "$(realpath "$module")" ]] || { echo "$how names the module $found"; exit 1; }
+  out=$(LD_LIBRARY_PATH=$devkit "$program" "$found" TALV.Core.PellixCenter 2 query)
+  [[ "$out" == '{"success":true,"data":{"is_logged_in":false}}' ]] || { echo "minimal host ($how): $out"; exit 1; }
+done
+
 lintian --fail-on error,warning --suppress-tags initial-upload-closes-no-bugs "$work"/debs/*.deb "$work"/debs/*.ddeb
 echo "packages: unpacked module answers, lintian clean"
