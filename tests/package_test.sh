@@ -4,8 +4,9 @@
 # webapi-host runs the unpacked module (a query answers as on a device where
 # nobody is signed in). The binaries are hardened, as built and as shipped;
 # the shipped ones are stripped and their debug information is in the -dbgsym
-# packages. Then lintian reads them; the one warning that stays is explained
-# in docs/packaging.md.
+# packages, where the ABI check reads them. A host of one's own (examples/)
+# builds on the unpacked root and answers. Then lintian reads them; the one
+# warning that stays is explained in docs/packaging.md.
 #   package_test.sh BUILD_DIR WORK_DIR
 set -euo pipefail
 build=$1
