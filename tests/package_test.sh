@@ -21,7 +21,7 @@ for deb in "$work"/debs/*.deb "$work"/debs/*.ddeb; do dpkg -x "$deb" "$work/root
 module=$(find "$work/root" -name pellixcenter.so)
 [[ -n "$module" ]] || { echo "no module in the packages"; exit 1; }
 # Hardened as built and as shipped.
-"$scripts/hardening.sh" "$build"/pellixcenter.so "$build"/installed/webapi-host "$build"/lib*.so \
+"$scripts/hardening.sh" --unfortified libsyslogcapture.so "$build"/pellixcenter.so "$build"/installed/webapi-host "$build"/lib*.so \
   "$module" "$work"/root/usr/bin/webapi-host "$work"/root/usr/lib/*/pellixcenter/devkit/*.so
 # Shipped stripped, its debug information found by build id in the -dbgsym
 # package, naming the module's own sources.
