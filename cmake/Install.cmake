@@ -26,9 +26,17 @@ install(TARGETS pellixcenter LIBRARY DESTINATION ${PELLIX_MODULE_DIR} COMPONENT 
 install(FILES include/pellixcenter.h include/account_register.h include/https_request.h
         DESTINATION ${PELLIX_INCLUDE_DIR} COMPONENT development)
 install(DIRECTORY include/talv DESTINATION ${PELLIX_INCLUDE_DIR} COMPONENT development)
+file(RELATIVE_PATH PELLIX_PC_TO_PREFIX /${CMAKE_INSTALL_LIBDIR}/pkgconfig /)
+string(REGEX REPLACE "/$" "" PELLIX_PC_TO_PREFIX "${PELLIX_PC_TO_PREFIX}")
 configure_file(cmake/pellixcenter.pc.in ${CMAKE_BINARY_DIR}/pellixcenter.pc @ONLY)
 install(FILES ${CMAKE_BINARY_DIR}/pellixcenter.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig
         COMPONENT development)
+# The module's own documentation, and the minimal host that docs/platform.md
+# describes, for those who write a host.
+install(FILES docs/api.md docs/platform.md docs/security.md DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/pellixcenter-dev
+        COMPONENT development)
+install(FILES examples/minimal_host.cpp examples/CMakeLists.txt
+        DESTINATION ${CMAKE_INSTALL_DATAROOTDIR}/doc/pellixcenter-dev/examples COMPONENT development)
 configure_package_config_file(cmake/pellixcenterConfig.cmake.in ${CMAKE_BINARY_DIR}/pellixcenterConfig.cmake
                               INSTALL_DESTINATION ${CMAKE_INSTALL_LIBDIR}/cmake/pellixcenter
                               PATH_VARS PELLIX_MODULE_DIR PELLIX_INCLUDE_DIR)
@@ -54,7 +62,24 @@ target_compile_definitions(webapi-host PRIVATE PELLIX_INSTALLED_MODULE="${PELLIX
 target_link_libraries(webapi-host PRIVATE talvwebapi talvpellix tlibc talvsdk talvcloud talvrelay talvfeasibility)
 target_link_options(webapi-host PRIVATE LINKER:--no-as-needed)
 set_target_properties(webapi-host PROPERTIES INSTALL_RPATH "$ORIGIN/${PELLIX_DEVKIT_FROM_BIN}")
-install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+# The build tree's webapi-host records the source tree's web/ folder, so that
+# an edit to the page shows at the next reload; the one the packages ship is
+# the same program without that path (it finds the installed page beside
+# itself), so that the packages are the same bytes from any folder. The
+# instrumented trees make no packages and build only the first.
+if(PELLIX_SANITIZE OR PELLIX_VALGRIND OR PELLIX_FUZZ OR PELLIX_COVERAGE)
+  install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+else()
+  add_executable(webapi-host-installed ${PROJECT_SOURCE_DIR}/host/webapi_host.cpp)
+  foreach(property LINK_LIBRARIES LINK_OPTIONS COMPILE_DEFINITIONS INSTALL_RPATH)
+    get_target_property(value webapi-host ${property})
+    list(FILTER value EXCLUDE REGEX "^WEBAPI_HOST_PAGES=")
+    set_property(TARGET webapi-host-installed PROPERTY ${property} "${value}")
+  endforeach()
+  set_target_properties(webapi-host-installed PROPERTIES OUTPUT_NAME webapi-host
+                        RUNTIME_OUTPUT_DIRECTORY ${CMAKE_BINARY_DIR}/installed)
+  install(TARGETS webapi-host-installed RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
+endif()
 # webapi-host looks for its administration page in ../share/webapi-host/web
 # from its own folder before the source tree's web/.
 install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)

@@ -11,7 +11,16 @@ set(CPACK_COMPONENTS_ALL module development devkit)
 set(CPACK_DEBIAN_FILE_NAME DEB-DEFAULT)
 set(CPACK_DEBIAN_PACKAGE_RELEASE 1)
 set(CPACK_DEBIAN_PACKAGE_PRIORITY optional)
-set(CPACK_STRIP_FILES ON)
+# The shipped module and programs are stripped; their debug information goes
+# into a -dbgsym package per package that has any, as files found by build id
+# (/usr/lib/debug/.build-id/xx/yyyy.debug), so that a backtrace from a device
+# can be symbolised with the build it came from (docs/packaging.md). CPack
+# strips the files itself for that: CPACK_STRIP_FILES would leave it nothing.
+set(CPACK_STRIP_FILES OFF)
+set(CPACK_DEBIAN_DEBUGINFO_PACKAGE ON)
+configure_file(${CMAKE_CURRENT_LIST_DIR}/CPackProject.cmake.in ${CMAKE_BINARY_DIR}/CPackProject.cmake @ONLY)
+set(CPACK_PROJECT_CONFIG_FILE ${CMAKE_BINARY_DIR}/CPackProject.cmake)
+set(CPACK_POST_BUILD_SCRIPTS ${CMAKE_CURRENT_LIST_DIR}/Dbgsym.cmake)
 set(CPACK_DEBIAN_PACKAGE_SHLIBDEPS ON)
 # The platform's own libraries are the device's, not any package's here:
 # dpkg-shlibdeps finds the stand-ins of them in the build tree and leaves them
