@@ -67,7 +67,7 @@ class DevHost:
         self.log_path = os.path.join(folder, "serve.log")
         self.log = open(self.log_path, "w")
         self.process = subprocess.Popen(
-            [HOST, "--module", MODULE, "serve", "--state", self.state, "--port", "0"],
+            [HOST, "--module", MODULE, "serve", "--state", self.state, "--port", "0", "--check-answers"],
             stdout=subprocess.PIPE, stderr=self.log)
         # Raw reads: a buffered reader would hold text that select() no
         # longer sees.
@@ -127,6 +127,7 @@ class AdminPageTest(unittest.TestCase):
         self.folder = tempfile.mkdtemp(prefix="admin-page.")
         self.addCleanup(shutil.rmtree, self.folder, True)
         self.host = DevHost(self.folder)
+        self.addCleanup(lambda: self.assertNotIn("does not match the description", open(self.host.log_path).read()))
         self.addCleanup(self.host.stop)
         self.driver, profile = chromium()
         self.addCleanup(shutil.rmtree, profile, True)
