@@ -123,11 +123,16 @@ def chromium():
 
 
 class AdminPageTest(unittest.TestCase):
+    def described(self):
+        """Every answer the host gave is one the description of the web API allows."""
+        with open(self.host.log_path) as log:
+            self.assertNotIn("does not match the description", log.read())
+
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="admin-page.")
         self.addCleanup(shutil.rmtree, self.folder, True)
         self.host = DevHost(self.folder)
-        self.addCleanup(lambda: self.assertNotIn("does not match the description", open(self.host.log_path).read()))
+        self.addCleanup(self.described)
         self.addCleanup(self.host.stop)
         self.driver, profile = chromium()
         self.addCleanup(shutil.rmtree, profile, True)
