@@ -89,6 +89,8 @@ for key in found.keys() | schema["methods"].keys():
             failures.append(f"{key}: docs/api.md has {shown}, the description {have}")
     if (names, answers | host_codes) != have:
         failures.append(f"{key}: the code reads {names} and answers {answers | host_codes}, the description {have}")
+own = {v for v in consts.values() if v < 1000}
+failures += [f"host code {c}: in the code or the description, not both" for c in own ^ set(map(int, schema["hostCodes"]))]
 types = subprocess.run([sys.executable, f"{root}/scripts/webapi-types.py"], check=True, capture_output=True, text=True)
 failures += [] if types.stdout == read("docs/webapi.d.ts") else ["docs/webapi.d.ts is not scripts/webapi-types.py's output"]
 paths = {p for shown in re.findall(r'"(`/[^"]*)"\}', read("host/routes.cpp")) for p in re.findall(r"`(/[^`]*)`", shown)}
