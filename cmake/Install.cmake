@@ -83,6 +83,8 @@ endif()
 # webapi-host looks for its administration page in ../share/webapi-host/web
 # from its own folder before the source tree's web/.
 install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)
+# The description of the web API, which serve answers at /webapi/schema.json.
+install(FILES docs/webapi.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host COMPONENT devkit)
 # The manual page names the project's version.
 configure_file(packaging/webapi-host.1 ${CMAKE_BINARY_DIR}/webapi-host.1 @ONLY)
 set(PELLIX_MANPAGE ${CMAKE_BINARY_DIR}/webapi-host.1.gz)

@@ -77,7 +77,7 @@ Json::Value Object(std::initializer_list<std::pair<const char*, Json::Value>> me
 int Demo(const std::string& self, const std::string& module, FILE* out) {
   TempDir dir;
   const std::string state = dir.path() + "/state";
-  ServeProcess host(self, module, state, dir.path() + "/serve.log");
+  ServeProcess host(self, module, state, dir.path() + "/serve.log", {"--check-answers"});
   if (host.port() < 0) {
     (void)std::fprintf(out, "demo: the host did not start:\n%s", host.Log().c_str());
     return 1;
@@ -169,8 +169,12 @@ int Demo(const std::string& self, const std::string& module, FILE* out) {
   t.Sim("None is in force", "GET", "/sim/conditions", "", 200);
 
   host.Stop(SIGTERM);
-  if (t.failed()) {
-    (void)std::fprintf(out, "\n%d steps did not answer as expected. The host's log:\n%s", t.failed(),
+  // An answer the description does not allow fails the run, though its step
+  // got the code it expected.
+  const bool described = host.Log().find("does not match the description") == std::string::npos;
+  if (t.failed() || !described) {
+    (void)std::fprintf(out, "\n%d steps did not answer as expected%s. The host's log:\n%s", t.failed(),
+                       described ? "" : ", and an answer did not match the description of the web API",
                        host.Log().c_str());
     return 1;
   }

@@ -46,6 +46,7 @@
 #include <string>
 #include <vector>
 
+#include "answer_check.h"
 #include "harness.h"
 #include "request.h"
 #include "route.h"
@@ -76,6 +77,12 @@ class DevHost : public talvwebapi::Runner {
   // The administration page's folder, served at / (empty: no page). Call
   // before Bind.
   void SetPages(std::string folder) { pages_ = std::move(folder); }
+  // The description of the web API (docs/webapi.schema.json), served at
+  // /webapi/schema.json (empty: none). Call before Bind.
+  void SetSchema(std::string path) { schema_ = std::move(path); }
+  // Holds every answer of /webapi/entry to `check` (not owned; nullptr:
+  // none), and logs each one it does not allow. Call before Bind.
+  void SetAnswerCheck(const AnswerCheck* check) { check_ = check; }
   // The device's facts ({"serial", "model", "build"}), answered at
   // /device.json: the page needs the serial for a sign-in by key, and no web
   // API method tells it. Call before Bind.
@@ -113,6 +120,7 @@ class DevHost : public talvwebapi::Runner {
   void WebApi(const Exchange& x);
   void Files(const Exchange& x);
   void Device(const Exchange& x);
+  void Schema(const Exchange& x);
   void Other(const Exchange& x);
 
   const Module* module_;
@@ -128,6 +136,8 @@ class DevHost : public talvwebapi::Runner {
   std::atomic<bool> stopped_{false};
   std::atomic<int> underWay_{0};
   std::string pages_;
+  std::string schema_;
+  const AnswerCheck* check_ = nullptr;
   Json::Value device_{Json::objectValue};
   int port_ = -1;
   int listener_ = -1;  // the listening socket, once bound

@@ -21,6 +21,7 @@ std::vector<Route> DevHost::Routes(DevHost* h, pellixsim::Simulation* sim) {
       {R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", "GET, HEAD", O::kOwn, [h](const Exchange& x) { h->Files(x); },
        "`/`, `/NAME.html`, `.css`, `.js`, `.png`, `.svg`"},
       {"/device.json", "GET, HEAD", O::kOwn, [h](const Exchange& x) { h->Device(x); }, "`/device.json`"},
+      {"/webapi/schema.json", "GET, HEAD", O::kOwn, [h](const Exchange& x) { h->Schema(x); }, "`/webapi/schema.json`"},
       {"/sim/authorize", "GET, HEAD, POST", O::kOwn, [sim](const Exchange& x) { sim->Authorize(x); },
        "`/sim/authorize`"},
       {"/sim/(token|register)", "POST", O::kOwn, [sim](const Exchange& x) { sim->Browser(x); },
@@ -54,6 +55,12 @@ void DevHost::WebApi(const Exchange& x) {
   if (answer.threw) text += " (the handler threw: " + answer.exception + ")";
   if (answer.found && answer.answers != 1) text += " (" + std::to_string(answer.answers) + " answers)";
   x.Log(text);
+  if (check_) {
+    const std::string name = decoded ? call.api + " " + std::to_string(call.version) + " " + call.method : "";
+    const std::string mismatch = check_->Mismatch(name, answer);
+    if (!mismatch.empty())
+      x.Log((decoded ? Cut(name) : req.path) + ": the answer does not match the description at " + mismatch);
+  }
 }
 
 // The page's files are named by a pattern of the route, which has no '/' nor
@@ -106,6 +113,25 @@ void DevHost::Files(const Exchange& x) {
 void DevHost::Device(const Exchange& x) {
   x.res.set_header("Cache-Control", "no-store");
   x.Json(200, Compact(device_));
+  x.Log(x.req.method + " " + x.req.path + ": 200");
+}
+
+// The description is read at each request, as the page's files are: an edit
+// shows at the next request.
+void DevHost::Schema(const Exchange& x) {
+  std::ifstream in(schema_, std::ios::binary);
+  const int why = errno;
+  if (schema_.empty() || !in) {
+    const std::string wrong = schema_.empty() ? "this host has no description of its web API: its file was not found"
+                                              : schema_ + ": " + std::strerror(why);
+    x.res.status = 404;
+    x.res.set_content("No such page: " + wrong + ".\n", "text/plain; charset=utf-8");
+    return x.Log(x.req.method + " " + x.req.path + ": 404 (" + wrong + ")");
+  }
+  x.res.set_header("Cache-Control", "no-store");
+  x.res.status = 200;
+  x.res.set_content(std::string(std::istreambuf_iterator<char>(in), std::istreambuf_iterator<char>()),
+                    "application/json");
   x.Log(x.req.method + " " + x.req.path + ": 200");
 }
 

@@ -140,6 +140,14 @@ int Serve(const ServeOptions& o) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
   }
+  std::unique_ptr<AnswerCheck> check;
+  if (o.checkAnswers) {
+    check = AnswerCheck::Load(o.schema.empty() ? "the description of the web API (not found)" : o.schema, &error);
+    if (!check) {
+      (void)std::fprintf(stderr, "webapi-host: --check-answers: %s\n", error.c_str());
+      return 1;
+    }
+  }
   if (!OpenState(o.state, &state, &error)) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
@@ -171,6 +179,8 @@ int Serve(const ServeOptions& o) {
   pellixsim::Conditions& conditions = sim->conditions();
   DevHost host(module.get(), sim.get(), o.log, o.language.empty() ? "enu" : o.language);
   host.SetPages(o.pages);
+  host.SetSchema(o.schema);
+  host.SetAnswerCheck(check.get());
   Json::Value device(Json::objectValue);
   device["serial"] = state.serial;
   device["model"] = state.model;

@@ -7,14 +7,16 @@
 namespace webapihost {
 
 struct ServeOptions {
-  std::string module;      // path of pellixcenter.so
-  std::string state;       // the state folder
-  int port = 8080;         // 0: any free port
-  std::string language;    // the interface language of requests
-  std::string pages;       // the administration page's folder (empty: none)
-  std::string conditions;  // a file of the account service's conditions set at start (empty: none)
-  FILE* out = stdout;      // where the URL and the examples go
-  FILE* log = stderr;      // one line per request, and the module's log
+  std::string module;         // path of pellixcenter.so
+  std::string state;          // the state folder
+  int port = 8080;            // 0: any free port
+  std::string language;       // the interface language of requests
+  std::string pages;          // the administration page's folder (empty: none)
+  std::string schema;         // the web API's description (empty: none)
+  bool checkAnswers = false;  // log every answer of /webapi/entry the description does not allow
+  std::string conditions;     // a file of the account service's conditions set at start (empty: none)
+  FILE* out = stdout;         // where the URL and the examples go
+  FILE* log = stderr;         // one line per request, and the module's log
 };
 
 // Serves until SIGINT or SIGTERM. Exit status: 0 after a signal, 1 when the

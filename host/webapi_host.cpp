@@ -47,6 +47,9 @@ const char kOptions[] =
     "  --conditions FILE\n"
     "                 serve: conditions of the account service to set at start, as POST /sim/conditions\n"
     "                 takes them: a JSON object, or an array of them\n"
+    "  --check-answers\n"
+    "                 serve: hold every answer of /webapi/entry to the description of the web API\n"
+    "                 (/webapi/schema.json) and log each it does not allow\n"
     "  --help, -h     this text; with a command, that command's\n"
     "  --version      the version\n";
 
@@ -156,6 +159,19 @@ std::string DefaultPages() {
   return "";
 }
 
+// The description of the web API, found as the page's folder is: installed
+// beside it, or the source tree's.
+std::string DefaultSchema() {
+  const std::string self = Self();
+  const std::string bin = self.substr(0, self.rfind('/'));
+  std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/webapi.schema.json";
+  if (access(installed.c_str(), R_OK) == 0) return installed;
+#ifdef WEBAPI_HOST_SCHEMA
+  if (access(WEBAPI_HOST_SCHEMA, R_OK) == 0) return WEBAPI_HOST_SCHEMA;
+#endif
+  return "";
+}
+
 bool ParseInt(const std::string& text, int* version) {
   errno = 0;
   char* end = nullptr;
@@ -183,6 +199,8 @@ int main(int argc, char** argv) {
     } else if (arg == "--module" || arg == "--lang" || arg == "--state" || arg == "--port" || arg == "--conditions") {
       if (i + 1 >= argc) return Usage(arg + " needs a value");
       options[arg] = argv[++i];
+    } else if (arg == "--check-answers") {
+      options[arg] = "";
     } else if (arg.rfind("--", 0) == 0) {
       return Usage("unknown option " + arg);
     } else {
@@ -199,7 +217,7 @@ int main(int argc, char** argv) {
   if (command.empty()) return Usage("no command");
   if (!FindCommand(command)) return Usage("unknown command " + command);
   if (command != "serve")
-    for (const char* only : {"--state", "--port", "--conditions"})
+    for (const char* only : {"--state", "--port", "--conditions", "--check-answers"})
       if (options.count(only)) return Usage(std::string(only) + " is an option of serve only");
   const std::string modulePath = options.count("--module") ? options["--module"] : DefaultModule();
   const std::string language = options.count("--lang") ? options["--lang"] : "enu";
@@ -212,6 +230,8 @@ int main(int argc, char** argv) {
     serve.language = language;
     serve.state = options.count("--state") ? options["--state"] : webapihost::DefaultStateDir();
     serve.pages = DefaultPages();
+    serve.schema = DefaultSchema();
+    serve.checkAnswers = options.count("--check-answers") > 0;
     serve.conditions = options.count("--conditions") ? options["--conditions"] : "";
     if (options.count("--port") && (!ParseInt(options["--port"], &serve.port) || serve.port < 0 || serve.port > 65535))
       return Usage("--port takes a port number, not \"" + options["--port"] + "\"");

@@ -12,6 +12,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ pkg-config
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libcpp-httplib-dev curl
+  libvalijson-dev
 )
 case "${1:-}" in
   "") ;;
@@ -20,7 +21,7 @@ case "${1:-}" in
       binutils openssl ca-certificates libseccomp-dev libgtest-dev libgmock-dev libbenchmark-dev wrk
       valgrind clang libclang-rt-14-dev
       abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format git
-      chromium chromium-driver python3-selenium
+      chromium chromium-driver python3-selenium python3-jsonschema
     )
     ;;
   *)

@@ -34,9 +34,17 @@ const char kCenter[] = "TALV.Core.PellixCenter";
 const char kAccount[] = "TALV.Core.PellixCenter.Account";
 class ServeTest : public ::testing::Test {
  protected:
+  // Every answer the hosts gave is one the description of the web API allows.
+  void TearDown() override { Described(); }
+  void Described() {
+    if (host_) {
+      EXPECT_EQ(host_->Log().find("does not match the description"), std::string::npos) << host_->Log();
+    }
+  }
   void Start() {
+    Described();
     host_.reset(new ServeProcess(WEBAPI_HOST, PELLIXCENTER_SO, dir_.path() + "/state",
-                                 dir_.path() + "/serve." + std::to_string(++started_) + ".log"));
+                                 dir_.path() + "/serve." + std::to_string(++started_) + ".log", {"--check-answers"}));
     ASSERT_GT(host_->port(), 0) << host_->Log();
     size_t at = host_->announcement().find("(device ");
     ASSERT_NE(at, std::string::npos);

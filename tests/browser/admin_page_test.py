@@ -67,7 +67,7 @@ class DevHost:
         self.log_path = os.path.join(folder, "serve.log")
         self.log = open(self.log_path, "w")
         self.process = subprocess.Popen(
-            [HOST, "--module", MODULE, "serve", "--state", self.state, "--port", "0"],
+            [HOST, "--module", MODULE, "serve", "--state", self.state, "--port", "0", "--check-answers"],
             stdout=subprocess.PIPE, stderr=self.log)
         # Raw reads: a buffered reader would hold text that select() no
         # longer sees.
@@ -123,10 +123,16 @@ def chromium():
 
 
 class AdminPageTest(unittest.TestCase):
+    def described(self):
+        """Every answer the host gave is one the description of the web API allows."""
+        with open(self.host.log_path) as log:
+            self.assertNotIn("does not match the description", log.read())
+
     def setUp(self):
         self.folder = tempfile.mkdtemp(prefix="admin-page.")
         self.addCleanup(shutil.rmtree, self.folder, True)
         self.host = DevHost(self.folder)
+        self.addCleanup(self.described)
         self.addCleanup(self.host.stop)
         self.driver, profile = chromium()
         self.addCleanup(shutil.rmtree, profile, True)
