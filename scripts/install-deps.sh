@@ -20,7 +20,7 @@ case "${1:-}" in
       binutils openssl ca-certificates libseccomp-dev libgtest-dev libgmock-dev libbenchmark-dev wrk
       valgrind clang libclang-rt-14-dev
       abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format git
-      chromium chromium-driver python3-selenium
+      chromium chromium-driver python3-selenium nodejs npm
     )
     ;;
   *)

@@ -14,6 +14,7 @@ import json
 import os
 import select
 import shutil
+import socket
 import subprocess
 import tempfile
 import threading
@@ -38,7 +39,8 @@ WAIT = 30  # seconds; PBKDF2 sign-ins on two busy cores are slow, not stuck
 CENTER = "TALV.Core.PellixCenter"
 EMAIL = "ada@example.com"
 PASSWORD = "secret1"
-WIDTHS = ((1280, 800), (390, 844))  # a desk's window and a phone's
+WIDTHS = ((1280, 800), (390, 844))
+VITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vite")  # a desk's window and a phone's
 
 # What a person could not read in the shown page: elements out of the window
 # or scrolling sideways (a field scrolls its own text; the visually hidden
@@ -416,6 +418,12 @@ class AdminPageTest(unittest.TestCase):
         table = {c for c in self.driver.execute_script("return Messages.codes()") if c >= 3000}
         self.assertEqual(table - reached, set(), "codes of the page's table that no step reaches")
 
+    def call(self, method, api=CENTER, version=2, **params):
+        """A call by the function `call` of the page shown (vite/index.html)."""
+        return self.driver.execute_async_script(
+            "call(...Array.from(arguments).slice(0, 4)).then(arguments[4], (e) => arguments[4](String(e)))",
+            api, version, method, params)
+
     def other_server(self, pages):
         """A second local server, another origin of the same site, serving
         `pages` (name: text); its origin."""
@@ -478,16 +486,9 @@ class AdminPageTest(unittest.TestCase):
     def test_a_trusted_page_signs_in_and_out_and_back_by_pkce(self):
         """A page of a trusted origin: queries, signs in by password and
         out, runs the PKCE sign-in back to itself, and frames the account."""
-        call = """<script>
-const H = "%s";
-async function call(api, version, method, params) {
-  const r = await fetch(H + "webapi/entry", {method: "POST", headers: {"Content-Type": "application/json"},
-                                            body: JSON.stringify(Object.assign({api, version, method}, params))});
-  return r.json();
-}
-</script>"""
-        pages = {"index.html": "<!doctype html><title>mine</title>" + call,
-                 "cb.html": "<!doctype html><title>back</title>" + call + """<script>
+        with open(os.path.join(VITE, "index.html")) as mine:
+            call = '<script>var H = "%s";</script>' + mine.read()
+        pages = {"index.html": call, "cb.html": call + """<script>
 const back = new URLSearchParams(location.search);
 (async () => {
   const login = (await call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get", {})).data.login;
@@ -511,20 +512,15 @@ const back = new URLSearchParams(location.search);
         self.assertTrue(self.host.post("/sim/register", {"email": EMAIL, "password": PASSWORD,
                                                        "full_name": "Ada Lovelace"})["registered"])
 
-        def page(method, api=CENTER, version=2, **params):
-            return self.driver.execute_async_script(
-                "call(...Array.from(arguments).slice(0, 4)).then(arguments[4], (e) => arguments[4](String(e)))",
-                api, version, method, params)
-
         self.driver.get(origin + "/index.html")
-        self.assertEqual(page("query"), {"success": True, "data": {"is_logged_in": False}})
-        self.assertTrue(page("login", account=EMAIL, password=PASSWORD)["success"])
-        self.assertTrue(page("query")["data"]["is_logged_in"])
-        self.assertEqual(page("logout", force=True), {"success": True, "data": None})
+        self.assertEqual(self.call("query"), {"success": True, "data": {"is_logged_in": False}})
+        self.assertTrue(self.call("login", account=EMAIL, password=PASSWORD)["success"])
+        self.assertTrue(self.call("query")["data"]["is_logged_in"])
+        self.assertEqual(self.call("logout", force=True), {"success": True, "data": None})
 
-        challenge = page("create", "TALV.Remote.Credential.Verifier", 1)["data"]["challenge"]
+        challenge = self.call("create", "TALV.Remote.Credential.Verifier", 1)["data"]["challenge"]
         self.driver.execute_script("sessionStorage.challenge = arguments[0]", challenge)
-        authorize = page("pkce_config_get", "TALV.Core.PellixCenter.Login", 1)["data"]["login"]["authorize_endpoint"]
+        authorize = self.call("pkce_config_get", "TALV.Core.PellixCenter.Login", 1)["data"]["login"]["authorize_endpoint"]
         self.driver.execute_script("location = arguments[0] + '?' + new URLSearchParams(arguments[1])", authorize,
                                    {"code_challenge": challenge, "state": "s1", "redirect_uri": origin + "/cb.html"})
         self.type_into("input[name=email]", EMAIL)
@@ -538,6 +534,42 @@ const back = new URLSearchParams(location.search);
         self.driver.switch_to.frame(self.find("iframe"))
         WebDriverWait(self.driver, WAIT).until(EC.text_to_be_present_in_element((By.CSS_SELECTOR, "dl"), EMAIL))
         self.driver.switch_to.default_content()
+
+
+    def test_through_a_vite_dev_server(self):
+        """docs/devhost.md's Vite proxy (tests/browser/vite, installed by
+        scripts/test.sh) with the host trusting the dev server's origin."""
+        if not os.path.isdir(os.path.join(VITE, "node_modules")):
+            self.skipTest("no Vite: npm ci --prefix tests/browser/vite")
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            origin = "http://127.0.0.1:%d" % free.getsockname()[1]
+        self.host.stop()
+        self.host = DevHost(tempfile.mkdtemp(dir=self.folder), ["--trust-origin", origin])
+        self.addCleanup(self.host.stop)
+        server = subprocess.Popen(["node", "node_modules/vite/bin/vite.js", "--port", origin.rsplit(":", 1)[1],
+                                   "--strictPort"], cwd=VITE, env=dict(os.environ, WEBAPI_HOST_URL=self.host.url),
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        self.assertTrue(self.host.post("/sim/register", {"email": EMAIL, "password": PASSWORD,
+                                                         "full_name": "Ada Lovelace"})["registered"])
+        deadline = time.monotonic() + WAIT
+        while True:
+            try:
+                urllib.request.urlopen(origin + "/", timeout=WAIT).close()
+                break
+            except OSError:
+                self.assertLess(time.monotonic(), deadline, "Vite did not start")
+                time.sleep(0.3)
+        self.driver.get(origin + "/")
+        for method, params, answer in (("login", {"account": EMAIL, "password": PASSWORD}, True),
+                                       ("query", {}, True), ("logout", {"force": True}, None)):
+            said = self.call(method, **params)
+            self.assertTrue(said["success"], said)
+            self.assertEqual(said["data"] and said["data"]["is_logged_in" if method == "query" else "activated"],
+                             answer)
+        self.assertEqual(self.host.entry(CENTER, 2, "query")["data"], {"is_logged_in": False})
 
 
 if __name__ == "__main__":
