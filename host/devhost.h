@@ -76,8 +76,8 @@ class DevHost : public talvwebapi::Runner {
   int Exec(Json::Value& result, const std::string& api, int version, const std::string& method,
            const Json::Value& params, const std::string& user) override;
 
-  // The administration page's folder, served at / (empty: no page). Call
-  // before Bind.
+  // The administration page's folder, served at /admin/, and at / without
+  // SetWeb (empty: no page). Call before Bind.
   void SetPages(std::string folder) { pages_ = std::move(folder); }
   // The developer's own interface, an existing folder named by its real path
   // (no link in it), served at every path no other route takes; the
