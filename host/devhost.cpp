@@ -68,8 +68,10 @@ void Exchange::Page(int status, const std::string& html) const {
   res.status = status;
   res.set_header("Cache-Control", "no-store");
   res.set_header("X-Content-Type-Options", "nosniff");
-  res.set_header("Content-Security-Policy",
-                 "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'; frame-ancestors 'self'");
+  const std::string trusted = admitted.Listed();
+  res.set_header("Content-Security-Policy", "default-src 'none'; style-src 'unsafe-inline'; form-action 'self'" +
+                                                trusted + "; frame-ancestors 'self'" +
+                                                (origins_ == Origins::kFramed ? trusted : ""));
   res.set_content(html, "text/html; charset=utf-8");
 }
 
@@ -98,7 +100,6 @@ DevHost::DevHost(const Module* module, pellixsim::Simulation* simulation, FILE* 
       log_(log),
       language_(std::move(language)),
       server_(new httplib::Server()),
-      routes_(Routes(this, simulation)),
       other_{".*", "", Origins::kOwn, [this](const Exchange& x) { Other(x); }, ""} {}
 
 DevHost::~DevHost() = default;
@@ -169,34 +170,105 @@ class DevHost::UnderWay {
   std::atomic<int>* count_;
 };
 
+bool DevHost::OwnHost(const httplib::Request& req) const {
+  if (!req.has_header("Host")) return true;
+  const std::string host = req.get_header_value("Host");
+  const std::string port = std::to_string(port_);
+  bool loopback = false;
+  for (const char* name : {"127.0.0.1", "localhost", "[::1]"})
+    loopback = loopback || SameText(host, name + (":" + port)) || (port_ == 80 && SameText(host, name));
+  return loopback;
+}
+
+namespace {
+
+// The origin of the page that sent the request: its Origin, else, for a
+// navigation, which sends none, the origin of its Referer (browsers send a
+// page's origin there when it leads to another origin). Empty: none known.
+std::string PageOrigin(const httplib::Request& req) {
+  if (req.has_header("Origin")) return ParseOrigin(req.get_header_value("Origin"), nullptr);
+  return OriginOf(req.get_header_value("Referer"));
+}
+
+// The request headers a page may set that the host reads.
+const char* const kReadHeaders[] = {"Content-Type", "Content-Encoding", "Range"};
+
+}  // namespace
+
 std::string DevHost::CrossOrigin(const httplib::Request& req) const {
   const std::string port = std::to_string(port_);
   const std::string host = req.get_header_value("Host");
   const std::string site = req.get_header_value("Sec-Fetch-Site");
+  const std::string origin = PageOrigin(req);
+  const bool trusted = admitted_.Trusted(origin);
   // A page of a site whose owner has pointed its name at 127.0.0.1 is of the
   // host's origin as far as the browser knows; only Host tells.
-  bool loopback = false;
-  for (const char* name : {"127.0.0.1", "localhost", "[::1]"})
-    loopback = loopback || SameText(host, name + (":" + port)) || (port_ == 80 && SameText(host, name));
+  const bool loopback = OwnHost(req);
   std::string why;
-  if (req.has_header("Sec-Fetch-Site") && site != "same-origin" && site != "none")
+  if (!trusted && req.has_header("Sec-Fetch-Site") && site != "same-origin" && site != "none")
     why = "Sec-Fetch-Site is \"" + site + "\": the request comes from a page of another site";
-  else if (req.has_header("Host") && !loopback)
+  else if (!loopback)
     why = "Host \"" + host + "\" is not a name of this host (127.0.0.1:" + port + ", localhost:" + port +
           " or [::1]:" + port + "): the page was opened under another name";
-  else if (req.has_header("Origin") && !SameText(req.get_header_value("Origin"), "http://" + host))
+  else if (!trusted && req.has_header("Origin") && !SameText(req.get_header_value("Origin"), "http://" + host))
     why = "Origin \"" + req.get_header_value("Origin") + "\" is not this host's own (http://" + host +
           "): the request comes from a page of another origin";
   else
     return "";
-  return why + "; open http://127.0.0.1:" + port + "/ itself, or call it from a program on this computer";
+  why += "; open http://127.0.0.1:" + port + "/ itself, or call it from a program on this computer";
+  // Trusting an origin admits its pages under the host's own names only.
+  if (loopback && !origin.empty() && !admitted_.Own(origin))
+    why += ", or let that page's origin in with serve --trust-origin " + origin;
+  return why;
+}
+
+void DevHost::Foreign(const Exchange& x, const std::string& why) const {
+  // The page learns why it was refused, which it knows already but for the
+  // option that admits it; the answer holds nothing of the device.
+  const std::string origin = ParseOrigin(x.req.get_header_value("Origin"), nullptr);
+  if (!origin.empty()) {
+    x.res.set_header("Access-Control-Allow-Origin", origin);
+    x.res.set_header("Vary", "Origin");
+  }
+  x.Refuse(403, kErrForeign, why);
+}
+
+void DevHost::Preflight(const Route& route, const Exchange& x) const {
+  const std::string origin = ParseOrigin(x.req.get_header_value("Origin"), nullptr);
+  const bool trusted = admitted_.Trusted(origin);
+  std::string headers = "Content-Type";
+  const std::string asked = x.req.get_header_value("Access-Control-Request-Headers");
+  for (size_t at = 0; at <= asked.size();) {
+    const size_t comma = std::min(asked.find(',', at), asked.size());
+    const size_t from = asked.find_first_not_of(" \t", at);
+    const size_t to = asked.find_last_not_of(" \t", comma - 1);
+    const std::string name = from < comma && to != std::string::npos ? asked.substr(from, to - from + 1) : "";
+    for (const char* read : kReadHeaders)
+      if (SameText(name, read) && !SameText(name, "Content-Type") && headers.find(read) == std::string::npos)
+        headers += std::string(", ") + read;
+    at = comma + 1;
+  }
+  x.res.status = 204;
+  x.res.set_header("Access-Control-Allow-Origin", origin);
+  x.res.set_header("Access-Control-Allow-Methods", route.methods);
+  x.res.set_header("Access-Control-Allow-Headers", headers);
+  x.res.set_header("Access-Control-Max-Age", trusted ? "600" : "0");
+  x.res.set_header("Vary", "Origin");
+  x.Log("OPTIONS " + Cut(x.req.path) + ": 204 (preflight of " +
+        Cut(x.req.get_header_value("Access-Control-Request-Method")) + " from " + origin +
+        (trusted ? ", trusted)" : ", not trusted: the request itself will be refused)"));
 }
 
 void DevHost::Unrouted(const httplib::Request& req, httplib::Response& res) {
   const RequestBody none;
-  const Exchange x(req, none, res, log_);
+  const Exchange x(req, none, res, log_, admitted_, Origins::kOwn);
   const std::string foreign = CrossOrigin(req);
-  if (!foreign.empty()) return x.Refuse(403, kErrForeign, foreign);
+  if (!foreign.empty()) return Foreign(x, foreign);
+  const std::string origin = ParseOrigin(req.get_header_value("Origin"), nullptr);
+  if (admitted_.Trusted(origin)) {
+    res.set_header("Access-Control-Allow-Origin", origin);
+    res.set_header("Vary", "Origin");
+  }
   // The server adds REMOTE_ADDR once it has read the request line and the
   // headers.
   if (!req.has_header("REMOTE_ADDR")) return x.Refuse(res.status, kErrBadRequest, Unreadable(req, res.status));
@@ -216,15 +288,26 @@ void DevHost::Handle(const Route& route, const httplib::Request& req, const http
   const UnderWay underWay(&underWay_);
   RequestBody body;
   if (reader) ReadBody(req, res, *reader, &body);
-  const Exchange x(req, body, res, log_);
+  const Exchange x(req, body, res, log_, admitted_, route.origins);
+  const std::string origin = ParseOrigin(req.get_header_value("Origin"), nullptr);
+  // A preflight changes nothing: one from an origin not trusted is let
+  // through so that its page reads why the request itself is refused.
+  if (req.method == "OPTIONS" && req.has_header("Access-Control-Request-Method") && !origin.empty() && OwnHost(req))
+    return Preflight(route, x);
   const std::string cross = CrossOrigin(req);
-  if (!cross.empty()) return x.Refuse(403, kErrForeign, cross);
+  if (!cross.empty()) return Foreign(x, cross);
+  if (admitted_.Trusted(origin)) {
+    res.set_header("Access-Control-Allow-Origin", origin);
+    res.set_header("Vary", "Origin");
+  }
+  if (req.method == "OPTIONS") return Other(x);
   if (body.status == 413) return x.Refuse(413, kErrTooLarge, TooLarge(req));
   if (body.status) return x.Refuse(body.status, kErrBadRequest, Unread(req));
   route.answer(x);
 }
 
 int DevHost::Bind(int port) {
+  routes_ = Routes(this, simulation_);
   httplib::Server& s = *server_;
   s.set_payload_max_length(kMaxBody);
   s.new_task_queue = [] { return new Threads(); };
@@ -247,6 +330,7 @@ int DevHost::Bind(int port) {
     if (route.Takes("GET")) s.Get(route.path, plain);
     if (route.Takes("POST")) s.Post(route.path, reading);
     if (route.Takes("DELETE")) s.Delete(route.path, reading);
+    s.Options(route.path, plain);
   }
   // Any other path, or method with a body: the body is read like any other.
   auto other = [this](const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader) {
@@ -262,6 +346,7 @@ int DevHost::Bind(int port) {
     if (res.body.empty()) Unrouted(req, res);
   });
   port_ = port == 0 ? s.bind_to_any_port("127.0.0.1") : s.bind_to_port("127.0.0.1", port) ? port : -1;
+  admitted_.port = port_;
   // The server listens with a backlog of 5: a burst of new connections (a
   // client that opens several at once) overflows it, and each connection over
   // waits a second for its SYN to be sent again. Listening again only

@@ -5,10 +5,13 @@
 // (talvwebapi::Runner), and serves the browser's side of the simulated
 // account service under /sim/.
 //
-// Only the host's own page and programs on this computer may use it: a
-// request from a page of another site (Sec-Fetch-Site, Origin) or under a
-// name other than a loopback one (Host, against DNS rebinding) is refused
-// with kErrForeign, whatever its method and path.
+// Only the host's own page, the pages of the origins it is told to trust, and
+// programs on this computer may use it: a request from a page of another
+// site (Sec-Fetch-Site, Origin, Referer) or under a name other than a
+// loopback one (Host, against DNS rebinding) is refused with kErrForeign,
+// whatever its method and path, before anything of it takes effect. Trusted
+// origins get CORS answers; a refused page may read its refusal, and nothing
+// else.
 //
 // Concurrency. The HTTP server runs each connection on one thread, from
 // decoding to answer, started when every other thread is busy (an idle
@@ -74,8 +77,8 @@ class DevHost : public talvwebapi::Runner {
   int Exec(Json::Value& result, const std::string& api, int version, const std::string& method,
            const Json::Value& params, const std::string& user) override;
 
-  // The administration page's folder, served at / (empty: no page). Call
-  // before Bind.
+  // The administration page's folder, served at /admin/, and at / without
+  // SetWeb (empty: no page). Call before Bind.
   void SetPages(std::string folder) { pages_ = std::move(folder); }
   // The description of the web API (docs/webapi.schema.json), served at
   // /webapi/schema.json (empty: none). Call before Bind.
@@ -83,10 +86,19 @@ class DevHost : public talvwebapi::Runner {
   // Holds every answer of /webapi/entry to `check` (not owned; nullptr:
   // none), and logs each one it does not allow. Call before Bind.
   void SetAnswerCheck(const AnswerCheck* check) { check_ = check; }
+  // The developer's own interface, an existing folder named by its real path
+  // (no link in it), served at every path no other route takes; the
+  // administration page stays at /admin/. Call before Bind.
+  void SetWeb(std::string folder) { web_ = std::move(folder); }
   // The device's facts ({"serial", "model", "build"}), answered at
   // /device.json: the page needs the serial for a sign-in by key, and no web
   // API method tells it. Call before Bind.
   void SetDevice(Json::Value facts) { device_ = std::move(facts); }
+  // The origins whose pages may use every route besides the host's own, as
+  // ParseOrigin answers them. Call before Bind.
+  void SetTrustedOrigins(std::vector<std::string> origins) { admitted_.trusted = std::move(origins); }
+  // The host's own origins and the trusted ones; its port once bound.
+  const Admitted& admitted() const { return admitted_; }
   // Binds 127.0.0.1:port (0: any free port); the port, or -1 (also when
   // another program listens there: one host per port).
   int Bind(int port);
@@ -110,15 +122,27 @@ class DevHost : public talvwebapi::Runner {
   // whatever the answer.
   void Handle(const Route& route, const httplib::Request& req, const httplib::ContentReader* reader,
               httplib::Response& res);
-  // Why the request does not come from the host's own page or a local
-  // program (empty: it does).
+  // Why the request does not come from the host's own page, a trusted
+  // origin's or a local program (empty: it does).
   std::string CrossOrigin(const httplib::Request& req) const;
+  // Whether the request reached the host under a loopback name and its port.
+  bool OwnHost(const httplib::Request& req) const;
+  // A refusal of CrossOrigin's: readable by the page that sent it, and by
+  // nothing else.
+  void Foreign(const Exchange& x, const std::string& why) const;
+  // Answers a CORS preflight of `route`: admitted for a trusted origin; for
+  // any other, so that the browser sends the request and its page reads the
+  // refusal, never cached.
+  void Preflight(const Route& route, const Exchange& x) const;
   // A request the server refused before any route: a request line or headers
   // it cannot read, a path or method no route takes.
   void Unrouted(const httplib::Request& req, httplib::Response& res);
   // The host's own routes (routes.cpp).
   void WebApi(const Exchange& x);
   void Files(const Exchange& x);
+  void Web(const Exchange& x);
+  // Answers the file at `path`, or 404 saying `wrong` when not empty.
+  void SendFile(const Exchange& x, const std::string& path, std::string wrong);
   void Device(const Exchange& x);
   void Schema(const Exchange& x);
   void Other(const Exchange& x);
@@ -131,14 +155,16 @@ class DevHost : public talvwebapi::Runner {
   std::shared_mutex identity_;
   VerifierApi verifier_;
   std::unique_ptr<httplib::Server> server_;
-  const std::vector<Route> routes_;
-  const Route other_;  // any path or method no route takes
+  std::vector<Route> routes_;  // made by Bind, which knows web_
+  const Route other_;          // any path or method no route takes
   std::atomic<bool> stopped_{false};
   std::atomic<int> underWay_{0};
   std::string pages_;
   std::string schema_;
   const AnswerCheck* check_ = nullptr;
+  std::string web_;
   Json::Value device_{Json::objectValue};
+  Admitted admitted_;
   int port_ = -1;
   int listener_ = -1;  // the listening socket, once bound
 };

@@ -13,22 +13,27 @@
 #include <functional>
 #include <string>
 
+#include "origin.h"
 #include "request.h"
 
 namespace webapihost {
 
-// Which pages may use a route; programs on this computer, which send no
-// Origin nor Sec-Fetch-Site, always may.
+// Which pages may use a route: the host's own pages, under a loopback name
+// of the host, and those of the origins `serve --trust-origin` names (they
+// get CORS answers). Programs on this computer, which send no Origin nor
+// Sec-Fetch-Site, always may.
 enum class Origins {
-  kOwn,  // the host's own pages, under a loopback name of the host
+  kOwn,     // framed by the host's own pages only
+  kFramed,  // framed by trusted origins too (get_iframe_info's page)
 };
 
 // One request as a route answers it: read whole, and already refused when it
 // came from another origin or its body could not be taken.
 class Exchange {
  public:
-  Exchange(const httplib::Request& req, const RequestBody& body, httplib::Response& res, FILE* log)
-      : req(req), body(body), res(res), log_(log) {}
+  Exchange(const httplib::Request& req, const RequestBody& body, httplib::Response& res, FILE* log,
+           const Admitted& admitted, Origins origins)
+      : req(req), body(body), res(res), admitted(admitted), log_(log), origins_(origins) {}
 
   // The line of this request in the host's log, out before the answer. One
   // write a line: the stream's own lock keeps it whole beside the lines of
@@ -39,15 +44,18 @@ class Exchange {
   // Answers JSON text.
   void Json(int status, const std::string& json) const;
   // Answers one of the host's HTML pages, which hold no script, load nothing
-  // and post their forms only to this host.
+  // and post their forms only to this host (whose answer may send the
+  // browser on to a trusted origin). Framed as the route's Origins say.
   void Page(int status, const std::string& html) const;
 
   const httplib::Request& req;
   const RequestBody& body;
   httplib::Response& res;
+  const Admitted& admitted;
 
  private:
   FILE* log_;
+  Origins origins_;
 };
 
 struct Route {

@@ -1,7 +1,9 @@
 // The development host's routes: the one table, and the host's own answers.
+#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <cerrno>
+#include <climits>
 #include <cstring>
 #include <fstream>
 #include <iterator>
@@ -15,23 +17,29 @@ namespace webapihost {
 std::vector<Route> DevHost::Routes(DevHost* h, pellixsim::Simulation* sim) {
   using O = Origins;
   // The page's files are named by a pattern with no '/' nor "..", so nothing
-  // outside its folder can be named.
+  // outside its folder can be named. The developer's interface (--web) takes
+  // every path no other route takes, so it comes last.
+  const bool web = h && !h->web_.empty();
   return {
       {"/webapi/entry", "GET, HEAD, POST", O::kOwn, [h](const Exchange& x) { h->WebApi(x); }, "`/webapi/entry`"},
-      {R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", "GET, HEAD", O::kOwn, [h](const Exchange& x) { h->Files(x); },
-       "`/`, `/NAME.html`, `.css`, `.js`, `.png`, `.svg`"},
+      {R"(/admin/?|/admin/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", "GET, HEAD", O::kOwn,
+       [h](const Exchange& x) { h->Files(x); }, "`/admin/`, `/admin/NAME.html`, `.css`, `.js`, `.png`, `.svg`"},
       {"/device.json", "GET, HEAD", O::kOwn, [h](const Exchange& x) { h->Device(x); }, "`/device.json`"},
       {"/webapi/schema.json", "GET, HEAD", O::kOwn, [h](const Exchange& x) { h->Schema(x); }, "`/webapi/schema.json`"},
       {"/sim/authorize", "GET, HEAD, POST", O::kOwn, [sim](const Exchange& x) { sim->Authorize(x); },
        "`/sim/authorize`"},
       {"/sim/(token|register)", "POST", O::kOwn, [sim](const Exchange& x) { sim->Browser(x); },
        "`/sim/token`, `/sim/register`"},
-      {"/sim/account|/sim/(login|register)/done", "GET, HEAD", O::kOwn, [sim](const Exchange& x) { sim->Page(x); },
-       "`/sim/account`, `/sim/login/done`, `/sim/register/done`"},
+      {"/sim/account", "GET, HEAD", O::kFramed, [sim](const Exchange& x) { sim->Page(x); }, "`/sim/account`"},
+      {"/sim/(login|register)/done", "GET, HEAD", O::kOwn, [sim](const Exchange& x) { sim->Page(x); },
+       "`/sim/login/done`, `/sim/register/done`"},
       {"/sim/conditions", "GET, HEAD, POST, DELETE", O::kOwn, [sim](const Exchange& x) { sim->InForce(x); },
        "`/sim/conditions`"},
       {"/sim/conditions/[^/]*", "DELETE", O::kOwn, [sim](const Exchange& x) { sim->InForce(x); },
        "`/sim/conditions/ID`"},
+      {web ? "/.*" : R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", "GET, HEAD", O::kOwn,
+       [h, web](const Exchange& x) { web ? h->Web(x) : h->Files(x); },
+       "`/`, `/NAME.html`, `.css`, `.js`, `.png`, `.svg`; with `--web DIR`, every other path"},
   };
 }
 
@@ -63,24 +71,69 @@ void DevHost::WebApi(const Exchange& x) {
   }
 }
 
+namespace {
+
+bool EndsWith(const std::string& text, const char* end) {
+  const size_t n = std::strlen(end);
+  return text.size() >= n && text.compare(text.size() - n, n, end) == 0;
+}
+
+// The types a browser insists on (a script served as text/plain is not run).
+std::string TypeOf(const std::string& name) {
+  static const char* const kTypes[][2] = {
+      {".html", "text/html"},      {".css", "text/css"},          {".js", "text/javascript"},
+      {".mjs", "text/javascript"}, {".json", "application/json"}, {".map", "application/json"},
+      {".png", "image/png"},       {".svg", "image/svg+xml"},     {".jpg", "image/jpeg"},
+      {".jpeg", "image/jpeg"},     {".gif", "image/gif"},         {".webp", "image/webp"},
+      {".ico", "image/x-icon"},    {".woff", "font/woff"},        {".woff2", "font/woff2"},
+      {".txt", "text/plain"},      {".wasm", "application/wasm"},
+  };
+  for (const auto& type : kTypes)
+    if (EndsWith(name, type[0])) return type[1];
+  return "application/octet-stream";
+}
+
+}  // namespace
+
 // The page's files are named by a pattern of the route, which has no '/' nor
 // "..", so nothing outside the folder can be named.
 void DevHost::Files(const Exchange& x) {
+  const std::string& path = x.req.path;
+  if (path == "/admin") {
+    x.res.status = 301;
+    x.res.set_header("Location", "/admin/");
+    return x.Log(x.req.method + " " + path + ": 301 (to /admin/)");
+  }
+  const std::string name = path.substr(path.rfind('/') + 1);
+  SendFile(x, pages_.empty() ? "" : pages_ + "/" + (name.empty() ? "index.html" : name),
+           pages_.empty() ? "this host serves no administration page: its folder was not found" : "");
+}
+
+// Any path under the folder of --web, as dev servers serve an application of
+// one page: a path that names no file gets its index.html. No name that
+// begins with '.' is served (no "..", no dotfile), nor a link that leads out.
+void DevHost::Web(const Exchange& x) {
+  const std::string& path = x.req.path;
+  for (size_t at = 0; at != std::string::npos; at = path.find('/', at + 1))
+    if (path.compare(at, 2, "/.") == 0 || path.find('\0') != std::string::npos)
+      return SendFile(x, "", "no name that begins with '.' is served from " + web_);
+  std::string file = web_ + path;
+  struct stat found {};
+  if (stat(file.c_str(), &found) != 0 || !S_ISREG(found.st_mode)) file = web_ + "/index.html";
+  char real[PATH_MAX];
+  if (realpath(file.c_str(), real) && std::string(real).rfind(web_ + "/", 0) != 0)
+    return SendFile(x, "", file + " leads out of " + web_);
+  SendFile(x, file, "");
+}
+
+void DevHost::SendFile(const Exchange& x, const std::string& path, std::string wrong) {
   const httplib::Request& req = x.req;
   httplib::Response& res = x.res;
-  const std::string name = req.path == "/" ? "index.html" : req.path.substr(1);
-  const std::string type = name.size() > 4 && name.compare(name.size() - 4, 4, ".css") == 0   ? "text/css"
-                           : name.size() > 3 && name.compare(name.size() - 3, 3, ".js") == 0  ? "text/javascript"
-                           : name.size() > 4 && name.compare(name.size() - 4, 4, ".png") == 0 ? "image/png"
-                           : name.size() > 4 && name.compare(name.size() - 4, 4, ".svg") == 0 ? "image/svg+xml"
-                                                                                              : "text/html";
-  const std::string path = pages_ + "/" + name;
-  std::string wrong;  // why it is not served
+  const std::string type = TypeOf(path);
   std::string content;
   struct stat file {};
   res.status = 404;
-  if (pages_.empty()) {
-    wrong = "this host serves no administration page: its folder was not found";
+  if (!wrong.empty()) {
   } else if (stat(path.c_str(), &file) != 0) {
     const int why = errno;
     res.status = why == ENOENT ? 404 : 500;
@@ -145,7 +198,9 @@ void DevHost::Other(const Exchange& x) {
     }
   x.Refuse(404, kErrBadRequest,
            "no such path \"" + Cut(x.req.path) + "\": the web API is at /webapi/entry" +
-               (pages_.empty() ? "" : ", the administration page at /"));
+               (pages_.empty() ? ""
+                : web_.empty() ? ", the administration page at /"
+                               : ", the administration page at /admin/"));
 }
 
 }  // namespace webapihost

@@ -18,6 +18,7 @@
 #include "feasibility/checker.h"
 #include "harness.h"
 #include "one_line.h"
+#include "origin.h"
 #include "pellix/backend.h"
 #include "seam/seam.h"
 #include "simulation.h"
@@ -32,12 +33,13 @@ namespace {
 // The examples printed at start; each works as shown on a fresh state (the
 // registration then answers 3010 or 3005 on later runs, which is the point).
 void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp,
-              const std::string& pages, const std::string& conditions) {
+              const std::string& pages, const std::string& trusted, const std::string& conditions) {
   const std::string entry = url + "/webapi/entry";
   (void)std::fprintf(
       out,
       "webapi-host: serving pellixcenter.so at %s\n"
       "  administration page %s\n"
+      "  %s\n"
       "  state folder %s (device %s, %s, build %s)\n"
       "  sign-out refusal reasons in %s\n"
       "  %s\n"
@@ -53,9 +55,9 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
       "  curl -s %s -d api=TALV.Core.PellixCenter -d version=2 -d method=login "
       "-d account=ada@example.com -d password=secret1\n"
       "Stop with Ctrl-C.\n",
-      entry.c_str(), pages.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(), state.build.c_str(),
-      state.ReasonsFile().c_str(), accountPhp.c_str(), url.c_str(), conditions.c_str(), entry.c_str(), entry.c_str(),
-      entry.c_str(), entry.c_str(), entry.c_str());
+      entry.c_str(), pages.c_str(), trusted.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(),
+      state.build.c_str(), state.ReasonsFile().c_str(), accountPhp.c_str(), url.c_str(), conditions.c_str(),
+      entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
   (void)std::fflush(out);
 }
 
@@ -186,6 +188,8 @@ int Serve(const ServeOptions& o) {
   device["model"] = state.model;
   device["build"] = state.build;
   host.SetDevice(device);
+  host.SetTrustedOrigins(o.trusted);
+  host.SetWeb(o.web);
   // From here on threads run, and the signals are the stopper's.
   Stopper stopper([&host] { host.Stop(); }, [&host] { return host.RequestsUnderWay(); });
   const int port = host.Bind(o.port);
@@ -199,6 +203,17 @@ int Serve(const ServeOptions& o) {
   }
   const std::string url = "http://127.0.0.1:" + std::to_string(port);
   sim->SetBaseUrl(url);
+  if (!o.pkceRedirect.empty()) {
+    const std::string origin = OriginOf(o.pkceRedirect);
+    if (!host.admitted().Own(origin) && !host.admitted().Trusted(origin)) {
+      (void)std::fprintf(stderr,
+                         "webapi-host: --pkce-redirect-uri %s is neither this host's (%s/...) nor of an origin that "
+                         "--trust-origin names; the sign-in page sends the browser only there\n",
+                         o.pkceRedirect.c_str(), url.c_str());
+      return 2;
+    }
+    sim->service().SetLoginRedirectUri(o.pkceRedirect);
+  }
   talvfeasibility::ReasonsFileChecker reasons(
       state.ReasonsFile(), [&conditions](const std::string& grade) { return conditions.LogoutReasons(grade); });
   const int phpPort = sim->StartAccountPhp(&error);
@@ -219,12 +234,18 @@ int Serve(const ServeOptions& o) {
   talvwebapi::SetRunner(&host);
   talvfeasibility::SetChecker(&reasons);
 
+  std::string trusted;
+  for (const std::string& origin : o.trusted) trusted += (trusted.empty() ? "" : ", ") + origin;
+  trusted = trusted.empty() ? "trusted origins: none (a page of another origin is refused; --trust-origin ORIGIN lets "
+                              "its pages in)"
+                            : "trusted origins: " + trusted + " (their pages may use every path)";
   std::string problem;
   const size_t set = initial.empty() ? 0 : conditions.Set(initial, true, &problem).size();
   Announce(o.out, url, state, phpLine,
-           o.pages.empty() ? "not served: no folder web/ beside the program or in the source tree"
-                           : url + "/ (from " + o.pages + ")",
-           o.conditions.empty() ? "" : " (" + std::to_string(set) + " set from " + o.conditions + ")");
+           (o.pages.empty() ? "not served: no folder web/ beside the program or in the source tree"
+                            : url + (o.web.empty() ? "/" : "/admin/") + " (from " + o.pages + ")") +
+               (o.web.empty() ? "" : "; your interface " + url + "/ (from " + o.web + ")"),
+           trusted, o.conditions.empty() ? "" : " (" + std::to_string(set) + " set from " + o.conditions + ")");
   const bool served = stopper.stopping() || host.Serve();
   stopper.Done();
   sim->Stop();

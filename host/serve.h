@@ -3,26 +3,31 @@
 
 #include <cstdio>
 #include <string>
+#include <vector>
 
 namespace webapihost {
 
 struct ServeOptions {
-  std::string module;         // path of pellixcenter.so
-  std::string state;          // the state folder
-  int port = 8080;            // 0: any free port
-  std::string language;       // the interface language of requests
-  std::string pages;          // the administration page's folder (empty: none)
-  std::string schema;         // the web API's description (empty: none)
-  bool checkAnswers = false;  // log every answer of /webapi/entry the description does not allow
-  std::string conditions;     // a file of the account service's conditions set at start (empty: none)
-  FILE* out = stdout;         // where the URL and the examples go
-  FILE* log = stderr;         // one line per request, and the module's log
+  std::string module;                // path of pellixcenter.so
+  std::string state;                 // the state folder
+  int port = 8080;                   // 0: any free port
+  std::string language;              // the interface language of requests
+  std::string pages;                 // the administration page's folder (empty: none)
+  std::string schema;                // the web API's description (empty: none)
+  bool checkAnswers = false;         // log every answer of /webapi/entry the description does not allow
+  std::string conditions;            // a file of the account service's conditions set at start (empty: none)
+  std::vector<std::string> trusted;  // origins whose pages may use the host, as ParseOrigin answers them
+  std::string web;                   // the developer's interface, served at / (empty: none)
+  std::string pkceRedirect;          // pkce_config_get's login redirect_uri (empty: the host's own page)
+  FILE* out = stdout;                // where the URL and the examples go
+  FILE* log = stderr;                // one line per request, and the module's log
 };
 
 // Serves until SIGINT or SIGTERM. Exit status: 0 after a signal, 1 when the
 // state folder or its database cannot be used, the folder is in use by
 // another host, the conditions file cannot be read or set, or start-up fails
-// otherwise; 2 a port in use; 3 the module
+// otherwise; 2 a port in use, or a PKCE redirect URI of neither the host
+// nor a trusted origin; 3 the module
 // cannot be loaded.
 int Serve(const ServeOptions& options);
 

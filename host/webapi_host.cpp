@@ -3,6 +3,7 @@
 //   webapi-host [--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS]
 //   webapi-host [--module PATH] list
 //   webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]
+//               [--trust-origin ORIGIN]... [--web DIR] [--pkce-redirect-uri URI]
 //   webapi-host [--module PATH] demo
 //   webapi-host help [COMMAND] | --help | --version
 //
@@ -24,6 +25,7 @@
 #include <vector>
 
 #include "harness.h"
+#include "origin.h"
 #include "serve.h"
 #include "state.h"
 #include "syslog_capture.h"
@@ -34,6 +36,7 @@ const char kUsage[] =
     "usage: webapi-host [--module PATH] [--lang LANG] call API VERSION METHOD [PARAMS_JSON]\n"
     "       webapi-host [--module PATH] list\n"
     "       webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]\n"
+    "                   [--trust-origin ORIGIN]... [--web DIR] [--pkce-redirect-uri URI]\n"
     "       webapi-host [--module PATH] demo\n"
     "       webapi-host help [COMMAND] | --help | --version\n";
 
@@ -50,6 +53,14 @@ const char kOptions[] =
     "  --check-answers\n"
     "                 serve: hold every answer of /webapi/entry to the description of the web API\n"
     "                 (/webapi/schema.json) and log each it does not allow\n"
+    "  --trust-origin ORIGIN\n"
+    "                 serve: let the pages of ORIGIN (scheme://host[:port], as http://127.0.0.1:5173) use\n"
+    "                 every path, with CORS answers; repeatable. Other origins' pages stay refused\n"
+    "  --web DIR      serve: serve your own built interface from DIR at / (index.html for a path that\n"
+    "                 names no file); the administration page moves to /admin/\n"
+    "  --pkce-redirect-uri URI\n"
+    "                 serve: the login redirect_uri that pkce_config_get answers, on this host or a\n"
+    "                 trusted origin: the service's sign-in page sends the browser there with code and state\n"
     "  --help, -h     this text; with a command, that command's\n"
     "  --version      the version\n";
 
@@ -70,7 +81,9 @@ const Command kCommands[] = {
     {"list", "[--module PATH] list",
      "Prints the module's table, one method a line: API, version, method.\n"
      "Exit status: 0; 2 a bad invocation; 3 the module cannot be loaded.\n"},
-    {"serve", "[--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]",
+    {"serve",
+     "[--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]\n"
+     "                   [--trust-origin ORIGIN]... [--web DIR] [--pkce-redirect-uri URI]",
      "Serves every method over HTTP at http://127.0.0.1:PORT/webapi/entry, and the administration page\n"
      "at http://127.0.0.1:PORT/, on a simulated device and account service kept in the state folder.\n"
      "It prints the URL, the state folder, the device's serial number and requests to try.\n"
@@ -79,9 +92,12 @@ const Command kCommands[] = {
      "The simulated account service fails, waits or misbehaves on request: GET, POST and DELETE\n"
      "/sim/conditions list, set and clear its conditions while it serves, and --conditions FILE sets\n"
      "some at start.\n"
+     "Pages of other origins are refused; --trust-origin ORIGIN lets the pages of one in (a dev\n"
+     "server's, as http://127.0.0.1:5173), --web DIR serves your own interface at / and\n"
+     "--pkce-redirect-uri URI brings the PKCE sign-in back to it.\n"
      "Exit status: 0 after Ctrl-C or SIGTERM; 1 the state folder cannot be used or is in use by\n"
-     "another host, the conditions file cannot be read or set, or another start-up error; 2 a bad invocation or a port "
-     "in use; 3 the module\n"
+     "another host, the conditions file cannot be read or set, or another start-up error; 2 a bad invocation, a port "
+     "in use, or a PKCE redirect URI of neither the host nor a trusted origin; 3 the module\n"
      "cannot be loaded.\n"},
     {"demo", "[--module PATH] demo",
      "Starts a host of its own on a free port and a temporary state folder and runs a whole account\n"
@@ -189,6 +205,7 @@ int main(int argc, char** argv) {
   std::map<std::string, std::string> options;
   bool help = false;
   std::vector<std::string> args;
+  std::vector<std::string> trusted;
   for (int i = 1; i < argc; ++i) {
     const std::string arg = argv[i];
     if (arg == "--help" || arg == "-h") {
@@ -196,9 +213,16 @@ int main(int argc, char** argv) {
     } else if (arg == "--version") {
       std::cout << "webapi-host " << PELLIX_VERSION << "\n";
       return 0;
-    } else if (arg == "--module" || arg == "--lang" || arg == "--state" || arg == "--port" || arg == "--conditions") {
+    } else if (arg == "--module" || arg == "--lang" || arg == "--state" || arg == "--port" || arg == "--conditions" ||
+               arg == "--trust-origin" || arg == "--web" || arg == "--pkce-redirect-uri") {
       if (i + 1 >= argc) return Usage(arg + " needs a value");
       options[arg] = argv[++i];
+      if (arg != "--trust-origin") continue;
+      std::string problem;
+      trusted.push_back(webapihost::ParseOrigin(options[arg], &problem));
+      if (trusted.back().empty())
+        return Usage("--trust-origin \"" + options[arg] + "\" is not an origin: " + problem +
+                     "; give scheme://host[:port], as http://127.0.0.1:5173");
     } else if (arg == "--check-answers") {
       options[arg] = "";
     } else if (arg.rfind("--", 0) == 0) {
@@ -217,7 +241,8 @@ int main(int argc, char** argv) {
   if (command.empty()) return Usage("no command");
   if (!FindCommand(command)) return Usage("unknown command " + command);
   if (command != "serve")
-    for (const char* only : {"--state", "--port", "--conditions", "--check-answers"})
+    for (const char* only :
+         {"--state", "--port", "--conditions", "--check-answers", "--trust-origin", "--web", "--pkce-redirect-uri"})
       if (options.count(only)) return Usage(std::string(only) + " is an option of serve only");
   const std::string modulePath = options.count("--module") ? options["--module"] : DefaultModule();
   const std::string language = options.count("--lang") ? options["--lang"] : "enu";
@@ -235,6 +260,18 @@ int main(int argc, char** argv) {
     serve.conditions = options.count("--conditions") ? options["--conditions"] : "";
     if (options.count("--port") && (!ParseInt(options["--port"], &serve.port) || serve.port < 0 || serve.port > 65535))
       return Usage("--port takes a port number, not \"" + options["--port"] + "\"");
+    serve.trusted = trusted;
+    if (options.count("--web")) {
+      char real[PATH_MAX];
+      if (!IsFolder(options["--web"]) || !realpath(options["--web"].c_str(), real))
+        return Usage("--web " + options["--web"] + ": no such folder; give the folder of your built interface");
+      serve.web = real;
+    }
+    serve.pkceRedirect = options.count("--pkce-redirect-uri") ? options["--pkce-redirect-uri"] : "";
+    if (!serve.pkceRedirect.empty() &&
+        (webapihost::OriginOf(serve.pkceRedirect).empty() || serve.pkceRedirect.find('#') != std::string::npos))
+      return Usage("--pkce-redirect-uri \"" + serve.pkceRedirect +
+                   "\" is not an absolute http or https URI without a fragment, as http://127.0.0.1:5173/callback");
     return webapihost::Serve(serve);
   }
   if (command == "demo") {

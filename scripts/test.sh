@@ -10,6 +10,8 @@ set -euo pipefail
 cd "$(dirname "$0")/.."
 
 bash scripts/install-deps.sh --all
+# The Vite dev server of a browser test, at the version its lock file pins.
+npm ci --prefix tests/browser/vite --no-audit --no-fund >/dev/null
 jobs=$(nproc)
 
 cmake --preset asan >/dev/null

@@ -61,7 +61,8 @@ std::string SignInPage(const Json::Value& fields, const Json::Value& login, cons
                   "<code>create</code> answers it <input name=\"code_challenge\" required size=\"50\" value=\"" +
                   Html(Text(fields, "code_challenge")) + "\"></label>\n" +
                   hidden("client_id", Text(login, "client_id")) + hidden("redirect_uri", Text(login, "redirect_uri")) +
-                  hidden("code_challenge_method", "S256") + "\n<button>Sign in</button>\n</form>\n");
+                  hidden("state", "") + hidden("code_challenge_method", "S256") +
+                  "\n<button>Sign in</button>\n</form>\n");
 }
 
 std::string AccountPage(const Json::Value& info) {

@@ -481,7 +481,9 @@ Json::Value Service::PkceConfig(const std::string& flow) const {
   config["client_id"] = kClientId;
   config["authorize_endpoint"] = options_.baseUrl + "/sim/authorize";
   config["token_endpoint"] = options_.baseUrl + "/sim/token";
-  config["redirect_uri"] = options_.baseUrl + "/sim/" + flow + "/done";
+  config["redirect_uri"] = flow == "login" && !options_.loginRedirectUri.empty()
+                               ? options_.loginRedirectUri
+                               : options_.baseUrl + "/sim/" + flow + "/done";
   config["code_challenge_method"] = "S256";
   config["scope"] = flow == "register" ? "account.create" : "account";
   return config;

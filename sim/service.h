@@ -84,6 +84,7 @@ struct Options {
   int64_t grantLifetime = 300;   // seconds an authorisation code is good for
   int accountsPerSerial = 5;     // registrations one device may make
   std::string baseUrl;           // where the service's browser side is served
+  std::string loginRedirectUri;  // the login flow's redirect URI (empty: the service's own page)
   std::function<int64_t()> now;  // seconds since the epoch; default time()
 };
 
@@ -133,6 +134,9 @@ class Service {
   const Options& options() const { return options_; }
   // Where the browser's side is served; set before the first request.
   void SetBaseUrl(const std::string& url) { options_.baseUrl = url; }
+  // The login flow's redirect URI, for an interface of the developer's own;
+  // set before the first request.
+  void SetLoginRedirectUri(const std::string& uri) { options_.loginRedirectUri = uri; }
 
  private:
   int64_t Now() const;

@@ -7,6 +7,7 @@
 #include <cstring>
 
 #include "one_line.h"
+#include "origin.h"
 #include "pages.h"
 #include "route.h"
 #include "text.h"
@@ -64,6 +65,14 @@ void Simulation::Authorize(const webapihost::Exchange& x) {
   Page(x);
 }
 
+std::string Simulation::RedirectRefused(const webapihost::Exchange& x, const std::string& redirect) {
+  const std::string origin = webapihost::OriginOf(redirect);
+  if ((x.admitted.Own(origin) || x.admitted.Trusted(origin)) && redirect.find('#') == std::string::npos) return "";
+  return "This sign-in cannot send you back to " + redirect +
+         ": a redirect URI must be an address of this host or of an origin that serve --trust-origin names, "
+         "without a fragment. Start the host with --trust-origin for your page's origin, or leave redirect_uri out.";
+}
+
 // The browser's side of the account service: what a user does in a web page
 // of the service, which the device never sees.
 void Simulation::Browser(const webapihost::Exchange& x) {
@@ -89,6 +98,14 @@ void Simulation::Browser(const webapihost::Exchange& x) {
   const bool signInPage = req.path == "/sim/authorize" && req.get_header_value("Sec-Fetch-Mode") == "navigate";
   std::string code;
   const std::string redirect = text("redirect_uri", login["redirect_uri"].asString());
+  // The sign-in page sends the browser, with a grant, only to the host or a
+  // trusted origin: anywhere else would be an open redirect.
+  const std::string wrongTarget = RedirectRefused(x, redirect);
+  if (signInPage && !wrongTarget.empty()) {
+    x.Page(400, SignInPage(fields, login, wrongTarget));
+    x.Log(req.method + " " + req.path + ": 400 (" + wrongTarget + ")");
+    return;
+  }
   if (req.path == "/sim/authorize") {
     error = service_.IssueGrant(text("email"), text("password"), text("client_id", kClientId), redirect,
                                 text("code_challenge"), text("code_challenge_method", "S256"), &code);
@@ -123,16 +140,22 @@ void Simulation::Browser(const webapihost::Exchange& x) {
     answer["error"] = wrong;
     status = error == kBadAuth ? 401 : error == kBadParam ? 400 : error == kInUse ? 409 : 500;
   }
-  // The redirect goes by path, so the browser stays on the name it used for
-  // the host; a redirect URI elsewhere gets the answer as it is.
-  const std::string own = service_.options().baseUrl + "/sim/";
+  // On the host the redirect goes by path, so the browser stays on the name
+  // it used for the host; to a trusted origin, as it is. The state the
+  // request brought goes back with the code (RFC 6749, 4.1.2).
   if (signInPage && error != kOk) {
     x.Page(status, SignInPage(fields, login, "The sign-in failed: " + wrong + "."));
-  } else if (signInPage && redirect.rfind(own, 0) == 0) {
+  } else if (signInPage) {
     status = 303;
     res.status = status;
-    const std::string path = redirect.substr(service_.options().baseUrl.size());
-    res.set_header("Location", path + (path.find('?') == std::string::npos ? "?code=" : "&code=") + code);
+    std::string target = redirect;
+    if (x.admitted.Own(webapihost::OriginOf(redirect))) {
+      const size_t path = redirect.find_first_of("/?", redirect.find("://") + 3);
+      target = "/" + (path == std::string::npos ? "" : redirect.substr(redirect[path] == '/' ? path + 1 : path));
+    }
+    const std::string state = text("state");
+    res.set_header("Location", target + (target.find('?') == std::string::npos ? "?code=" : "&code=") + code +
+                                   (state.empty() ? "" : "&state=" + httplib::detail::encode_query_param(state)));
   } else {
     x.Json(status, Compact(answer));
   }
@@ -147,7 +170,12 @@ void Simulation::Page(const webapihost::Exchange& x) {
   std::string problem;
   if (!Fields(req, x.body, false, &fields, &problem)) return x.Refuse(400, kErrBadRequest, problem);
   if (req.path == "/sim/authorize") {
-    x.Page(200, SignInPage(fields, service_.PkceConfig("login"), ""));
+    const Json::Value login = service_.PkceConfig("login");
+    const Json::Value& asked = fields["redirect_uri"];
+    const std::string wrong =
+        RedirectRefused(x, asked.isString() ? asked.asString() : login["redirect_uri"].asString());
+    x.Page(wrong.empty() ? 200 : 400, SignInPage(fields, login, wrong));
+    if (!wrong.empty()) return x.Log(req.method + " " + req.path + ": 400 (" + wrong + ")");
   } else if (req.path == "/sim/account") {
     Json::Value info;
     const uint32_t error = service_.Query(device_.serial, &info);

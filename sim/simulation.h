@@ -63,6 +63,9 @@ class Simulation {
   void InForce(const webapihost::Exchange& x);
 
  private:
+  // Why the sign-in page may not send the browser to `redirect` (empty: it
+  // may): neither the host's nor a trusted origin's.
+  static std::string RedirectRefused(const webapihost::Exchange& x, const std::string& redirect);
   Simulation(std::string folder, std::unique_ptr<Store> store, DeviceFacts device, FILE* log);
 
   const std::string folder_;

@@ -12,6 +12,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <regex>
 #include <set>
 #include <thread>
 
@@ -41,10 +42,11 @@ class ServeTest : public ::testing::Test {
       EXPECT_EQ(host_->Log().find("does not match the description"), std::string::npos) << host_->Log();
     }
   }
-  void Start() {
+  void Start(std::vector<std::string> more = {}) {
     Described();
+    more.push_back("--check-answers");
     host_.reset(new ServeProcess(WEBAPI_HOST, PELLIXCENTER_SO, dir_.path() + "/state",
-                                 dir_.path() + "/serve." + std::to_string(++started_) + ".log", {"--check-answers"}));
+                                 dir_.path() + "/serve." + std::to_string(++started_) + ".log", more));
     ASSERT_GT(host_->port(), 0) << host_->Log();
     size_t at = host_->announcement().find("(device ");
     ASSERT_NE(at, std::string::npos);
@@ -521,6 +523,7 @@ TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
     const char* content;  // found in the body
   } cases[] = {
       {"/", 200, "text/html", "<title>"},
+      {"/admin/", 200, "text/html", "<title>"},
       {"/style.css", 200, "text/css", "focus-visible"},
       {"/nothing.js", 404, "text/plain", "No such page"},
       {"/../CMakeLists.txt", 404, "application/json", "\"code\":101"},
@@ -833,6 +836,133 @@ TEST_F(ServeTest, OnlyItsOwnPagesAndLocalProgramsReachIt) {
   EXPECT_EQ(logged, std::size(foreign) * std::size(requests)) << "one line for each refusal";
   httplib::Client client("127.0.0.1", host_->port());
   for (const httplib::Headers& headers : ownPage) EXPECT_TRUE(signedIn(client, headers)) << headers.size();
+}
+
+// A trusted origin's pages get CORS answers on every route; any other page
+// reads its refusal and nothing else, and changes nothing, preflight or not.
+// (tests/browser shows both in Chromium.)
+TEST_F(ServeTest, TrustedOriginsGetCorsAnswersOthersOnlyTheirRefusal) {
+  const std::string trusted = "http://127.0.0.1:18500", other = "http://127.0.0.1:18600", site = "Sec-Fetch-Site";
+  ASSERT_NO_FATAL_FAILURE(Start({"--trust-origin", trusted, "--trust-origin", "HTTP://LocalHost:5173"}));
+  EXPECT_NE(host_->announcement().find("trusted origins: " + trusted + ", http://localhost:5173"), std::string::npos);
+  const std::string logout = "/webapi/entry?api=TALV.Core.PellixCenter.Logout&version=1&method=pkce_logout";
+  const std::string fix = "or let that page's origin in with serve --trust-origin ";
+  struct Case {
+    const char* method;
+    std::string path;
+    httplib::Headers headers;
+    int status;
+    std::string allowOrigin;  // also Vary: Origin when not empty
+    std::string cors;         // Allow-Methods | Allow-Headers | Max-Age
+    std::string reason;       // in a refusal's reason and log line
+  } cases[] = {
+      {"OPTIONS",
+       "/webapi/entry",
+       {{"Origin", trusted},
+        {"Access-Control-Request-Method", "POST"},
+        {"Access-Control-Request-Headers", "content-type, RANGE, x-other"}},
+       204,
+       trusted,
+       "GET, HEAD, POST|Content-Type, Range|600",
+       ""},
+      {"OPTIONS",
+       "/sim/conditions",
+       {{"Origin", other}, {"Access-Control-Request-Method", "DELETE"}},
+       204,
+       other,
+       "GET, HEAD, POST, DELETE|Content-Type|0",
+       ""},
+      {"OPTIONS", "/webapi/entry", {}, 405, "", "||", "takes GET or POST, not OPTIONS"},
+      {"POST",
+       logout,
+       {{"Origin", "http://localhost:5173"}, {site, "same-site"}},
+       200,
+       "http://localhost:5173",
+       "||",
+       ""},
+      {"GET", "/sim/account", {{"Referer", trusted + "/page"}, {site, "same-site"}}, 200, "", "||", ""},
+      {"POST",
+       logout,
+       {{"Origin", other}, {site, "same-site"}},
+       403,
+       other,
+       "||",
+       "Sec-Fetch-Site is \"same-site\": the request comes from a page of another site; open http://127.0.0.1:" +
+           std::to_string(host_->port()) + "/ itself, or call it from a program on this computer, " + fix + other},
+      {"GET", logout, {{"Referer", other + "/"}, {site, "cross-site"}}, 403, "", "||", fix + other},
+      {"GET", logout, {{"Referer", trusted + "/"}, {"Origin", "null"}}, 403, "", "||", "Origin \"null\""},
+      {"POST", logout, {{"Origin", trusted}, {"Host", "evil.example"}}, 403, trusted, "||", "Host \"evil.example\""},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::string(c.method) + " " + c.path + " " + std::to_string(c.status));
+    httplib::Request request;
+    request.method = c.method;
+    request.path = c.path;
+    request.headers = c.headers;
+    httplib::Result r = httplib::Client("127.0.0.1", host_->port()).send(request);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(r->status, c.status) << r->body;
+    EXPECT_EQ(r->get_header_value("Access-Control-Allow-Origin"), c.allowOrigin);
+    EXPECT_EQ(r->get_header_value("Vary"), c.allowOrigin.empty() ? "" : "Origin");
+    EXPECT_EQ(r->get_header_value("Access-Control-Allow-Methods") + "|" +
+                  r->get_header_value("Access-Control-Allow-Headers") + "|" +
+                  r->get_header_value("Access-Control-Max-Age"),
+              c.cors);
+    if (c.reason.empty()) continue;
+    EXPECT_NE(J(r->body)["error"]["details"]["reason"].asString().find(c.reason), std::string::npos) << r->body;
+    EXPECT_NE(host_->Log().find(c.reason), std::string::npos) << host_->Log();
+    EXPECT_EQ(c.reason.find(fix) == std::string::npos, r->body.find("--trust-origin") == std::string::npos) << r->body;
+  }
+}
+
+// --web serves the developer's interface at every other path and nothing
+// outside its folder; the sign-in page sends the browser back to the host
+// or a trusted origin with the code and the state, and nowhere else.
+TEST_F(ServeTest, YourOwnInterfaceAndThePkceSignInBackToIt) {
+  const std::string d = dir_.path(), trusted = "http://127.0.0.1:18500";
+  ASSERT_EQ(
+      std::system(("mkdir -p '" + d + "/web/sub' && cd '" + d + "' && echo index > web/index.html && echo x=1 > " +
+                   "web/sub/a.js && echo secret > web/.env && echo out > out.html && ln -s ../out.html web/out.html")
+                      .c_str()),
+      0);
+  std::string out, err;
+  EXPECT_EQ(RunCommand("'" WEBAPI_HOST "' serve --port 0 --state '" + d + "/state' --pkce-redirect-uri " + trusted,
+                       &out, &err),
+            2);
+  EXPECT_NE(err.find("--pkce-redirect-uri " + trusted + " is neither this host's"), std::string::npos) << err;
+  ASSERT_NO_FATAL_FAILURE(Start({"--web", d + "/web", "--trust-origin", trusted}));
+  EXPECT_NE(host_->announcement().find("/admin/ (from "), std::string::npos) << host_->announcement();
+  httplib::Client browser("127.0.0.1", host_->port());
+  const std::pair<const char*, const char*> files[] = {{"/", "200 index\n"},
+                                                       {"/sub/a.js", "200 x=1\n"},
+                                                       {"/deep/route", "200 index\n"},
+                                                       {"/admin/", "200 <!doctype"},
+                                                       {"/.env", "404 No such page"},
+                                                       {"/sub/%2e%2e/.env", "404 No such page"},
+                                                       {"/out.html", "404 No such page"}};
+  for (const auto& [path, seen] : files) {
+    httplib::Result r = browser.Get(path);
+    ASSERT_TRUE(r);
+    EXPECT_EQ(std::to_string(r->status) + " " + r->body.substr(0, std::strlen(seen) - 4), seen) << path;
+  }
+  Register("ada@example.com", "secret1");
+  const std::string own = "http://localhost:" + std::to_string(host_->port());
+  for (const std::string& redirect : {own + "/app?x=1", std::string("http://evil.example/cb"), trusted + "/cb#top"}) {
+    const httplib::Params form{{"email", "ada@example.com"},
+                               {"password", "secret1"},
+                               {"code_challenge", std::string(43, 'c')},
+                               {"state", "a b%41"},
+                               {"redirect_uri", redirect}};
+    httplib::Result r = browser.Post("/sim/authorize", {{"Sec-Fetch-Mode", "navigate"}}, form);
+    ASSERT_TRUE(r);
+    // The client decodes Location: "%41" is still there only if it was sent encoded.
+    if (redirect == own + "/app?x=1")
+      EXPECT_TRUE(r->status == 303 && std::regex_match(r->get_header_value("Location"),
+                                                       std::regex("/app\\?x=1&code=[0-9a-f]+&state=a b%41")))
+          << r->get_header_value("Location");
+    else
+      EXPECT_NE(r->body.find("cannot send you back to " + redirect), std::string::npos) << r->body;
+  }
 }
 
 // Every kind of body is taken up to kMaxBody and refused above it, the answer

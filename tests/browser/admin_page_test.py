@@ -14,6 +14,7 @@ import json
 import os
 import select
 import shutil
+import socket
 import subprocess
 import tempfile
 import threading
@@ -38,7 +39,8 @@ WAIT = 30  # seconds; PBKDF2 sign-ins on two busy cores are slow, not stuck
 CENTER = "TALV.Core.PellixCenter"
 EMAIL = "ada@example.com"
 PASSWORD = "secret1"
-WIDTHS = ((1280, 800), (390, 844))  # a desk's window and a phone's
+WIDTHS = ((1280, 800), (390, 844))
+VITE = os.path.join(os.path.dirname(os.path.abspath(__file__)), "vite")  # a desk's window and a phone's
 
 # What a person could not read in the shown page: elements out of the window
 # or scrolling sideways (a field scrolls its own text; the visually hidden
@@ -62,12 +64,12 @@ return [wide, mute];
 class DevHost:
     """`webapi-host serve` in a child process, stopped by stop()."""
 
-    def __init__(self, folder):
+    def __init__(self, folder, more=()):
         self.state = os.path.join(folder, "state")
         self.log_path = os.path.join(folder, "serve.log")
         self.log = open(self.log_path, "w")
         self.process = subprocess.Popen(
-            [HOST, "--module", MODULE, "serve", "--state", self.state, "--port", "0", "--check-answers"],
+            [HOST, "--module", MODULE, "serve", "--state", self.state, "--port", "0", "--check-answers", *more],
             stdout=subprocess.PIPE, stderr=self.log)
         # Raw reads: a buffered reader would hold text that select() no
         # longer sees.
@@ -422,42 +424,63 @@ class AdminPageTest(unittest.TestCase):
         table = {c for c in self.driver.execute_script("return Messages.codes()") if c >= 3000}
         self.assertEqual(table - reached, set(), "codes of the page's table that no step reaches")
 
+    def call(self, method, api=CENTER, version=2, **params):
+        """A call by the function `call` of the page shown (vite/index.html)."""
+        return self.driver.execute_async_script(
+            "call(...Array.from(arguments).slice(0, 4)).then(arguments[4], (e) => arguments[4](String(e)))",
+            api, version, method, params)
+
+    def other_server(self, pages):
+        """A second local server, another origin of the same site, serving
+        `pages` (name: text); its origin."""
+        other = self.other = tempfile.mkdtemp(dir=self.folder)
+        for name, text in pages.items():
+            with open(os.path.join(other, name), "w") as page:
+                page.write(text)
+        quiet = type("Quiet", (http.server.SimpleHTTPRequestHandler,), {"log_message": lambda *_: None})
+        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(quiet, directory=other))
+        threading.Thread(target=server.serve_forever, daemon=True).start()
+        self.addCleanup(server.server_close)
+        self.addCleanup(server.shutdown)
+        return "http://127.0.0.1:%d" % server.server_address[1]
+
+    def wait_log(self, *lines):
+        """Until the host's log holds each of `lines` (text, count)."""
+        deadline = time.monotonic() + WAIT
+        while time.monotonic() < deadline:
+            with open(self.host.log_path) as log:
+                text = log.read()
+            if all(text.count(line) >= count for line, count in lines):
+                return
+            time.sleep(0.2)
+        self.fail("the host's log lacks %r:\n%s" % (lines, text))
+
     def test_a_page_of_another_site_changes_nothing(self):
         self.register_signed_in()
-        # Another origin of the same site: a server of its own on another port.
-        other = os.path.join(self.folder, "other")
-        os.makedirs(other)
         logout = self.host.url + "webapi/entry?api=%s&version=2&method=logout&force=true" % CENTER
-        with open(os.path.join(other, "index.html"), "w") as page:
-            page.write("""<!doctype html><title>another site</title>
+        origin = self.other_server({"index.html": """<!doctype html><title>another site</title>
 <iframe name="sink"></iframe>
 <form method="post" action="%(entry)s" target="sink">
   <input name="api" value="%(api)s"><input name="version" value="2">
   <input name="method" value="logout"><input name="force" value="true">
 </form>
 <img src="%(logout)s&amp;by=img">
+<iframe src="%(host)ssim/account"></iframe>
+<iframe src="%(host)ssim/authorize?code_challenge=c&amp;redirect_uri=http://127.0.0.1:1/cb"></iframe>
 <script>
   fetch("%(logout)s&by=fetch", {mode: "no-cors"}).catch(() => {});
+  fetch("%(entry)s", {method: "POST", headers: {"Content-Type": "application/json"},
+                      body: JSON.stringify({api: "%(api)s", version: 2, method: "logout", force: true})})
+    .then((r) => r.json()).then((j) => { document.title = j.error.details.reason; });
   document.forms[0].submit();
-</script>""" % {"entry": self.host.url + "webapi/entry", "api": CENTER, "logout": logout})
-        quiet = type("Quiet", (http.server.SimpleHTTPRequestHandler,), {"log_message": lambda *_: None})
-        server = http.server.ThreadingHTTPServer(("127.0.0.1", 0), functools.partial(quiet, directory=other))
-        threading.Thread(target=server.serve_forever, daemon=True).start()
-        self.addCleanup(server.server_close)
-        self.addCleanup(server.shutdown)
-
-        self.driver.get("http://127.0.0.1:%d/" % server.server_address[1])
-        # The host's word that each of the three reached it and was refused.
-        refusals = ("POST /webapi/entry: 403 code 108", "GET /webapi/entry: 403 code 108")
-        deadline = time.monotonic() + WAIT
-        while time.monotonic() < deadline:
-            with open(self.host.log_path) as log:
-                text = log.read()
-            if text.count(refusals[0]) >= 1 and text.count(refusals[1]) >= 2:
-                break
-            time.sleep(0.2)
-        else:
-            self.fail("the host did not refuse the form, the fetch and the image:\n" + text)
+</script>""" % {"entry": self.host.url + "webapi/entry", "api": CENTER, "logout": logout, "host": self.host.url}})
+        self.driver.get(origin + "/")
+        # The host's word that each reached it and was refused, and the
+        # page's own fetch reads why.
+        self.wait_log(("POST /webapi/entry: 403 code 108", 2), ("GET /webapi/entry: 403 code 108", 2),
+                      ("GET /sim/account: 403 code 108", 1), ("GET /sim/authorize: 403 code 108", 1))
+        WebDriverWait(self.driver, WAIT).until(lambda d: "--trust-origin" in d.title)
+        self.assertIn("or let that page's origin in with serve --trust-origin " + origin, self.driver.title)
         self.assertTrue(self.host.entry(CENTER, 2, "query")["data"]["is_logged_in"])
 
         # The host's own page still does what it did.
@@ -466,6 +489,93 @@ class AdminPageTest(unittest.TestCase):
         self.wait_visible("#so-go").click()
         self.wait_text("#st-account", "Not signed in")
 
+    def test_a_trusted_page_signs_in_and_out_and_back_by_pkce(self):
+        """A page of a trusted origin: queries, signs in by password and
+        out, runs the PKCE sign-in back to itself, and frames the account."""
+        with open(os.path.join(VITE, "index.html")) as mine:
+            call = '<script>var H = "%s";</script>' + mine.read()
+        pages = {"index.html": call, "cb.html": call + """<script>
+const back = new URLSearchParams(location.search);
+(async () => {
+  const login = (await call("TALV.Core.PellixCenter.Login", 1, "pkce_config_get", {})).data.login;
+  const answer = await call("TALV.Core.PellixCenter.Login", 1, "pkce_login", {
+    code_challenge: sessionStorage.challenge, grant_code: back.get("code"), client_id: login.client_id,
+    token_endpoint: login.token_endpoint, redirect_uri: login.redirect_uri});
+  document.title = back.get("state") + " " + JSON.stringify(answer);
+})();
+</script>""", "frame.html": '<!doctype html><title>framed</title><iframe src="%ssim/account"></iframe>'}
+        origin = self.other_server(pages)
+        self.host.stop()
+        self.host = DevHost(tempfile.mkdtemp(dir=self.folder),
+                            ["--trust-origin", origin, "--pkce-redirect-uri", origin + "/cb.html"])
+        self.addCleanup(self.host.stop)
+        for name in ("index.html", "cb.html"):
+            pages[name] = pages[name] % self.host.url
+        pages["frame.html"] %= self.host.url
+        for name, text in pages.items():
+            with open(os.path.join(self.other, name), "w") as page:
+                page.write(text)
+        self.assertTrue(self.host.post("/sim/register", {"email": EMAIL, "password": PASSWORD,
+                                                       "full_name": "Ada Lovelace"})["registered"])
+
+        self.driver.get(origin + "/index.html")
+        self.assertEqual(self.call("query"), {"success": True, "data": {"is_logged_in": False}})
+        self.assertTrue(self.call("login", account=EMAIL, password=PASSWORD)["success"])
+        self.assertTrue(self.call("query")["data"]["is_logged_in"])
+        self.assertEqual(self.call("logout", force=True), {"success": True, "data": None})
+
+        challenge = self.call("create", "TALV.Remote.Credential.Verifier", 1)["data"]["challenge"]
+        self.driver.execute_script("sessionStorage.challenge = arguments[0]", challenge)
+        authorize = self.call("pkce_config_get", "TALV.Core.PellixCenter.Login", 1)["data"]["login"]["authorize_endpoint"]
+        self.driver.execute_script("location = arguments[0] + '?' + new URLSearchParams(arguments[1])", authorize,
+                                   {"code_challenge": challenge, "state": "s1", "redirect_uri": origin + "/cb.html"})
+        self.type_into("input[name=email]", EMAIL)
+        self.type_into("input[name=password]", PASSWORD, enter=True)
+        WebDriverWait(self.driver, WAIT).until(lambda d: d.title.startswith("s1 {"))
+        self.assertTrue(self.driver.current_url.startswith(origin + "/cb.html?code="), self.driver.current_url)
+        self.assertIn('"success":true', self.driver.title)
+        self.assertTrue(self.host.entry(CENTER, 2, "query")["data"]["is_logged_in"])
+
+        self.driver.get(origin + "/frame.html")
+        self.driver.switch_to.frame(self.find("iframe"))
+        WebDriverWait(self.driver, WAIT).until(EC.text_to_be_present_in_element((By.CSS_SELECTOR, "dl"), EMAIL))
+        self.driver.switch_to.default_content()
+
+
+    def test_through_a_vite_dev_server(self):
+        """docs/devhost.md's Vite proxy (tests/browser/vite, installed by
+        scripts/test.sh) with the host trusting the dev server's origin."""
+        if not os.path.isdir(os.path.join(VITE, "node_modules")):
+            self.skipTest("no Vite: npm ci --prefix tests/browser/vite")
+        with socket.socket() as free:
+            free.bind(("127.0.0.1", 0))
+            origin = "http://127.0.0.1:%d" % free.getsockname()[1]
+        self.host.stop()
+        self.host = DevHost(tempfile.mkdtemp(dir=self.folder), ["--trust-origin", origin])
+        self.addCleanup(self.host.stop)
+        server = subprocess.Popen(["node", "node_modules/vite/bin/vite.js", "--port", origin.rsplit(":", 1)[1],
+                                   "--strictPort"], cwd=VITE, env=dict(os.environ, WEBAPI_HOST_URL=self.host.url),
+                                  stdout=subprocess.DEVNULL, stderr=subprocess.DEVNULL)
+        self.addCleanup(server.wait)
+        self.addCleanup(server.terminate)
+        self.assertTrue(self.host.post("/sim/register", {"email": EMAIL, "password": PASSWORD,
+                                                         "full_name": "Ada Lovelace"})["registered"])
+        deadline = time.monotonic() + WAIT
+        while True:
+            try:
+                urllib.request.urlopen(origin + "/", timeout=WAIT).close()
+                break
+            except OSError:
+                self.assertLess(time.monotonic(), deadline, "Vite did not start")
+                time.sleep(0.3)
+        self.driver.get(origin + "/")
+        for method, params, answer in (("login", {"account": EMAIL, "password": PASSWORD}, True),
+                                       ("query", {}, True), ("logout", {"force": True}, None)):
+            said = self.call(method, **params)
+            self.assertTrue(said["success"], said)
+            self.assertEqual(said["data"] and said["data"]["is_logged_in" if method == "query" else "activated"],
+                             answer)
+        self.assertEqual(self.host.entry(CENTER, 2, "query")["data"], {"is_logged_in": False})
 
 
 if __name__ == "__main__":
