@@ -58,6 +58,8 @@ install(TARGETS webapi-host RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONEN
 # webapi-host looks for its administration page in ../share/webapi-host/web
 # from its own folder before the source tree's web/.
 install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)
+# The named state documents of `serve --seed NAME`, found the same way.
+install(DIRECTORY dev/fixtures/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/fixtures COMPONENT devkit)
 # The manual page names the project's version.
 configure_file(packaging/webapi-host.1 ${CMAKE_BINARY_DIR}/webapi-host.1 @ONLY)
 set(PELLIX_MANPAGE ${CMAKE_BINARY_DIR}/webapi-host.1.gz)

@@ -41,6 +41,9 @@ class Exchange {
   // Answers one of the host's HTML pages, which hold no script, load nothing
   // and post their forms only to this host.
   void Page(int status, const std::string& html) const;
+  // What the journal keeps of this request beside what the HTTP exchange
+  // shows (the web API call, the reason of a refusal); nullptr: none.
+  Json::Value* journal = nullptr;
 
   const httplib::Request& req;
   const RequestBody& body;
@@ -55,7 +58,8 @@ struct Route {
   const char* methods;  // as the Allow header lists them; HEAD goes with GET
   Origins origins;
   std::function<void(const Exchange&)> answer;
-  const char* shown;  // the path as the docs show it
+  const char* shown;       // the path as the docs show it
+  size_t most = kMaxBody;  // the largest body it takes
   // Whether the route takes `method`.
   bool Takes(const std::string& method) const;
   // The methods in a sentence, HEAD left out: "GET, POST or DELETE".

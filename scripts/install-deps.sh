@@ -21,6 +21,7 @@ case "${1:-}" in
       valgrind clang libclang-rt-14-dev
       abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format git
       chromium chromium-driver python3-selenium
+      nodejs node-har-validator
     )
     ;;
   *)
