@@ -11,7 +11,9 @@ namespace {
 
 // The most of a body an entry keeps: a journal of N entries stays within N
 // times a few of these.
-constexpr size_t kBodyText = 16 * 1024;
+constexpr size_t kBodyText = size_t{16} * 1024;
+// A body up to this is read to mask it; a larger one is kept by its size.
+constexpr size_t kMaskedMost = size_t{64} * 1024;
 
 bool Secret(const std::string& name) {
   static const std::set<std::string> kSecrets = {
@@ -93,11 +95,11 @@ std::string MaskedBody(const std::string& text, const std::string& contentType) 
   if (text.empty()) return "";
   Json::Value json;
   std::string problem;
-  if (contentType.rfind("application/json", 0) == 0 && text.size() <= 64 * 1024 && ParseJson(text, &json, &problem)) {
+  if (contentType.rfind("application/json", 0) == 0 && text.size() <= kMaskedMost && ParseJson(text, &json, &problem)) {
     Mask(&json);
     return CutBody(Compact(json));
   }
-  if (contentType.rfind("application/x-www-form-urlencoded", 0) == 0 && text.size() <= 64 * 1024) {
+  if (contentType.rfind("application/x-www-form-urlencoded", 0) == 0 && text.size() <= kMaskedMost) {
     httplib::Params fields;
     httplib::detail::parse_query_text(text, fields);
     std::string out;
@@ -177,7 +179,10 @@ Json::Value Journal::Har(const std::string& base) const {
       rq["queryString"].append(Pair(name, e["query"][name].asString()));
       query += (query.empty() ? "?" : "&") + Encoded(name) + "=" + Encoded(e["query"][name].asString());
     }
-    rq["url"] = base + e["path"].asString() + query;
+    std::string url = base;
+    url += e["path"].asString();
+    url += query;
+    rq["url"] = url;
     rq["httpVersion"] = "HTTP/1.1";
     rq["headers"] = Json::Value(Json::arrayValue);
     rq["cookies"] = Json::Value(Json::arrayValue);

@@ -225,7 +225,7 @@ bool DecodeCall(const httplib::Request& req, const RequestBody& body, ApiCall* c
 std::string TooLarge(const httplib::Request& req, size_t most) {
   const std::string limit =
       std::to_string(most) + " bytes (" +
-      (most >= 1024 * 1024 ? std::to_string(most >> 20) + " MiB" : std::to_string(most >> 10) + " KiB") +
+      (most >= (size_t{1} << 20) ? std::to_string(most >> 20) + " MiB" : std::to_string(most >> 10) + " KiB") +
       "), the most the host takes" + (most == kMaxBody ? "" : " at " + req.path);
   const std::string length = req.get_header_value("Content-Length");
   if (!length.empty() && std::strtoull(length.c_str(), nullptr, 10) > most)

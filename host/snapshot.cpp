@@ -25,7 +25,7 @@ std::string Fixture(const std::string& name) {
   const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
   std::string bin = n > 0 ? std::string(self, static_cast<size_t>(n)) : "";
   bin = bin.substr(0, bin.rfind('/'));
-  const std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/fixtures/" + name + ".json";
+  std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/fixtures/" + name + ".json";
   if (Readable(installed)) return installed;
 #ifdef WEBAPI_HOST_FIXTURES
   if (Readable(WEBAPI_HOST_FIXTURES "/" + name + ".json")) return WEBAPI_HOST_FIXTURES "/" + name + ".json";
