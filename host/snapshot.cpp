@@ -24,7 +24,8 @@ std::string Fixture(const std::string& name) {
   char self[PATH_MAX];
   const ssize_t n = readlink("/proc/self/exe", self, sizeof(self) - 1);
   std::string bin = n > 0 ? std::string(self, static_cast<size_t>(n)) : "";
-  bin = bin.substr(0, bin.rfind('/'));
+  const size_t slash = bin.rfind('/');
+  if (slash != std::string::npos) bin.resize(slash);
   std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/fixtures/" + name + ".json";
   if (Readable(installed)) return installed;
 #ifdef WEBAPI_HOST_FIXTURES

@@ -172,7 +172,7 @@ std::string CheckOne(const Json::Value& c) {
       return "\"" + Cut(name) + "\" is no member of a condition, which may have " + names;
   if (c.empty()) return std::string("the condition is empty: say what it does with ") + kEffects;
   for (const Member& m : kMembers) {
-    const std::string problem = c.isMember(m.name) ? m.check(c[m.name]) : "";
+    std::string problem = c.isMember(m.name) ? m.check(c[m.name]) : "";
     if (!problem.empty()) return problem;
   }
   if (c.isMember("logout_refusal"))

@@ -74,7 +74,7 @@ uint32_t Simulation::Export(Json::Value* service, Json::Value* signedIn) {
 }
 
 std::string Simulation::Check(const Json::Value& service, const Json::Value& signedIn) {
-  const std::string problem = CheckService(service, signedIn);
+  std::string problem = CheckService(service, signedIn);
   if (!problem.empty() || !service.isMember("conditions")) return problem;
   const Json::Value& conditions = service["conditions"];
   if (!conditions.isArray()) return "/service/conditions: must be an array of conditions";

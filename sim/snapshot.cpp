@@ -44,7 +44,7 @@ class Check {
   // Only the members in `known`: a misspelt one would be dropped unseen.
   bool Known(const Json::Value& o, const std::string& at, const std::set<std::string>& known) {
     for (const std::string& name : o.getMemberNames())
-      if (!known.count(name)) return Fail(at + "/" + name, "is not a member the state knows");
+      if (!known.count(name)) return Fail(std::string(at).append("/").append(name), "is not a member the state knows");
     return true;
   }
   std::string problem;
