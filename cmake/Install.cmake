@@ -85,6 +85,8 @@ endif()
 install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)
 # The description of the web API, which serve answers at /webapi/schema.json.
 install(FILES docs/webapi.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host COMPONENT devkit)
+# The named state documents of `serve --seed NAME`, found the same way.
+install(DIRECTORY dev/fixtures/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/fixtures COMPONENT devkit)
 # The manual page names the project's version.
 configure_file(packaging/webapi-host.1 ${CMAKE_BINARY_DIR}/webapi-host.1 @ONLY)
 set(PELLIX_MANPAGE ${CMAKE_BINARY_DIR}/webapi-host.1.gz)

@@ -57,6 +57,7 @@ void Exchange::Json(int status, const std::string& json) const {
 }
 
 void Exchange::Refuse(int status, int code, const std::string& reason) const {
+  if (journal) (*journal)["reason"] = reason;
   Json(status, Envelope(HostError(code, reason)));
   // A request line the server could not read leaves no method or path, or
   // one that is not: the reason says what there was.
@@ -127,16 +128,20 @@ Answer DevHost::Run(const ApiCall& call) {
                                          std::to_string(call.version) + " does not have");
 }
 
-Answer DevHost::Dispatch(const ApiCall& call) {
+Answer DevHost::Dispatch(const ApiCall& call, std::vector<std::string>* bites) {
   const pellixsim::RequestUnderWay running(call.api, call.version, call.method);
   std::unique_lock<std::mutex> oneAtATime;
   if (BindsAccount(call)) oneAtATime = std::unique_lock<std::mutex>(binding_);
+  Answer answer;
   if (ChangesIdentity(call)) {
     std::unique_lock<std::shared_mutex> alone(identity_);
-    return Run(call);
+    answer = Run(call);
+  } else {
+    std::shared_lock<std::shared_mutex> shared(identity_);
+    answer = Run(call);
   }
-  std::shared_lock<std::shared_mutex> shared(identity_);
-  return Run(call);
+  if (bites) *bites = running.Bites();
+  return answer;
 }
 
 int DevHost::Exec(Json::Value& result, const std::string& api, int version, const std::string& method,
@@ -260,56 +265,80 @@ void DevHost::Preflight(const Route& route, const Exchange& x) const {
 }
 
 void DevHost::Unrouted(const httplib::Request& req, httplib::Response& res) {
+  const auto started = std::chrono::system_clock::now();
+  const auto start = std::chrono::steady_clock::now();
   const RequestBody none;
-  const Exchange x(req, none, res, log_, admitted_, Origins::kOwn);
+  Exchange x(req, none, res, log_, admitted_, Origins::kOwn);
+  Json::Value note(Json::objectValue);
+  x.journal = &note;
   const std::string foreign = CrossOrigin(req);
-  if (!foreign.empty()) return Foreign(x, foreign);
   const std::string origin = ParseOrigin(req.get_header_value("Origin"), nullptr);
-  if (admitted_.Trusted(origin)) {
+  if (foreign.empty() && admitted_.Trusted(origin)) {
     res.set_header("Access-Control-Allow-Origin", origin);
     res.set_header("Vary", "Origin");
   }
-  // The server adds REMOTE_ADDR once it has read the request line and the
-  // headers.
-  if (!req.has_header("REMOTE_ADDR")) return x.Refuse(res.status, kErrBadRequest, Unreadable(req, res.status));
-  if (res.status == 413) return x.Refuse(413, kErrTooLarge, TooLarge(req));
-  if (res.status == 416)
-    return x.Refuse(
-        416, kErrBadRequest,
-        "Range \"" + Cut(req.get_header_value("Range")) + "\" cannot be read: leave it out for the whole answer");
-  // 404: no route for the path and method; 400: a method no route takes
-  // (CONNECT, TRACE).
-  if (res.status == 404 || res.status == 400) return Other(x);
-  x.Refuse(res.status, kErrBadRequest, "the HTTP server refused the request with status " + std::to_string(res.status));
+  if (!foreign.empty()) {
+    Foreign(x, foreign);
+  } else if (!req.has_header("REMOTE_ADDR")) {
+    // The server adds REMOTE_ADDR once it has read the request line and the
+    // headers.
+    x.Refuse(res.status, kErrBadRequest, Unreadable(req, res.status));
+  } else if (res.status == 413) {
+    x.Refuse(413, kErrTooLarge, TooLarge(req));
+  } else if (res.status == 416) {
+    x.Refuse(416, kErrBadRequest,
+             "Range \"" + Cut(req.get_header_value("Range")) + "\" cannot be read: leave it out for the whole answer");
+  } else if (res.status == 404 || res.status == 400) {
+    // 404: no route for the path and method; 400: a method no route takes
+    // (CONNECT, TRACE).
+    Other(x);
+  } else {
+    x.Refuse(res.status, kErrBadRequest,
+             "the HTTP server refused the request with status " + std::to_string(res.status));
+  }
+  Record(req, none, res, std::move(note), started, start);
 }
 
 void DevHost::Handle(const Route& route, const httplib::Request& req, const httplib::ContentReader* reader,
                      httplib::Response& res) {
   const UnderWay underWay(&underWay_);
+  const auto started = std::chrono::system_clock::now();
+  const auto start = std::chrono::steady_clock::now();
   RequestBody body;
-  if (reader) ReadBody(req, res, *reader, &body);
-  const Exchange x(req, body, res, log_, admitted_, route.origins);
+  if (reader) ReadBody(req, res, *reader, &body, route.most);
+  Exchange x(req, body, res, log_, admitted_, route.origins);
+  Json::Value note(Json::objectValue);
+  x.journal = &note;
   const std::string origin = ParseOrigin(req.get_header_value("Origin"), nullptr);
-  // A preflight changes nothing: one from an origin not trusted is let
-  // through so that its page reads why the request itself is refused.
-  if (req.method == "OPTIONS" && req.has_header("Access-Control-Request-Method") && !origin.empty() && OwnHost(req))
-    return Preflight(route, x);
   const std::string cross = CrossOrigin(req);
-  if (!cross.empty()) return Foreign(x, cross);
-  if (admitted_.Trusted(origin)) {
+  if (cross.empty() && admitted_.Trusted(origin)) {
     res.set_header("Access-Control-Allow-Origin", origin);
     res.set_header("Vary", "Origin");
   }
-  if (req.method == "OPTIONS") return Other(x);
-  if (body.status == 413) return x.Refuse(413, kErrTooLarge, TooLarge(req));
-  if (body.status) return x.Refuse(body.status, kErrBadRequest, Unread(req));
-  route.answer(x);
+  // A preflight changes nothing: one from an origin not trusted is let
+  // through so that its page reads why the request itself is refused.
+  if (req.method == "OPTIONS" && req.has_header("Access-Control-Request-Method") && !origin.empty() && OwnHost(req)) {
+    Preflight(route, x);
+  } else if (!cross.empty()) {
+    Foreign(x, cross);
+  } else if (req.method == "OPTIONS") {
+    Other(x);
+  } else if (body.status == 413) {
+    x.Refuse(413, kErrTooLarge, TooLarge(req, route.most));
+  } else if (body.status) {
+    x.Refuse(body.status, kErrBadRequest, Unread(req));
+  } else {
+    route.answer(x);
+  }
+  Record(req, body, res, std::move(note), started, start);
 }
 
 int DevHost::Bind(int port) {
   routes_ = Routes(this, simulation_);
   httplib::Server& s = *server_;
-  s.set_payload_max_length(kMaxBody);
+  size_t most = kMaxBody;
+  for (const Route& route : routes_) most = std::max(most, route.most);
+  s.set_payload_max_length(most);
   s.new_task_queue = [] { return new Threads(); };
   s.set_socket_options([this](socket_t sock) {
     ListenAlone(sock);
@@ -329,6 +358,7 @@ int DevHost::Bind(int port) {
                              const httplib::ContentReader& reader) { Handle(*r, req, &reader, res); };
     if (route.Takes("GET")) s.Get(route.path, plain);
     if (route.Takes("POST")) s.Post(route.path, reading);
+    if (route.Takes("PUT")) s.Put(route.path, reading);
     if (route.Takes("DELETE")) s.Delete(route.path, reading);
     s.Options(route.path, plain);
   }

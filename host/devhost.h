@@ -42,6 +42,7 @@
 #include <json/value.h>
 
 #include <atomic>
+#include <chrono>
 #include <cstdio>
 #include <memory>
 #include <mutex>
@@ -51,8 +52,10 @@
 
 #include "answer_check.h"
 #include "harness.h"
+#include "journal.h"
 #include "request.h"
 #include "route.h"
+#include "state.h"
 #include "verifier.h"
 #include "webapi/runner.h"
 
@@ -70,8 +73,9 @@ class DevHost : public talvwebapi::Runner {
   DevHost(const Module* module, pellixsim::Simulation* simulation, FILE* log, std::string language);
   ~DevHost() override;
 
-  // One web API request, with the locks of the comment above.
-  Answer Dispatch(const ApiCall& call);
+  // One web API request, with the locks of the comment above; the bites of
+  // the service's conditions on it go to *bites (nullptr: nowhere).
+  Answer Dispatch(const ApiCall& call, std::vector<std::string>* bites = nullptr);
   // The runner: the module runs another API in-process, on a thread that
   // already holds its lock.
   int Exec(Json::Value& result, const std::string& api, int version, const std::string& method,
@@ -99,6 +103,13 @@ class DevHost : public talvwebapi::Runner {
   void SetTrustedOrigins(std::vector<std::string> origins) { admitted_.trusted = std::move(origins); }
   // The host's own origins and the trusted ones; its port once bound.
   const Admitted& admitted() const { return admitted_; }
+  // The state folder of the device served (not owned), which GET and PUT
+  // /sim/state and POST /sim/reset read and replace while the host serves.
+  // Call before Bind.
+  void SetState(StateFolder* state) { state_ = state; }
+  // The journal each request goes to (not owned; nullptr: none), answered at
+  // /sim/journal. Call before Bind.
+  void SetJournal(Journal* journal) { journal_ = journal; }
   // Binds 127.0.0.1:port (0: any free port); the port, or -1 (also when
   // another program listens there: one host per port).
   int Bind(int port);
@@ -146,7 +157,16 @@ class DevHost : public talvwebapi::Runner {
   void Device(const Exchange& x);
   void Schema(const Exchange& x);
   void Other(const Exchange& x);
-
+  // The whole state, a reset and the journal (state_routes.cpp).
+  void State(const Exchange& x);
+  void Reset(const Exchange& x);
+  void Journaled(const Exchange& x);
+  // Replaces the state with `document` and answers, every request held
+  // back meanwhile.
+  void Replace(const Exchange& x, const Json::Value& document, Json::Value answer);
+  // Keeps a request in the journal, with what its route noted.
+  void Record(const httplib::Request& req, const RequestBody& body, const httplib::Response& res, Json::Value note,
+              std::chrono::system_clock::time_point started, std::chrono::steady_clock::time_point start);
   const Module* module_;
   pellixsim::Simulation* simulation_;
   FILE* log_;
@@ -163,8 +183,11 @@ class DevHost : public talvwebapi::Runner {
   std::string schema_;
   const AnswerCheck* check_ = nullptr;
   std::string web_;
-  Json::Value device_{Json::objectValue};
   Admitted admitted_;
+  Json::Value device_{Json::objectValue};  // under stateMu_
+  StateFolder* state_ = nullptr;           // under stateMu_
+  std::mutex stateMu_;                     // taken after binding_ and identity_
+  Journal* journal_ = nullptr;
   int port_ = -1;
   int listener_ = -1;  // the listening socket, once bound
 };

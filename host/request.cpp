@@ -93,14 +93,14 @@ std::string Name(const Json::Value& fields, const char* field, const char* what,
 // The server itself refuses and skips a Content-Length over that; the rest of
 // a chunked or compressed body is read and dropped here.
 void ReadBody(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader,
-              RequestBody* body) {
+              RequestBody* body, size_t most) {
   // Without a length or a chunked encoding a request has no body; the server
   // would wait for the connection to close.
   if (!req.has_header("Content-Length") && !req.has_header("Transfer-Encoding")) return;
   size_t size = 0;
-  auto keep = [&size](size_t n) {
+  auto keep = [&size, most](size_t n) {
     size += n;
-    return size <= kMaxBody;
+    return size <= most;
   };
   bool read = false;
   if (req.is_multipart_form_data()) {
@@ -124,7 +124,10 @@ void ReadBody(const httplib::Request& req, httplib::Response& res, const httplib
   }
   // The server sets the status of a body it could not read: over the limit,
   // a broken encoding, or a connection that ended early.
-  body->status = !read ? (res.status > 0 ? res.status : 400) : size > kMaxBody ? 413 : 0;
+  // A multipart body is counted by its parts, a little under its bytes: its
+  // length, when it has one, decides.
+  const size_t declared = std::strtoull(req.get_header_value("Content-Length").c_str(), nullptr, 10);
+  body->status = !read ? (res.status > 0 ? res.status : 400) : size > most || declared > most ? 413 : 0;
 }
 
 // Every field of a request by name: query, form and multipart fields as text
@@ -219,10 +222,13 @@ bool DecodeCall(const httplib::Request& req, const RequestBody& body, ApiCall* c
   return true;
 }
 
-std::string TooLarge(const httplib::Request& req) {
-  const std::string limit = std::to_string(kMaxBody) + " bytes (64 KiB), the most the host takes";
+std::string TooLarge(const httplib::Request& req, size_t most) {
+  const std::string limit =
+      std::to_string(most) + " bytes (" +
+      (most >= (size_t{1} << 20) ? std::to_string(most >> 20) + " MiB" : std::to_string(most >> 10) + " KiB") +
+      "), the most the host takes" + (most == kMaxBody ? "" : " at " + req.path);
   const std::string length = req.get_header_value("Content-Length");
-  if (!length.empty() && std::strtoull(length.c_str(), nullptr, 10) > kMaxBody)
+  if (!length.empty() && std::strtoull(length.c_str(), nullptr, 10) > most)
     return "Content-Length " + Cut(length) + " is over " + limit;
   return "the body is larger than " + limit;
 }

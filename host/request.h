@@ -24,6 +24,8 @@ constexpr int kErrNoVerifier = 107;     // no verifier for that challenge
 constexpr int kErrForeign = 108;        // from another site's page, or by another name; HTTP 403
 
 constexpr size_t kMaxBody = size_t{64} * 1024;
+// A whole state document (PUT /sim/state): thousands of accounts.
+constexpr size_t kMaxState = size_t{256} * 1024 * 1024;
 // HTTP requests run as the interface's administrator; the module runs the
 // verifier API as "root", and only root may read a verifier.
 extern const char kHttpUser[];
@@ -47,7 +49,7 @@ struct RequestBody {
 
 // Reads the whole body, keeping at most kMaxBody bytes of it.
 void ReadBody(const httplib::Request& req, httplib::Response& res, const httplib::ContentReader& reader,
-              RequestBody* body);
+              RequestBody* body, size_t most = kMaxBody);
 // Every field of a request by name: query, form and multipart fields as text
 // (when `typed`, a text that is JSON becomes that value), the members of a
 // JSON body as they are. False with *problem naming the field or header at
@@ -60,7 +62,7 @@ bool DecodeCall(const httplib::Request& req, const RequestBody& body, ApiCall* c
 // Why a request was refused, for its answer and its log line: a body over
 // the limit, a body the server could not read to its end, a request line or
 // headers it could not read (with the status it chose).
-std::string TooLarge(const httplib::Request& req);
+std::string TooLarge(const httplib::Request& req, size_t most = kMaxBody);
 std::string Unread(const httplib::Request& req);
 std::string Unreadable(const httplib::Request& req, int status);
 bool HttpMethod(const std::string& method);

@@ -47,6 +47,9 @@ class Exchange {
   // and post their forms only to this host (whose answer may send the
   // browser on to a trusted origin). Framed as the route's Origins say.
   void Page(int status, const std::string& html) const;
+  // What the journal keeps of this request beside what the HTTP exchange
+  // shows (the web API call, the reason of a refusal); nullptr: none.
+  Json::Value* journal = nullptr;
 
   const httplib::Request& req;
   const RequestBody& body;
@@ -63,7 +66,8 @@ struct Route {
   const char* methods;  // as the Allow header lists them; HEAD goes with GET
   Origins origins;
   std::function<void(const Exchange&)> answer;
-  const char* shown;  // the path as the docs show it
+  const char* shown;       // the path as the docs show it
+  size_t most = kMaxBody;  // the largest body it takes
   // Whether the route takes `method`.
   bool Takes(const std::string& method) const;
   // The methods in a sentence, HEAD left out: "GET, POST or DELETE".

@@ -40,6 +40,10 @@ std::vector<Route> DevHost::Routes(DevHost* h, pellixsim::Simulation* sim) {
       {web ? "/.*" : R"(/|/[A-Za-z0-9_-]+\.(html|css|js|png|svg))", "GET, HEAD", O::kOwn,
        [h, web](const Exchange& x) { web ? h->Web(x) : h->Files(x); },
        "`/`, `/NAME.html`, `.css`, `.js`, `.png`, `.svg`; with `--web DIR`, every other path"},
+      {"/sim/state", "GET, HEAD, PUT", O::kOwn, [h](const Exchange& x) { h->State(x); }, "`/sim/state`", kMaxState},
+      {"/sim/reset", "POST", O::kOwn, [h](const Exchange& x) { h->Reset(x); }, "`/sim/reset`"},
+      {R"(/sim/journal|/sim/journal\.har)", "GET, HEAD, DELETE", O::kOwn, [h](const Exchange& x) { h->Journaled(x); },
+       "`/sim/journal`, `/sim/journal.har`"},
   };
 }
 
@@ -50,9 +54,11 @@ void DevHost::WebApi(const Exchange& x) {
   call.language = language_;
   std::string problem;
   const bool decoded = DecodeCall(req, x.body, &call, &problem);
-  Answer answer = decoded ? Dispatch(call) : HostError(kErrBadRequest, problem);
+  std::vector<std::string> bites;
+  Answer answer = decoded ? Dispatch(call, &bites) : HostError(kErrBadRequest, problem);
   const int status = HttpStatus(answer);
   x.Json(status, Envelope(answer));
+  if (x.journal) NoteCall(decoded ? &call : nullptr, answer, bites, x.journal);
   const std::string outcome = answer.success ? "success" : "code " + std::to_string(answer.code);
   // A call by what it calls; one that cannot be decoded by its path.
   std::string text =
@@ -165,7 +171,10 @@ void DevHost::SendFile(const Exchange& x, const std::string& path, std::string w
 
 void DevHost::Device(const Exchange& x) {
   x.res.set_header("Cache-Control", "no-store");
-  x.Json(200, Compact(device_));
+  std::unique_lock<std::mutex> lock(stateMu_);
+  const std::string facts = Compact(device_);
+  lock.unlock();
+  x.Json(200, facts);
   x.Log(x.req.method + " " + x.req.path + ": 200");
 }
 

@@ -22,6 +22,7 @@
 #include "pellix/backend.h"
 #include "seam/seam.h"
 #include "simulation.h"
+#include "snapshot.h"
 #include "state.h"
 #include "syslog_capture.h"
 #include "trust.h"
@@ -33,7 +34,8 @@ namespace {
 // The examples printed at start; each works as shown on a fresh state (the
 // registration then answers 3010 or 3005 on later runs, which is the point).
 void Announce(FILE* out, const std::string& url, const StateFolder& state, const std::string& accountPhp,
-              const std::string& pages, const std::string& trusted, const std::string& conditions) {
+              const std::string& pages, const std::string& trusted, const std::string& conditions,
+              const std::string& known) {
   const std::string entry = url + "/webapi/entry";
   (void)std::fprintf(
       out,
@@ -44,6 +46,7 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
       "  sign-out refusal reasons in %s\n"
       "  %s\n"
       "  conditions of the account service at %s/sim/conditions%s\n"
+      "%s"
       "  To start over with a new device and no accounts, stop and remove the state folder, or use another --state.\n"
       "Try:\n"
       "  curl -s '%s?api=TALV.Core.PellixCenter&version=2&method=query'\n"
@@ -57,7 +60,7 @@ void Announce(FILE* out, const std::string& url, const StateFolder& state, const
       "Stop with Ctrl-C.\n",
       entry.c_str(), pages.c_str(), trusted.c_str(), state.root.c_str(), state.serial.c_str(), state.model.c_str(),
       state.build.c_str(), state.ReasonsFile().c_str(), accountPhp.c_str(), url.c_str(), conditions.c_str(),
-      entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
+      known.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str(), entry.c_str());
   (void)std::fflush(out);
 }
 
@@ -150,6 +153,20 @@ int Serve(const ServeOptions& o) {
       return 1;
     }
   }
+  Json::Value seed;
+  if (!o.seed.empty() && !ReadDocument(o.seed, &seed, &error)) {
+    (void)std::fprintf(stderr, "webapi-host: --seed: %s\n", error.c_str());
+    return 1;
+  }
+  std::unique_ptr<FILE, int (*)(FILE*)> journalFile(nullptr, std::fclose);
+  if (!o.journal.empty()) {
+    journalFile.reset(std::fopen(o.journal.c_str(), "ae"));
+    if (!journalFile) {
+      (void)std::fprintf(stderr, "webapi-host: cannot append to the journal file %s: %s\n", o.journal.c_str(),
+                         std::strerror(errno));
+      return 1;
+    }
+  }
   if (!OpenState(o.state, &state, &error)) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
@@ -159,6 +176,13 @@ int Serve(const ServeOptions& o) {
   if (!sim) {
     (void)std::fprintf(stderr, "webapi-host: %s\n", error.c_str());
     return 1;
+  }
+  if (!o.seed.empty()) {
+    const Imported seeded = ImportState(&state, *sim, seed, &error);
+    if (seeded != Imported::kDone) {
+      (void)std::fprintf(stderr, "webapi-host: --seed %s: %s\n", o.seed.c_str(), error.c_str());
+      return 1;
+    }
   }
   // The module trusts the service's endpoint through the trust store, as the
   // device trusts the real service.
@@ -190,6 +214,9 @@ int Serve(const ServeOptions& o) {
   host.SetDevice(device);
   host.SetTrustedOrigins(o.trusted);
   host.SetWeb(o.web);
+  host.SetState(&state);
+  Journal journal(o.journalSize, journalFile.get());
+  host.SetJournal(&journal);
   // From here on threads run, and the signals are the stopper's.
   Stopper stopper([&host] { host.Stop(); }, [&host] { return host.RequestsUnderWay(); });
   const int port = host.Bind(o.port);
@@ -245,7 +272,10 @@ int Serve(const ServeOptions& o) {
            (o.pages.empty() ? "not served: no folder web/ beside the program or in the source tree"
                             : url + (o.web.empty() ? "/" : "/admin/") + " (from " + o.pages + ")") +
                (o.web.empty() ? "" : "; your interface " + url + "/ (from " + o.web + ")"),
-           trusted, o.conditions.empty() ? "" : " (" + std::to_string(set) + " set from " + o.conditions + ")");
+           trusted, o.conditions.empty() ? "" : " (" + std::to_string(set) + " set from " + o.conditions + ")",
+           "  the whole state at " + url + "/sim/state" + (o.seed.empty() ? "" : " (seeded from " + o.seed + ")") +
+               ", a reset at POST " + url + "/sim/reset, the journal of the last " + std::to_string(o.journalSize) +
+               " requests at " + url + "/sim/journal" + (o.journal.empty() ? "" : " and in " + o.journal) + "\n");
   const bool served = stopper.stopping() || host.Serve();
   stopper.Done();
   sim->Stop();

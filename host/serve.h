@@ -19,13 +19,17 @@ struct ServeOptions {
   std::vector<std::string> trusted;  // origins whose pages may use the host, as ParseOrigin answers them
   std::string web;                   // the developer's interface, served at / (empty: none)
   std::string pkceRedirect;          // pkce_config_get's login redirect_uri (empty: the host's own page)
+  std::string seed;                  // a state document, or a fixture's name, to start from (empty: the folder's state)
+  std::string journal;               // a file each journal entry is appended to, one JSON line each (empty: none)
+  size_t journalSize = 10000;        // the requests the journal keeps
   FILE* out = stdout;                // where the URL and the examples go
   FILE* log = stderr;                // one line per request, and the module's log
 };
 
 // Serves until SIGINT or SIGTERM. Exit status: 0 after a signal, 1 when the
 // state folder or its database cannot be used, the folder is in use by
-// another host, the conditions file cannot be read or set, or start-up fails
+// another host, the conditions file cannot be read or set, the seed cannot be
+// read or is refused, the journal file cannot be opened, or start-up fails
 // otherwise; 2 a port in use, or a PKCE redirect URI of neither the host
 // nor a trusted origin; 3 the module
 // cannot be loaded.

@@ -14,7 +14,11 @@
 //     server.pem, server.key        the certificate of its HTTPS endpoint
 #pragma once
 
+#include <json/value.h>
+
 #include <string>
+#include <utility>
+#include <vector>
 
 namespace webapihost {
 
@@ -52,6 +56,29 @@ std::string DefaultStateDir();
 // device's facts back through the platform. False with *error when the folder
 // is in use by another process, or a file cannot be created or read.
 bool OpenState(const std::string& root, StateFolder* state, std::string* error);
+
+// A new device's serial number.
+std::string NewSerial();
+
+// The device's part of the host's state document: {"serial", "model",
+// "build", "language", "timezone", "logout_reasons":[{"grade","reason"}]}
+// (the signed-in account is the service's: the host adds it). Reasons are
+// the well-formed lines of the reasons file.
+Json::Value DeviceDocument(const StateFolder& state);
+// Why `device` (the document's /device) cannot be written: a sentence that
+// begins with the JSON pointer of the member at fault; "" when it can. A fact
+// left out stays as it is.
+std::string CheckDevice(const Json::Value& device);
+// The device's files for a checked `device`, each written whole beside its
+// place (PATH.new): (temporary, place) pairs for CommitFiles, or false with
+// *error, nothing left behind.
+bool StageDevice(const StateFolder& state, const Json::Value& device,
+                 std::vector<std::pair<std::string, std::string>>* staged, std::string* error);
+// Renames each staged file to its place (each rename is whole), and reads the
+// device's facts back into *state; RemoveFiles drops staged files unused.
+bool CommitFiles(StateFolder* state, const std::vector<std::pair<std::string, std::string>>& staged,
+                 const Json::Value& device, std::string* error);
+void RemoveFiles(const std::vector<std::pair<std::string, std::string>>& staged);
 
 // Points the relay daemon's configuration at the account service's host.
 bool WriteRelayHost(const StateFolder& state, const std::string& host, std::string* error);

@@ -15,6 +15,8 @@ std::string Compact(const Json::Value& value) {
   thread_local const std::unique_ptr<Json::StreamWriter> writer = [] {
     Json::StreamWriterBuilder b;
     b["indentation"] = "";
+    // A duration of 0.537 ms stays 0.537, not 0.53700000000000003.
+    b["precision"] = 15;
     return std::unique_ptr<Json::StreamWriter>(b.newStreamWriter());
   }();
   thread_local std::ostringstream text;

@@ -5,6 +5,7 @@
 //   webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]
 //               [--trust-origin ORIGIN]... [--web DIR] [--pkce-redirect-uri URI]
 //   webapi-host [--module PATH] demo
+//   webapi-host state export|import [FILE] [--state DIR]
 //   webapi-host help [COMMAND] | --help | --version
 //
 // Options may come before or after the command. `call` prints the answer
@@ -27,6 +28,7 @@
 #include "harness.h"
 #include "origin.h"
 #include "serve.h"
+#include "snapshot.h"
 #include "state.h"
 #include "syslog_capture.h"
 
@@ -37,7 +39,9 @@ const char kUsage[] =
     "       webapi-host [--module PATH] list\n"
     "       webapi-host [--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]\n"
     "                   [--trust-origin ORIGIN]... [--web DIR] [--pkce-redirect-uri URI]\n"
+    "                   [--seed FILE|NAME] [--journal FILE] [--journal-size N]\n"
     "       webapi-host [--module PATH] demo\n"
+    "       webapi-host state export [--state DIR] | state import FILE [--state DIR]\n"
     "       webapi-host help [COMMAND] | --help | --version\n";
 
 const char kOptions[] =
@@ -61,6 +65,13 @@ const char kOptions[] =
     "  --pkce-redirect-uri URI\n"
     "                 serve: the login redirect_uri that pkce_config_get answers, on this host or a\n"
     "                 trusted origin: the service's sign-in page sends the browser there with code and state\n"
+    "  --seed FILE|NAME\n"
+    "                 serve: start from a state document (as GET /sim/state answers it), or a fixture of\n"
+    "                 the project by name: fresh, signed-in, sign-out-refused, registration-limit; a fresh\n"
+    "                 folder is made with it, a used one has its state replaced\n"
+    "  --journal-size N\n"
+    "                 serve: the requests the journal keeps (default 10000)\n"
+    "  --journal FILE serve: also append each journal entry to FILE, one JSON line each\n"
     "  --help, -h     this text; with a command, that command's\n"
     "  --version      the version\n";
 
@@ -83,7 +94,8 @@ const Command kCommands[] = {
      "Exit status: 0; 2 a bad invocation; 3 the module cannot be loaded.\n"},
     {"serve",
      "[--module PATH] [--lang LANG] serve [--state DIR] [--port N] [--conditions FILE]\n"
-     "                   [--trust-origin ORIGIN]... [--web DIR] [--pkce-redirect-uri URI]",
+     "                   [--trust-origin ORIGIN]... [--web DIR] [--pkce-redirect-uri URI]\n"
+     "                   [--seed FILE|NAME] [--journal FILE] [--journal-size N]",
      "Serves every method over HTTP at http://127.0.0.1:PORT/webapi/entry, and the administration page\n"
      "at http://127.0.0.1:PORT/, on a simulated device and account service kept in the state folder.\n"
      "It prints the URL, the state folder, the device's serial number and requests to try.\n"
@@ -95,6 +107,11 @@ const Command kCommands[] = {
      "Pages of other origins are refused; --trust-origin ORIGIN lets the pages of one in (a dev\n"
      "server's, as http://127.0.0.1:5173), --web DIR serves your own interface at / and\n"
      "--pkce-redirect-uri URI brings the PKCE sign-in back to it.\n"
+     "GET /sim/state answers the whole state as one JSON document, PUT /sim/state replaces it, and\n"
+     "POST /sim/reset makes the device fresh with no account (keeping its serial number unless the body\n"
+     "is {\"serial\":\"new\"}); --seed FILE|NAME starts from such a document: on a fresh folder, or\n"
+     "replacing the state of a used one. GET /sim/journal answers the last requests (also as HAR at\n"
+     "/sim/journal.har), secrets masked.\n"
      "Exit status: 0 after Ctrl-C or SIGTERM; 1 the state folder cannot be used or is in use by\n"
      "another host, the conditions file cannot be read or set, or another start-up error; 2 a bad invocation, a port "
      "in use, or a PKCE redirect URI of neither the host nor a trusted origin; 3 the module\n"
@@ -104,6 +121,13 @@ const Command kCommands[] = {
      "life cycle through it, then a few of the account service's failures (unreachable, a wrong\n"
      "password, a stalled account.php), printing every request and answer.\n"
      "Exit status: 0 every step answered as expected; 1 otherwise; 2 a bad invocation.\n"},
+    {"state", "state export [--state DIR] | state import FILE [--state DIR]",
+     "export prints the state folder's whole state as one JSON document (GET /sim/state's); import\n"
+     "replaces the folder's state with a document (a file, or a fixture's name as --seed takes it),\n"
+     "checked whole first. Both are refused while a host serves from the folder: use GET and PUT\n"
+     "/sim/state there. The conditions of a document are a running host's only, and not kept.\n"
+     "Exit status: 0 done; 1 the folder cannot be used or is in use, or the document is refused;\n"
+     "2 a bad invocation.\n"},
     {"help", "help [COMMAND]",
      "Prints the usage of webapi-host, or of one command. Exit status: 0; 2 no such command.\n"},
 };
@@ -121,6 +145,7 @@ int Help() {
             << "  list    prints the module's table\n"
             << "  serve   serves every method over HTTP, with the administration page\n"
             << "  demo    runs a whole account life cycle against a host of its own\n"
+            << "  state   prints or replaces a state folder's whole state\n"
             << "  help    prints this, or with a command, that command's usage\n\n"
             << kOptions << "\nSee webapi-host(1).\n";
   return 0;
@@ -214,7 +239,8 @@ int main(int argc, char** argv) {
       std::cout << "webapi-host " << PELLIX_VERSION << "\n";
       return 0;
     } else if (arg == "--module" || arg == "--lang" || arg == "--state" || arg == "--port" || arg == "--conditions" ||
-               arg == "--trust-origin" || arg == "--web" || arg == "--pkce-redirect-uri") {
+               arg == "--trust-origin" || arg == "--web" || arg == "--pkce-redirect-uri" || arg == "--seed" ||
+               arg == "--journal" || arg == "--journal-size") {
       if (i + 1 >= argc) return Usage(arg + " needs a value");
       options[arg] = argv[++i];
       if (arg != "--trust-origin") continue;
@@ -241,9 +267,19 @@ int main(int argc, char** argv) {
   if (command.empty()) return Usage("no command");
   if (!FindCommand(command)) return Usage("unknown command " + command);
   if (command != "serve")
-    for (const char* only :
-         {"--state", "--port", "--conditions", "--check-answers", "--trust-origin", "--web", "--pkce-redirect-uri"})
+    for (const char* only : {"--port", "--conditions", "--check-answers", "--trust-origin", "--web",
+                             "--pkce-redirect-uri", "--seed", "--journal", "--journal-size"})
       if (options.count(only)) return Usage(std::string(only) + " is an option of serve only");
+  if (command != "serve" && command != "state" && options.count("--state"))
+    return Usage("--state is an option of serve and state only");
+  if (command == "state") {
+    const std::string action = args.size() > 1 ? args[1] : "";
+    if (!((action == "export" && args.size() == 2) || (action == "import" && args.size() == 3)))
+      return Usage("state takes export, or import FILE");
+    return webapihost::StateCommand(action, action == "import" ? args[2] : "",
+                                    options.count("--state") ? options["--state"] : webapihost::DefaultStateDir(),
+                                    stdout, stderr);
+  }
   const std::string modulePath = options.count("--module") ? options["--module"] : DefaultModule();
   const std::string language = options.count("--lang") ? options["--lang"] : "enu";
   size_t i = 1;
@@ -258,6 +294,14 @@ int main(int argc, char** argv) {
     serve.schema = DefaultSchema();
     serve.checkAnswers = options.count("--check-answers") > 0;
     serve.conditions = options.count("--conditions") ? options["--conditions"] : "";
+    serve.seed = options.count("--seed") ? options["--seed"] : "";
+    serve.journal = options.count("--journal") ? options["--journal"] : "";
+    int size = 0;
+    if (options.count("--journal-size")) {
+      if (!ParseInt(options["--journal-size"], &size) || size < 1)
+        return Usage("--journal-size takes a number of requests from 1 up, not \"" + options["--journal-size"] + "\"");
+      serve.journalSize = static_cast<size_t>(size);
+    }
     if (options.count("--port") && (!ParseInt(options["--port"], &serve.port) || serve.port < 0 || serve.port > 65535))
       return Usage("--port takes a port number, not \"" + options["--port"] + "\"");
     serve.trusted = trusted;

@@ -21,7 +21,8 @@ case "${1:-}" in
       binutils openssl ca-certificates libseccomp-dev libgtest-dev libgmock-dev libbenchmark-dev wrk
       valgrind clang libclang-rt-14-dev
       abigail-tools gcovr lintian dpkg-dev file clang-tidy cppcheck clang-format git
-      chromium chromium-driver python3-selenium python3-jsonschema nodejs npm
+      chromium chromium-driver python3-selenium python3-jsonschema
+      nodejs npm node-har-validator
     )
     ;;
   *)

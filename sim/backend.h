@@ -3,6 +3,7 @@
 // device. Installed with talvpellix::SetBackend by the development host.
 #pragma once
 
+#include <mutex>
 #include <string>
 
 #include "pellix/backend.h"
@@ -20,6 +21,10 @@ struct DeviceFacts {
 class SimBackend : public talvpellix::Backend {
  public:
   SimBackend(Service* service, DeviceFacts device) : service_(service), device_(std::move(device)) {}
+  // A state document or a reset gave the device other facts; each operation
+  // reads them once, at its start.
+  void SetDevice(DeviceFacts device);
+  DeviceFacts Device() const;
 
   // The library fills every member whatever the two flags say.
   talvpellix::Outcome QueryInfo(Json::Value& info, bool withProfile, bool withSettings) override;
@@ -47,7 +52,8 @@ class SimBackend : public talvpellix::Backend {
 
  private:
   Service* service_;
-  DeviceFacts device_;
+  mutable std::mutex mu_;
+  DeviceFacts device_;  // under mu_
 };
 
 }  // namespace pellixsim

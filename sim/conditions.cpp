@@ -35,9 +35,10 @@ const char kPhpModes[] = R"("stall", "close", "not-tls", "status:NNN", "keyword:
 thread_local const RequestUnderWay* tRequest = nullptr;
 // Version-1 registration alone reaches account.php, one at a time: the
 // connection account.php takes is the one of the registration under way.
-std::mutex gAlone;          // held by the registration under way
-std::mutex gReaching;       // guards gRegistration
-std::string gRegistration;  // "API VERSION METHOD" of the registration under way, "" none
+std::mutex gAlone;                        // held by the registration under way
+std::mutex gReaching;                     // guards gRegistration
+std::string gRegistration;                // "API VERSION METHOD" of the registration under way, "" none
+RequestUnderWay* gRegistering = nullptr;  // the registration under way
 
 bool Whole(const Json::Value& v, int low, int high) { return v.isInt() && v.asInt() >= low && v.asInt() <= high; }
 
@@ -309,7 +310,7 @@ std::vector<int> Conditions::Set(const Json::Value& value, bool many, std::strin
             what += " threw code " + std::to_string(f.code) + (f.what.empty() ? "" : " \"" + f.what + "\"");
           else if (f.fails)
             what += " failed with account error " + std::to_string(f.code);
-          Bitten(id, RequestUnderWay::OfThisThread(), what);
+          Bitten(id, false, what);
           UsedOne(id);
         };
         entries_[id].fault = talvseam::AddFault(f);
@@ -375,7 +376,7 @@ std::vector<std::string> Conditions::LogoutReasons(const std::string& grade) {
       }
   }
   for (size_t i = 0; i < ids.size(); ++i)
-    Bitten(ids[i], RequestUnderWay::OfThisThread(), "a " + grade + " sign-out refusal \"" + reasons[i] + "\"");
+    Bitten(ids[i], false, "a " + grade + " sign-out refusal \"" + reasons[i] + "\"");
   return reasons;
 }
 
@@ -401,8 +402,7 @@ Conduct Conditions::NextConduct() {
       }
     }
   }
-  const std::string request = RequestUnderWay::ReachingAccountPhp();
-  for (const auto& bite : bites) Bitten(bite.first, request, bite.second);
+  for (const auto& bite : bites) Bitten(bite.first, true, bite.second);
   if (chosen) UsedOne(chosen);
   return conduct;
 }
@@ -413,7 +413,9 @@ void Conditions::Log(const std::string& line) {
   (void)std::fflush(log_);
 }
 
-void Conditions::Bitten(int id, const std::string& request, const std::string& what) {
+void Conditions::Bitten(int id, bool atAccountPhp, const std::string& what) {
+  const std::string request = atAccountPhp ? RequestUnderWay::ReachingAccountPhp() : RequestUnderWay::OfThisThread();
+  RequestUnderWay::Note(atAccountPhp, "condition " + std::to_string(id) + ": " + what);
   Log("condition " + std::to_string(id) + " bit " + (request.empty() ? "no web API request" : request) + ": " + what);
 }
 
@@ -452,6 +454,7 @@ RequestUnderWay::RequestUnderWay(const std::string& api, int version, const std:
   alone_ = std::unique_lock<std::mutex>(gAlone);
   std::lock_guard<std::mutex> lock(gReaching);
   gRegistration = OfThisThread();
+  gRegistering = this;
 }
 
 RequestUnderWay::~RequestUnderWay() {
@@ -459,6 +462,21 @@ RequestUnderWay::~RequestUnderWay() {
   if (!registration_) return;
   std::lock_guard<std::mutex> lock(gReaching);
   gRegistration.clear();
+  gRegistering = nullptr;
+}
+
+void RequestUnderWay::Note(bool atAccountPhp, const std::string& bite) {
+  std::unique_lock<std::mutex> reaching(gReaching, std::defer_lock);
+  if (atAccountPhp) reaching.lock();
+  RequestUnderWay* r = atAccountPhp ? gRegistering : const_cast<RequestUnderWay*>(tRequest);
+  if (!r) return;
+  std::lock_guard<std::mutex> lock(r->bitesMu_);
+  r->bites_.push_back(bite);
+}
+
+std::vector<std::string> RequestUnderWay::Bites() const {
+  std::lock_guard<std::mutex> lock(bitesMu_);
+  return bites_;
 }
 
 std::string RequestUnderWay::OfThisThread() {

@@ -84,7 +84,9 @@ class Conditions {
     std::string grade, reason;  // a sign-out refusal, when grade is not empty
   };
   void Log(const std::string& line);
-  void Bitten(int id, const std::string& request, const std::string& what);
+  // Logs a bite, and notes it on the request it bit: the calling thread's, or
+  // the registration whose connection account.php took.
+  void Bitten(int id, bool atAccountPhp, const std::string& what);
   // Drops a condition whose times are used up.
   void UsedOne(int id);
   // account.php's reachability after a change.
@@ -114,6 +116,11 @@ class RequestUnderWay {
   // time (this holds the next one back for as long as it lives); "" when
   // none is under way.
   static std::string ReachingAccountPhp();
+  // The bites of conditions on this request, "condition N: what", in order.
+  std::vector<std::string> Bites() const;
+  // Notes a bite on the calling thread's request, or (atAccountPhp) on the
+  // registration whose connection account.php took; none: nothing.
+  static void Note(bool atAccountPhp, const std::string& bite);
 
  private:
   const std::string& api_;
@@ -122,6 +129,8 @@ class RequestUnderWay {
   const RequestUnderWay* outer_;
   const bool registration_;
   std::unique_lock<std::mutex> alone_;
+  mutable std::mutex bitesMu_;
+  std::vector<std::string> bites_;  // under bitesMu_
 };
 
 }  // namespace pellixsim

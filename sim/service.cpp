@@ -154,6 +154,17 @@ uint32_t Bind(Connection& db, const std::string& serial, int64_t id, int64_t now
   return kOk;
 }
 
+}  // namespace
+
+// The state's own limit when it has one (a state document sets it), else the
+// service's.
+int AccountsPerDevice(Connection& db, const Options& options) {
+  Statement s(db, "SELECT value FROM limits WHERE name = 'accounts_per_device'");
+  return s.Step() ? static_cast<int>(s.Int(0)) : options.accountsPerSerial;
+}
+
+namespace {
+
 // A purchase list filter: null passes everything, an array of texts those
 // texts only; anything else is a malformed request.
 bool Filter(const Json::Value& list, const std::string& value, bool* malformed) {
@@ -173,7 +184,9 @@ bool Filter(const Json::Value& list, const std::string& value, bool* malformed) 
 }
 
 // Display names of what an account can hold; new accounts get the trial.
+}  // namespace
 const char kTrialApp[] = "cloud_backup_trial";
+namespace {
 std::string AppName(const std::string& app, const std::string& language) {
   if (app == kTrialApp) return language == "ger" ? "Cloud-Sicherung, 30 Tage zur Probe" : "Cloud backup, 30-day trial";
   return app;
@@ -247,7 +260,7 @@ uint32_t Service::RegisterAndSignIn(const std::string& serial, const NewAccount&
     if (AccountByEmail(db, a.email)) return kInUse;
     Statement count(db, "SELECT COUNT(*) FROM accounts WHERE registered_from = ?");
     count.Bind(serial);
-    if (!serial.empty() && count.Step() && count.Int(0) >= options_.accountsPerSerial) return kSerialLimit;
+    if (!serial.empty() && count.Step() && count.Int(0) >= AccountsPerDevice(db, options_)) return kSerialLimit;
     Statement(db,
               "INSERT INTO accounts(email, email_key, salt, hash, iterations, full_name, country, notify_language, "
               "timezone, enews, critical_release, enews_local_promotion, registered_from, created) "

@@ -147,5 +147,9 @@ class Service {
 
 // The OAuth client the device's library signs in as.
 extern const char kClientId[];
+// What every new account holds: a free trial.
+extern const char kTrialApp[];
+// The accounts one device may register: the state's limit, else options'.
+int AccountsPerDevice(Connection& db, const Options& options);
 
 }  // namespace pellixsim

@@ -10,6 +10,7 @@
 #include "origin.h"
 #include "pages.h"
 #include "route.h"
+#include "snapshot.h"
 #include "text.h"
 
 namespace pellixsim {
@@ -44,9 +45,8 @@ Simulation::Simulation(std::string folder, std::unique_ptr<Store> store, DeviceF
       store_(std::move(store)),
       service_(store_.get(), Options()),
       conditions_(log),
-      backend_(&service_, device),
+      backend_(&service_, std::move(device)),
       accountPhp_(&service_),
-      device_(std::move(device)),
       log_(log) {
   accountPhp_.SetConductor([this] { return conditions_.NextConduct(); });
   conditions_.OnReachable([this](bool reachable) {
@@ -59,6 +59,43 @@ Simulation::Simulation(std::string folder, std::unique_ptr<Store> store, DeviceF
 Simulation::~Simulation() { accountPhp_.Stop(); }
 
 int Simulation::StartAccountPhp(std::string* error) { return accountPhp_.Start(folder_, error); }
+
+uint32_t Simulation::Export(Json::Value* service, Json::Value* signedIn) {
+  const uint32_t read = ExportService(*store_, service_.options(), backend_.Device().serial, service, signedIn);
+  Json::Value conditions(Json::arrayValue);
+  const Json::Value inForce = conditions_.List();
+  for (Json::Value c : inForce["conditions"]) {
+    if (c.isMember("left")) c["times"] = c["left"];
+    c.removeMember("left");
+    c.removeMember("id");
+    conditions.append(c);
+  }
+  (*service)["conditions"] = conditions;
+  return read;
+}
+
+std::string Simulation::Check(const Json::Value& service, const Json::Value& signedIn) {
+  std::string problem = CheckService(service, signedIn);
+  if (!problem.empty() || !service.isMember("conditions")) return problem;
+  const Json::Value& conditions = service["conditions"];
+  if (!conditions.isArray()) return "/service/conditions: must be an array of conditions";
+  for (Json::ArrayIndex i = 0; i < conditions.size(); ++i) {
+    const std::string wrong = Conditions::Check(conditions[i], false);
+    if (!wrong.empty()) return "/service/conditions/" + std::to_string(i) + ": " + wrong;
+  }
+  return "";
+}
+
+uint32_t Simulation::Import(const Json::Value& service, const Json::Value& signedIn, DeviceFacts device) {
+  const uint32_t written = ImportService(*store_, service_.options(), service, signedIn, device.serial);
+  if (written != kOk) return written;
+  backend_.SetDevice(std::move(device));
+  conditions_.ClearAll();
+  std::string problem;
+  if (service.isMember("conditions") && !service["conditions"].empty())
+    conditions_.Set(service["conditions"], true, &problem);
+  return kOk;
+}
 
 void Simulation::Authorize(const webapihost::Exchange& x) {
   if (x.req.method == "POST") return Browser(x);
@@ -178,7 +215,7 @@ void Simulation::Page(const webapihost::Exchange& x) {
     if (!wrong.empty()) return x.Log(req.method + " " + req.path + ": 400 (" + wrong + ")");
   } else if (req.path == "/sim/account") {
     Json::Value info;
-    const uint32_t error = service_.Query(device_.serial, &info);
+    const uint32_t error = service_.Query(backend_.Device().serial, &info);
     if (error != kOk && error != kNotSignedIn)
       return x.Refuse(500, kErrUnknown, "the account service cannot read the device's account");
     x.Page(200, AccountPage(error == kOk ? info : Json::Value()));

@@ -49,6 +49,20 @@ class Simulation {
   // Serves account.php on a free port of 127.0.0.1: the port, or -1 with
   // *error.
   int StartAccountPhp(std::string* error);
+  // The service's part of the host's state document (snapshot.h), the
+  // conditions in force among it ("conditions": each as it was set, "times"
+  // what is left of it), and the device's binding in *signedIn. kSystem on a
+  // storage failure.
+  uint32_t Export(Json::Value* service, Json::Value* signedIn);
+  // Why the service's part of a document cannot be imported ("" when it
+  // can): a sentence beginning with the JSON pointer of the member at fault.
+  static std::string Check(const Json::Value& service, const Json::Value& signedIn);
+  // Replaces the service's state with a checked one, for the device `device`
+  // (whose facts the service takes from here on), and the conditions in force
+  // with the document's. kSystem, and nothing changed, on a storage failure.
+  uint32_t Import(const Json::Value& service, const Json::Value& signedIn, DeviceFacts device);
+  // The store's last storage failure.
+  std::string LastFailure() const { return store_->LastFailure(); }
   // Cuts account.php's connections still open.
   void Stop() { accountPhp_.Stop(); }
 
@@ -74,7 +88,6 @@ class Simulation {
   Conditions conditions_;  // outlives account.php, whose threads ask it
   SimBackend backend_;
   AccountPhp accountPhp_;
-  const DeviceFacts device_;
   FILE* log_;
 };
 

@@ -60,6 +60,9 @@ CREATE TABLE IF NOT EXISTS purchases(
   currency TEXT NOT NULL,
   paypal TEXT NOT NULL,
   date TEXT NOT NULL);
+CREATE TABLE IF NOT EXISTS limits(
+  name TEXT PRIMARY KEY,
+  value INTEGER NOT NULL);
 )sql";
 
 std::string Failure(sqlite3* db, const std::string& what) { return what + ": " + sqlite3_errmsg(db); }

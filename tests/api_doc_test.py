@@ -93,7 +93,7 @@ own = {v for v in consts.values() if v < 1000}
 failures += [f"host code {c}: in the code or the description, not both" for c in own ^ set(map(int, schema["hostCodes"]))]
 types = subprocess.run([sys.executable, f"{root}/scripts/webapi-types.py"], check=True, capture_output=True, text=True)
 failures += [] if types.stdout == read("docs/webapi.d.ts") else ["docs/webapi.d.ts is not scripts/webapi-types.py's output"]
-paths = {p for shown in re.findall(r'"(`/[^"]*)"\}', read("host/routes.cpp")) for p in re.findall(r"`(/[^`]*)`", shown)}
+paths = {p for shown in re.findall(r'"(`/[^"]*)"(?:, \w+)?\}', read("host/routes.cpp")) for p in re.findall(r"`(/[^`]*)`", shown)}
 failures += [f"path {p}: in the route table or the description, not both" for p in paths ^ schema["endpoints"].keys()]
 
 failures += [f"no section for {' '.join(m)}" for m in sorted(served - described)]

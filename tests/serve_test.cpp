@@ -20,6 +20,7 @@
 #include "request.h"
 #include "support/module_test.h"
 #include "support/process.h"
+#include "text.h"
 #include "verifier.h"
 
 namespace pellixtest {
@@ -27,7 +28,9 @@ namespace {
 
 using webapihost::Entry;
 using webapihost::PostForm;
+using webapihost::Compact;
 using webapihost::Reply;
+using webapihost::Send;
 using webapihost::ServeProcess;
 using webapihost::TempDir;
 
@@ -229,6 +232,87 @@ TEST_F(ServeTest, AnnouncedCurlLinesWork) {
     EXPECT_TRUE(Matches(J(expected[n]), J(out))) << line << "\n" << out;
   }
   EXPECT_EQ(n, std::size(expected));
+}
+
+// The whole state goes out and comes back as it was; a bad document changes
+// nothing; a reset and a fixture are a known state; the journal tells what
+// came and went, its secrets masked, and other tools take it in.
+TEST_F(ServeTest, KnownStatesAndTheJournal) {
+  ASSERT_NO_FATAL_FAILURE(Start({"--seed", "signed-in", "--journal", dir_.path() + "/journal.jsonl"}));
+  const int port = host_->port();
+  const auto state = [port] { return Send(port, "GET", "/sim/state").body; };
+  const Json::Value seeded = state();
+  EXPECT_EQ(seeded["device"]["account"]["email"], "ada@example.com");
+  EXPECT_EQ(seeded["device"]["serial"], vars_["serial"]);
+  EXPECT_EQ(seeded["service"]["accounts"][0]["purchases"].size(), 4u);
+  EXPECT_EQ(Entry(port, "TALV.Core.PellixCenter.Purchase", 1, "list").body["data"]["total"], 4);
+  EXPECT_EQ(Send(port, "POST", "/sim/conditions", R"({"account_error":25,"times":1})").status, 201);
+  EXPECT_EQ(Entry(port, kAccount, 1, "set", J(R"({"current_password":"secret1","new_password":"secret2"})"))
+                .body["error"]["code"],
+            3013);
+
+  struct Refusal {
+    std::string document, reason;
+  } refusals[] = {
+      {"[1", "the state document is not JSON"},
+      {R"({"version":2})", "/version: the document is of version 2"},
+      {R"({"version":1,"device":{"account":{"email":"bob@example.com"}}})", "/device/account/email"},
+      {R"({"version":1,"service":{"accounts":[{"email":"x@y.z"}]}})", "/service/accounts/0/full_name: is missing"},
+      {R"({"version":1,"device":{"serial":"Q2\n"}})", "/device/serial"},
+  };
+  for (const Refusal& r : refusals) {
+    Reply reply = Send(port, "PUT", "/sim/state", r.document);
+    EXPECT_EQ(reply.status, 400) << r.document;
+    EXPECT_EQ(reply.body["error"]["code"], 101);
+    EXPECT_NE(reply.body["error"]["details"]["reason"].asString().find(r.reason), std::string::npos) << reply.text;
+  }
+  Json::Value now = state();
+  EXPECT_EQ(now["service"]["conditions"].size(), 0u);  // used up
+  EXPECT_EQ(now["device"], seeded["device"]);
+
+  // While it serves, the folder is the host's.
+  std::string out, err;
+  EXPECT_EQ(RunCommand("'" WEBAPI_HOST "' state import fresh --state " + vars_["state"], &out, &err), 1);
+  EXPECT_NE(err.find("is in use by process"), std::string::npos) << err;
+
+  EXPECT_EQ(Send(port, "POST", "/sim/reset").status, 200);
+  EXPECT_EQ(Entry(port, kCenter, 2, "query").text, kSignedOut);
+  EXPECT_EQ(state()["device"]["serial"], vars_["serial"]);
+  EXPECT_EQ(Send(port, "PUT", "/sim/state", Compact(seeded)).status, 200);
+  EXPECT_EQ(state(), seeded);
+  EXPECT_EQ(Entry(port, kCenter, 2, "query").body["data"]["auth_key"], seeded["device"]["account"]["auth_key"]);
+  Reply fresh = Send(port, "POST", "/sim/reset", R"({"serial":"new"})");
+  EXPECT_NE(fresh.body["serial"], vars_["serial"]);
+  EXPECT_EQ(Send(port, "GET", "/device.json").body["serial"], fresh.body["serial"]);
+  std::ifstream limit(PELLIX_SOURCE_DIR "/../dev/fixtures/registration-limit.json");
+  EXPECT_EQ(Send(port, "PUT", "/sim/state", std::string(std::istreambuf_iterator<char>(limit), {})).status, 200);
+  EXPECT_EQ(Entry(port, kCenter, 2, "register",
+                  J(R"({"account":"eve@example.com","password":"secret1","fullname":"Eve","critical_release":true})"))
+                .body["error"]["code"],
+            3006);
+
+  Json::Value journal = Send(port, "GET", "/sim/journal").body;
+  const std::string text = Compact(journal);
+  for (const char* secret : {"secret1", "secret2", seeded["device"]["account"]["auth_key"].asCString()})
+    EXPECT_EQ(text.find(secret), std::string::npos) << secret;
+  const Json::Value& set = journal["entries"][3];
+  EXPECT_EQ(set["call"]["params"]["new_password"], "***");
+  EXPECT_EQ(set["answer"]["code"], 3013);
+  EXPECT_NE(set["conditions"][0].asString().find("account error 25"), std::string::npos) << set;
+  EXPECT_EQ(journal["entries"][4]["status"], 400);
+  EXPECT_EQ(journal["entries"][4]["reason"].asString().rfind("the state document is not JSON", 0), 0u);
+  const Json::Value last = journal["entries"][journal["entries"].size() - 1];
+  EXPECT_EQ(Send(port, "GET", "/sim/journal?since=" + last["id"].asString()).body["entries"].size(), 0u);
+  std::ofstream(dir_.path() + "/journal.har") << Send(port, "GET", "/sim/journal.har").text;
+  EXPECT_EQ(RunCommand("NODE_PATH=/usr/share/nodejs node " PELLIX_SOURCE_DIR "/../tests/har_check.js " + dir_.path() +
+                           "/journal.har",
+                       &out, &err),
+            0)
+      << err;
+  EXPECT_EQ(Send(port, "DELETE", "/sim/journal").status, 200);
+  EXPECT_EQ(Send(port, "GET", "/sim/journal").body["entries"].size(), 0u);
+  std::ifstream lines(dir_.path() + "/journal.jsonl");
+  EXPECT_EQ(std::count(std::istreambuf_iterator<char>(lines), {}, '\n'), last["id"].asInt());
 }
 
 TEST(Demo, Completes) {

@@ -2,6 +2,7 @@
 #include <arpa/inet.h>
 #include <gtest/gtest.h>
 #include <httplib.h>
+#include <json/reader.h>
 #include <json/writer.h>
 #include <netinet/in.h>
 #include <signal.h>
@@ -16,6 +17,7 @@
 
 #include "account_php.h"
 #include "service.h"
+#include "snapshot.h"
 #include "talv/cloud.h"
 
 namespace pellixsim {
@@ -110,6 +112,69 @@ TEST_F(ServiceTest, RegistrationRules) {
   // Registering does not sign the device in.
   Json::Value info;
   EXPECT_EQ(service_->Query(kSerial, &info), kNotSignedIn);
+}
+
+Json::Value Parsed(const std::string& text) {
+  Json::Value v;
+  std::unique_ptr<Json::CharReader> reader(Json::CharReaderBuilder().newCharReader());
+  EXPECT_TRUE(reader->parse(text.data(), text.data() + text.size(), &v, nullptr)) << text;
+  return v;
+}
+
+// A state written by hand comes back as the service keeps it: the password
+// hashed, what was left out filled in, the binding and the limit in force.
+TEST_F(ServiceTest, StateRoundTripsThroughExportAndImport) {
+  const Json::Value service = Parsed(R"({"limits":{"accounts_per_device":1},"accounts":[
+      {"email":"Ada@example.com","password":"secret1","full_name":"Ada","purchases":[{"app":"x","date":"2026-01-02"}]},
+      {"email":"bob@example.com","full_name":"Bob","keys":[{"auth_key":"k1","serial":"OTHER"}],
+       "password_hash":{"salt":"s","hash":"0000000000000000000000000000000000000000000000000000000000000000",
+                        "iterations":1}}]})");
+  const Json::Value bound = Parsed(R"({"email":"ada@EXAMPLE.com"})");
+  ASSERT_EQ(CheckService(service, bound), "");
+  ASSERT_EQ(ImportService(*store_, service_->options(), service, bound, kSerial), kOk);
+  Json::Value info, exported, signedIn;
+  ASSERT_EQ(service_->Query(kSerial, &info), kOk);
+  EXPECT_EQ(info["email"], "Ada@example.com");
+  EXPECT_EQ(service_->Register(kSerial, Account("carol@example.com")), kSerialLimit);
+  ASSERT_EQ(ExportService(*store_, service_->options(), kSerial, &exported, &signedIn), kOk);
+  EXPECT_EQ(signedIn["auth_key"], info["auth_key"]);
+  const Json::Value& ada = exported["accounts"][0];
+  EXPECT_FALSE(ada.isMember("password"));
+  EXPECT_TRUE(VerifyPassword(
+      "secret1", PasswordHash{ada["password_hash"]["salt"].asString(), ada["password_hash"]["hash"].asString(), 1000}));
+  EXPECT_EQ(ada["purchases"][0]["serial"], kSerial);
+  EXPECT_EQ(exported["accounts"][1]["keys"][0]["serial"], "OTHER");
+  // Exported, imported and exported again: the same document.
+  ASSERT_EQ(ImportService(*store_, service_->options(), exported, signedIn, kSerial), kOk);
+  Json::Value again, boundAgain;
+  ASSERT_EQ(ExportService(*store_, service_->options(), kSerial, &again, &boundAgain), kOk);
+  EXPECT_EQ(again, exported);
+  EXPECT_EQ(boundAgain, signedIn);
+}
+
+TEST(StateDocument, RefusalNamesTheMemberAtFault) {
+  const char* kPw = R"("password":"secret1")";
+  struct Case {
+    std::string service, account, at;
+  } cases[] = {
+      {R"({"accounts":{}})", "null", "/service/accounts: must be an array"},
+      {R"({"accounts":[{"email":"a@b.c","full_name":"A",)" + std::string(kPw) + "},{}]}", "null",
+       "/service/accounts/1/email: is missing"},
+      {R"({"accounts":[{"email":"a@b.c","full_name":"A"}]})", "null", "/service/accounts/0: give either"},
+      {R"({"accounts":[{"email":"a@b.c","full_name":"A",)" + std::string(kPw) + "},{\"email\":\"A@B.c\"," + kPw +
+           ",\"full_name\":\"B\"}]}",
+       "null", "/service/accounts/1/email: \"A@B.c\" is already the address of /service/accounts/0"},
+      {R"({"accounts":[{"email":"a@b.c","full_name":"A",)" + std::string(kPw) +
+           R"(,"purchases":[{"app":"x","date":"May"}]}]})",
+       "null", "/service/accounts/0/purchases/0/date: must be a day"},
+      {R"({"limits":{"accounts_per_device":-1}})", "null", "/service/limits/accounts_per_device: must be"},
+      {R"({"acounts":[]})", "null", "/service/acounts: is not a member"},
+      {"{}", R"({"email":"nobody@b.c"})", "/device/account/email: \"nobody@b.c\" is the address of no account"},
+  };
+  for (const Case& c : cases) {
+    const std::string problem = CheckService(Parsed(c.service), Parsed(c.account));
+    EXPECT_EQ(problem.rfind(c.at, 0), 0u) << c.service << "\n" << problem;
+  }
 }
 
 TEST_F(ServiceTest, SignInBindsTheDeviceWithANewKey) {

@@ -211,6 +211,8 @@ function showSignedIn(state) {
   $('#pu-table tbody').replaceChildren();
   ['#profile', '#purchases', '#signout', '#signin', '#register'].forEach((id) => report($(id), '', ''));
   if (state) busy($('#profile'), loadProfile);
+  // The purchases come with the status; "List" asks again, for other dates.
+  if (state) $('#f-purchases').requestSubmit();
 }
 
 // The device did not answer, or could not tell: what the status showed may no
@@ -247,15 +249,31 @@ async function refreshStatus(expected) {
     report(section, '', '');
   }
   $('#st-account').textContent = on ? `Signed in as ${d.account}` : 'Not signed in';
-  $('#st-activated').textContent = on ? (d.activated ? 'Yes' : 'Not yet') : '–';
-  $('#st-domain').textContent = on && d.critical_version_domain ? d.critical_version_domain : '–';
-  $('#st-key').textContent = on && d.auth_key ? d.auth_key : '–';
+  $('#st-activated').textContent = on ? (d.activated ? 'Yes' : 'Not yet') : 'Not signed in';
+  $('#st-domain').textContent = on && d.critical_version_domain ? d.critical_version_domain : on ? '–' : 'Not signed in';
+  showKey(on && d.auth_key ? d.auth_key : on ? '–' : 'Not signed in');
   if (on && d.auth_key) {
     localStorage.setItem(KEY_STORE, d.auth_key);
     $('#key-key').value = d.auth_key;
   }
   section.dataset.state = on ? 'signed-in' : 'signed-out';
   showSignedIn(on);
+}
+
+// The key signs the device in from anywhere: it shows only when asked for,
+// as a password field would.
+function showKey(text) {
+  const cell = $('#st-key');
+  if (text === '–' || text === 'Not signed in') {
+    cell.textContent = text;
+    return;
+  }
+  const show = document.createElement('button');
+  show.type = 'button';
+  show.className = 'quiet';
+  show.textContent = 'Show the key';
+  show.addEventListener('click', () => { cell.textContent = text; });
+  cell.replaceChildren(show);
 }
 
 async function signedInNow(answer) {
@@ -643,6 +661,82 @@ $('#f-sim-refusal').addEventListener('submit', (event) => {
   const refusal = { grade: field(form, 'grade').value, reason: field(form, 'reason').value.trim() };
   changeConditions('POST', '', { logout_refusal: refusal },
     `The ${refusal.grade} check refuses every sign-out until cleared.`);
+});
+
+// --- The host's journal -----------------------------------------------------
+
+// Not the device's either: the requests this host answered, at /sim/journal,
+// polled for what is new while the panel is open.
+const journalPanel = $('#journal-panel');
+let journalLast = 0;
+const journalEntries = [];
+
+function journalOutcome(e) {
+  if (e.reason !== undefined) return 'refused';
+  if (e.answer) return e.answer.success ? 'ok' : 'error';
+  return e.status < 400 ? 'ok' : 'error';
+}
+
+// A web API request as a curl line, its masked values as they are kept.
+function asCurl(e) {
+  const body = JSON.stringify({ api: e.call.api, version: e.call.version, method: e.call.method, ...e.call.params });
+  const quoted = `'${body.replace(/'/g, "'\\''")}'`;
+  return `curl -s ${location.origin}/webapi/entry -H 'Content-Type: application/json' -d ${quoted}`;
+}
+
+function showJournal() {
+  const method = $('#jn-method').value;
+  const outcome = $('#jn-outcome').value;
+  const items = journalEntries.filter((e) => (!method || e.method === method) && (!outcome || journalOutcome(e) === outcome))
+    .slice().reverse().map((e) => {
+      const item = document.createElement('li');
+      item.className = journalOutcome(e);
+      const more = document.createElement('details');
+      const head = document.createElement('summary');
+      const what = e.call ? `${e.call.api} ${e.call.version} ${e.call.method}` : e.path;
+      const result = e.answer ? (e.answer.success ? 'success' : `code ${e.answer.code}`) : String(e.status);
+      head.textContent = `${e.time.slice(11, 23)} ${e.method} ${what}: ${result}, ${e.duration_ms} ms`;
+      const shown = document.createElement('pre');
+      const parts = e.call ? { params: e.call.params, answer: e.answer, conditions: e.conditions } : { status: e.status };
+      if (e.reason !== undefined) parts.reason = e.reason;
+      shown.textContent = JSON.stringify(parts, null, 2);
+      more.append(head, shown);
+      if (e.call) {
+        const copy = document.createElement('button');
+        copy.type = 'button';
+        copy.className = 'quiet';
+        copy.textContent = 'Copy as curl';
+        copy.addEventListener('click', () => navigator.clipboard.writeText(asCurl(e)));
+        more.append(copy);
+      }
+      item.append(more);
+      return item;
+    });
+  $('#jn-list').replaceChildren(...items);
+}
+
+async function pollJournal() {
+  if (!journalPanel.open) return;
+  try {
+    const res = await fetch(`/sim/journal?since=${journalLast}`);
+    if (res.ok) {
+      const page = await res.json();
+      journalEntries.push(...page.entries);
+      journalEntries.splice(0, Math.max(0, journalEntries.length - 500));
+      journalLast = page.last;
+      if (page.entries.length) showJournal();
+    }
+  } catch (e) {
+    // The host is gone: the list stays as it was.
+  }
+}
+journalPanel.addEventListener('toggle', pollJournal);
+setInterval(pollJournal, 2000);
+['#jn-method', '#jn-outcome'].forEach((id) => $(id).addEventListener('change', showJournal));
+$('#jn-clear').addEventListener('click', async () => {
+  await fetch('/sim/journal', { method: 'DELETE' });
+  journalEntries.length = 0;
+  showJournal();
 });
 
 // --- Start -----------------------------------------------------------------

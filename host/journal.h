@@ -1,0 +1,62 @@
+// The host's journal: the last N requests it answered, each one JSON object
+// (docs/devhost.md, "The journal"), answered at GET /sim/journal and as an
+// HTTP Archive (HAR 1.2) at GET /sim/journal.har, and appended to a file as
+// one JSON line each when one is named. Secrets (passwords, keys, tokens,
+// grant codes, code verifiers, password hashes) are masked before an entry
+// is kept anywhere. Safe for concurrent use.
+#pragma once
+
+#include <json/value.h>
+
+#include <cstdint>
+#include <cstdio>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "request.h"
+
+namespace webapihost {
+
+// What a masked value becomes.
+extern const char kMasked[];
+// Replaces the value of every member with a secret's name, at any depth.
+void Mask(Json::Value* value);
+// A request body for the journal: JSON or a form with its secrets masked,
+// anything else by its size; cut to kBodyText bytes.
+std::string MaskedBody(const std::string& text, const std::string& contentType);
+
+// What the journal keeps of a web API request beside its HTTP exchange: the
+// call (null when it could not be decoded), its answer, the bites of the
+// service's conditions, and the reason when the host refused it.
+void NoteCall(const ApiCall* call, const Answer& answer, const std::vector<std::string>& bites, Json::Value* note);
+
+class Journal {
+ public:
+  // The default number of entries kept.
+  static constexpr size_t kDefaultSize = 10000;
+  // Keeps the last `size` entries (at least one); each is also appended to
+  // `file` (not owned; nullptr: none) as one line.
+  Journal(size_t size, FILE* file) : size_(size ? size : 1), file_(file) {}
+
+  // Keeps `entry`, numbered here ("id", from 1 up), and drops the oldest
+  // beyond the size.
+  void Add(Json::Value entry);
+  // {"entries": [...], "last": ID}: the entries after `since`, oldest first;
+  // "last" is the id of the newest entry made, to poll from.
+  Json::Value After(uint64_t since) const;
+  // Drops every entry; the ids go on.
+  void Clear();
+  // The entries as an HTTP Archive, for a host at `base` (http://HOST:PORT).
+  Json::Value Har(const std::string& base) const;
+
+ private:
+  const size_t size_;
+  FILE* file_;
+  mutable std::mutex mu_;
+  std::deque<Json::Value> entries_;  // under mu_
+  uint64_t last_ = 0;                // under mu_
+};
+
+}  // namespace webapihost

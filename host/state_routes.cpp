@@ -1,0 +1,150 @@
+// The development host's routes over its whole state and its journal:
+// GET and PUT /sim/state, POST /sim/reset, GET and DELETE /sim/journal[.har].
+#include <cinttypes>
+#include <cmath>
+#include <cstdlib>
+#include <ctime>
+#include <regex>
+
+#include "devhost.h"
+#include "simulation.h"
+#include "snapshot.h"
+#include "text.h"
+
+namespace webapihost {
+namespace {
+
+// "2026-11-25T06:33:03.123Z"
+std::string Iso(std::chrono::system_clock::time_point t) {
+  const auto ms = std::chrono::duration_cast<std::chrono::milliseconds>(t.time_since_epoch()).count();
+  const time_t seconds = static_cast<time_t>(ms / 1000);
+  struct tm tm {};
+  gmtime_r(&seconds, &tm);
+  char text[40];
+  const size_t n = std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S", &tm);
+  (void)std::snprintf(text + n, sizeof(text) - n, ".%03dZ", static_cast<int>(ms % 1000));
+  return text;
+}
+
+}  // namespace
+
+void DevHost::Replace(const Exchange& x, const Json::Value& document, Json::Value answer) {
+  // Every web API request waits meanwhile: none sees half of one state and
+  // half of the other, and none binds an account the new state lacks.
+  std::lock_guard<std::mutex> binding(binding_);
+  std::unique_lock<std::shared_mutex> alone(identity_);
+  std::lock_guard<std::mutex> lock(stateMu_);
+  std::string error;
+  const Imported done = ImportState(state_, *simulation_, document, &error);
+  if (done == Imported::kRefused) return x.Refuse(400, kErrBadRequest, "the state document is refused: " + error);
+  if (done == Imported::kFailed) return x.Refuse(500, kErrUnknown, error);
+  device_["serial"] = state_->serial;
+  device_["model"] = state_->model;
+  device_["build"] = state_->build;
+  answer["serial"] = state_->serial;
+  x.res.set_header("Cache-Control", "no-store");
+  x.Json(200, Compact(answer));
+  x.Log(x.req.method + " " + x.req.path + ": 200 (device " + state_->serial + ")");
+}
+
+void DevHost::State(const Exchange& x) {
+  if (!state_ || !simulation_) return x.Refuse(404, kErrBadRequest, "this host keeps no state folder");
+  if (x.req.method == "PUT") {
+    Json::Value document;
+    std::string problem;
+    if (x.body.text.empty())
+      return x.Refuse(400, kErrBadRequest, "the body is empty: send a whole state document, as GET /sim/state answers");
+    if (!ParseJson(x.body.text, &document, &problem))
+      return x.Refuse(400, kErrBadRequest, "the state document is not JSON: " + problem);
+    Json::Value answer(Json::objectValue);
+    answer["replaced"] = true;
+    return Replace(x, document, answer);
+  }
+  Json::Value document;
+  std::string error;
+  std::unique_lock<std::mutex> lock(stateMu_);
+  if (!ExportState(*state_, *simulation_, &document, &error)) return x.Refuse(500, kErrUnknown, error);
+  lock.unlock();
+  x.res.set_header("Cache-Control", "no-store");
+  x.Json(200, Compact(document));
+  x.Log(x.req.method + " " + x.req.path + ": 200");
+}
+
+void DevHost::Reset(const Exchange& x) {
+  if (!state_ || !simulation_) return x.Refuse(404, kErrBadRequest, "this host keeps no state folder");
+  Json::Value asked(Json::objectValue);
+  std::string problem;
+  if (!x.body.text.empty() && !ParseJson(x.body.text, &asked, &problem))
+    return x.Refuse(400, kErrBadRequest, "the body is not JSON: " + problem);
+  if (!asked.isObject() || (asked.size() == 1 && !asked.isMember("serial")) || asked.size() > 1 ||
+      (asked.isMember("serial") && asked["serial"] != "new" && asked["serial"] != "keep"))
+    return x.Refuse(400, kErrBadRequest,
+                    "the body is " + Shown(asked) +
+                        ": send nothing to keep the serial number, or {\"serial\":\"new\"} for a new one");
+  std::string serial;
+  {
+    std::lock_guard<std::mutex> lock(stateMu_);
+    serial = asked["serial"] == "new" ? NewSerial() : state_->serial;
+  }
+  Json::Value answer(Json::objectValue);
+  answer["reset"] = true;
+  Replace(x, FreshDocument(serial), answer);
+}
+
+void DevHost::Journaled(const Exchange& x) {
+  if (!journal_) return x.Refuse(404, kErrBadRequest, "this host keeps no journal");
+  x.res.set_header("Cache-Control", "no-store");
+  if (x.req.method == "DELETE") {
+    journal_->Clear();
+    x.Json(200, "{\"cleared\":true}");
+  } else if (x.req.path == "/sim/journal.har") {
+    x.Json(200, Compact(journal_->Har("http://127.0.0.1:" + std::to_string(port_))));
+  } else {
+    const std::string since = x.req.get_param_value("since");
+    char* end = nullptr;
+    errno = 0;
+    const unsigned long long after = std::strtoull(since.c_str(), &end, 10);
+    if (!since.empty() && (*end || errno || since[0] == '-'))
+      return x.Refuse(400, kErrBadRequest,
+                      "\"since\" is \"" + Cut(since) + "\": give the id of an entry, as \"last\" of an answer");
+    x.Json(200, Compact(journal_->After(after)));
+  }
+  x.Log(x.req.method + " " + x.req.path + ": 200");
+}
+
+void DevHost::Record(const httplib::Request& req, const RequestBody& body, const httplib::Response& res,
+                     Json::Value note, std::chrono::system_clock::time_point started,
+                     std::chrono::steady_clock::time_point start) {
+  // Polling the journal would fill it with itself.
+  if (!journal_ || req.path.rfind("/sim/journal", 0) == 0) return;
+  Json::Value& e = note;
+  e["time"] = Iso(started);
+  const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+  e["duration_ms"] = std::round(ms * 1000) / 1000;
+  e["method"] = HttpMethod(req.method) ? req.method : "-";
+  e["path"] = req.path.empty() ? "-" : req.path;
+  e["query"] = Json::Value(Json::objectValue);
+  for (const auto& p : req.params) e["query"][p.first] = p.second;
+  Mask(&e["query"]);
+  const std::string type = req.get_header_value("Content-Type");
+  e["request_type"] = type;
+  e["request_size"] = static_cast<Json::UInt64>(body.text.size());
+  if (!body.text.empty()) e["request_body"] = MaskedBody(body.text, type);
+  if (!body.parts.empty()) {
+    Json::Value parts(Json::objectValue);
+    for (const auto& p : body.parts) parts[p.first] = p.second.content;
+    Mask(&parts);
+    e["request_type"] = "application/json";
+    e["request_body"] = Compact(parts);
+  }
+  e["status"] = res.status;
+  e["response_type"] = res.get_header_value("Content-Type");
+  e["response_size"] = static_cast<Json::UInt64>(res.body.size());
+  e["response_body"] = MaskedBody(res.body, e["response_type"].asString());
+  if (res.has_header("Location"))
+    e["location"] = std::regex_replace(res.get_header_value("Location"), std::regex("([?&]code=)[^&]*"),
+                                       std::string("$1") + kMasked);
+  journal_->Add(std::move(e));
+}
+
+}  // namespace webapihost
