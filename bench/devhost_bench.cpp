@@ -51,7 +51,7 @@ Host& Started() {
     login["account"] = "ada@example.com";
     login["password"] = "secret1";
     if (webapihost::PostForm(port, "/sim/register", account).status != 200 ||
-        !webapihost::Entry(port, "TALV.Core.PellixCenter", 2, "login", login).body["success"].asBool())
+        !webapihost::CallWebApi(port, "TALV.Core.PellixCenter", 2, "login", login).body["success"].asBool())
       host.problem = "the account could not be signed in";
   });
   return host;

@@ -104,7 +104,7 @@ Reply Parse(const httplib::Result& result) {
 
 }  // namespace
 
-Reply Entry(int port, const std::string& api, int version, const std::string& method, const Json::Value& params) {
+Reply CallWebApi(int port, const std::string& api, int version, const std::string& method, const Json::Value& params) {
   Json::Value body = params;
   body["api"] = api;
   body["version"] = version;

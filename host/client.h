@@ -58,8 +58,8 @@ struct Reply {
   Json::Value body;
   std::string text;  // the body as it came
 };
-Reply Entry(int port, const std::string& api, int version, const std::string& method,
-            const Json::Value& params = Json::Value(Json::objectValue));
+Reply CallWebApi(int port, const std::string& api, int version, const std::string& method,
+                 const Json::Value& params = Json::Value(Json::objectValue));
 // POST of form fields to `path` of the host.
 Reply PostForm(int port, const std::string& path, const Json::Value& fields);
 // Any request to `path` of the host; a body is sent as JSON.

@@ -26,7 +26,7 @@ class Tour {
                    int code = 0) {
     Head(title);
     (void)std::fprintf(out_, "    > %s %d %s %s\n", api, version, method, Compact(params).c_str());
-    Reply r = Entry(port_, api, version, method, params);
+    Reply r = CallWebApi(port_, api, version, method, params);
     const bool expected = r.status == 200 && (code == 0 ? r.body["success"].asBool() : r.body["error"]["code"] == code);
     Tail(r, expected);
     return r.body;

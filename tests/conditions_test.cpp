@@ -108,7 +108,7 @@ TEST_F(ConditionsTest, EachBitesWhatItNames) {
       id = set.body["id"].asString();
     }
     const auto start = std::chrono::steady_clock::now();
-    Reply r = Entry(host_->port(), row.api, row.version, row.method, J(row.params));
+    Reply r = CallWebApi(host_->port(), row.api, row.version, row.method, J(row.params));
     EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(row.slowest));
     EXPECT_EQ(r.body, J(row.answer));
     Reply listed = Send(host_->port(), "GET", "/sim/conditions");
@@ -132,12 +132,13 @@ TEST_F(ConditionsTest, FromAFileAtStart) {
   EXPECT_EQ(Send(host_->port(), "GET", "/sim/conditions").body,
             J(R"({"conditions":[{"id":1,"logout_refusal":{"grade":"soft","reason":"From a file"}},
                   {"id":2,"account_error":17,"operations":["TALVPELLIXAccountRegister"],"times":1,"left":1}]})"));
-  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "logout").body,
+  EXPECT_EQ(CallWebApi(host_->port(), kCenter, 2, "logout").body,
             J(R"({"success":false,"error":{"code":3014,"details":{"check_type":"soft","reasons":["From a file"]}}})"));
-  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "register",
-                  J(R"({"account":"ada@example.com","password":"secret1","fullname":"Ada L","critical_release":true})"))
-                .body,
-            J(R"({"success":false,"error":{"code":3006,"details":{}}})"));
+  EXPECT_EQ(
+      CallWebApi(host_->port(), kCenter, 2, "register",
+                 J(R"({"account":"ada@example.com","password":"secret1","fullname":"Ada L","critical_release":true})"))
+          .body,
+      J(R"({"success":false,"error":{"code":3006,"details":{}}})"));
   EXPECT_EQ(host_->Stop(SIGTERM), 0);
 
   std::ofstream(dir_.path() + "/bad.json") << R"([{"account_error":3},{"account_error":3,"times":0}])";

@@ -77,7 +77,7 @@ class ServeTest : public ::testing::Test {
   void Run(const std::vector<Step>& steps) {
     for (const Step& s : steps) {
       SCOPED_TRACE(s.what);
-      Reply r = Entry(host_->port(), s.api, s.version, s.method, J(Substitute(s.params, vars_)));
+      Reply r = CallWebApi(host_->port(), s.api, s.version, s.method, J(Substitute(s.params, vars_)));
       EXPECT_EQ(r.status, 200);
       EXPECT_TRUE(Matches(J(Substitute(s.expect, vars_)), r.body)) << r.body;
       if (s.capture) vars_[s.capture] = r.body["data"]["auth_key"].asString();
@@ -136,7 +136,7 @@ TEST_F(ServeTest, AccountLifeCycle) {
       {"iframe", kCenter, 2, "get_iframe_info", "{}",
        R"({"success":true,"data":{"url":"<any>","is_logged_in":true,"account":"Ada@Example.com"}})"},
   });
-  const std::string iframe = Entry(host_->port(), kCenter, 2, "get_iframe_info").body["data"]["url"].asString();
+  const std::string iframe = CallWebApi(host_->port(), kCenter, 2, "get_iframe_info").body["data"]["url"].asString();
   httplib::Result page = httplib::Client("127.0.0.1", host_->port()).Get(iframe.substr(iframe.find("/sim/")));
   ASSERT_TRUE(page);
   EXPECT_NE(page->body.find("<dd>Ada@Example.com</dd>"), std::string::npos) << page->body;
@@ -170,9 +170,9 @@ TEST_F(ServeTest, PkceSignInByTheServicesPage) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Register("ada@example.com", "secret1");
   const Json::Value login =
-      Entry(host_->port(), "TALV.Core.PellixCenter.Login", 1, "pkce_config_get").body["data"]["login"];
+      CallWebApi(host_->port(), "TALV.Core.PellixCenter.Login", 1, "pkce_config_get").body["data"]["login"];
   EXPECT_EQ(login["code_challenge_method"], "S256");
-  Reply created = Entry(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
+  Reply created = CallWebApi(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
   vars_["challenge"] = created.body["data"]["challenge"].asString();
   EXPECT_EQ(PostForm(host_->port(), "/sim/authorize", J(R"({"email":"ada@example.com","password":"x",
                                                              "code_challenge":"abc"})"))
@@ -245,9 +245,9 @@ TEST_F(ServeTest, KnownStatesAndTheJournal) {
   EXPECT_EQ(seeded["device"]["account"]["email"], "ada@example.com");
   EXPECT_EQ(seeded["device"]["serial"], vars_["serial"]);
   EXPECT_EQ(seeded["service"]["accounts"][0]["purchases"].size(), 4u);
-  EXPECT_EQ(Entry(port, "TALV.Core.PellixCenter.Purchase", 1, "list").body["data"]["total"], 4);
+  EXPECT_EQ(CallWebApi(port, "TALV.Core.PellixCenter.Purchase", 1, "list").body["data"]["total"], 4);
   EXPECT_EQ(Send(port, "POST", "/sim/conditions", R"({"account_error":25,"times":1})").status, 201);
-  EXPECT_EQ(Entry(port, kAccount, 1, "set", J(R"({"current_password":"secret1","new_password":"secret2"})"))
+  EXPECT_EQ(CallWebApi(port, kAccount, 1, "set", J(R"({"current_password":"secret1","new_password":"secret2"})"))
                 .body["error"]["code"],
             3013);
 
@@ -276,20 +276,21 @@ TEST_F(ServeTest, KnownStatesAndTheJournal) {
   EXPECT_NE(err.find("is in use by process"), std::string::npos) << err;
 
   EXPECT_EQ(Send(port, "POST", "/sim/reset").status, 200);
-  EXPECT_EQ(Entry(port, kCenter, 2, "query").text, kSignedOut);
+  EXPECT_EQ(CallWebApi(port, kCenter, 2, "query").text, kSignedOut);
   EXPECT_EQ(state()["device"]["serial"], vars_["serial"]);
   EXPECT_EQ(Send(port, "PUT", "/sim/state", Compact(seeded)).status, 200);
   EXPECT_EQ(state(), seeded);
-  EXPECT_EQ(Entry(port, kCenter, 2, "query").body["data"]["auth_key"], seeded["device"]["account"]["auth_key"]);
+  EXPECT_EQ(CallWebApi(port, kCenter, 2, "query").body["data"]["auth_key"], seeded["device"]["account"]["auth_key"]);
   Reply fresh = Send(port, "POST", "/sim/reset", R"({"serial":"new"})");
   EXPECT_NE(fresh.body["serial"], vars_["serial"]);
   EXPECT_EQ(Send(port, "GET", "/device.json").body["serial"], fresh.body["serial"]);
   std::ifstream limit(PELLIX_SOURCE_DIR "/../dev/fixtures/registration-limit.json");
   EXPECT_EQ(Send(port, "PUT", "/sim/state", std::string(std::istreambuf_iterator<char>(limit), {})).status, 200);
-  EXPECT_EQ(Entry(port, kCenter, 2, "register",
-                  J(R"({"account":"eve@example.com","password":"secret1","fullname":"Eve","critical_release":true})"))
-                .body["error"]["code"],
-            3006);
+  EXPECT_EQ(
+      CallWebApi(port, kCenter, 2, "register",
+                 J(R"({"account":"eve@example.com","password":"secret1","fullname":"Eve","critical_release":true})"))
+          .body["error"]["code"],
+      3006);
 
   Json::Value journal = Send(port, "GET", "/sim/journal").body;
   const std::string text = Compact(journal);
@@ -325,14 +326,14 @@ TEST(Demo, Completes) {
 TEST_F(ServeTest, StateSurvivesRestartAndKill) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Register("ada@example.com", "secret1");
-  Reply in = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
+  Reply in = CallWebApi(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
   ASSERT_TRUE(in.body["success"].asBool()) << in.body;
   const std::string serial = vars_["serial"];
   EXPECT_EQ(host_->Stop(SIGTERM), 0);
 
   ASSERT_NO_FATAL_FAILURE(Start());
   EXPECT_EQ(vars_["serial"], serial) << "the device keeps its serial";
-  Reply q = Entry(host_->port(), kCenter, 2, "query");
+  Reply q = CallWebApi(host_->port(), kCenter, 2, "query");
   EXPECT_EQ(q.body["data"]["auth_key"], in.body["data"]["auth_key"]) << q.body;
 
   // Killed while profile changes are under way: every change that was
@@ -342,7 +343,7 @@ TEST_F(ServeTest, StateSurvivesRestartAndKill) {
   std::thread writer([&] {
     for (int n = 0; !stop; ++n) {
       Reply r =
-          Entry(host_->port(), kAccount, 1, "set", J("{\"critical_version_list\":\"" + std::to_string(n) + "\"}"));
+          CallWebApi(host_->port(), kAccount, 1, "set", J("{\"critical_version_list\":\"" + std::to_string(n) + "\"}"));
       if (r.status != 200) break;
       answered = n;
     }
@@ -356,7 +357,7 @@ TEST_F(ServeTest, StateSurvivesRestartAndKill) {
   const int last = answered;
 
   ASSERT_NO_FATAL_FAILURE(Start());
-  Reply get = Entry(host_->port(), kAccount, 1, "get");
+  Reply get = CallWebApi(host_->port(), kAccount, 1, "get");
   ASSERT_TRUE(get.body["success"].asBool()) << get.body;
   const int kept = std::stoi(get.body["data"]["critical_version_list"].asString());
   EXPECT_GE(kept, last);
@@ -384,7 +385,7 @@ int SettledDescriptors(pid_t pid) {
 void ServeTest::Hammer(const std::function<bool(int)>& more, bool soak) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Register("ada@example.com", "secret1");
-  ASSERT_TRUE(Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"))
+  ASSERT_TRUE(CallWebApi(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"))
                   .body["success"]
                   .asBool());
   constexpr int kClients = 8;
@@ -401,19 +402,19 @@ void ServeTest::Hammer(const std::function<bool(int)>& more, bool soak) {
         Reply r;
         switch (n % 4) {
           case 0:  // a read
-            r = Entry(host_->port(), kCenter, 2, "query");
+            r = CallWebApi(host_->port(), kCenter, 2, "query");
             if (r.body["data"]["account"] != "ada@example.com") ++wrong[c];
             break;
           case 1:  // a write of the service: a new key for the binding
-            r = Entry(host_->port(), kCenter, 2, "handle_apikey_error", J(R"({"apikey_error":"expired"})"));
+            r = CallWebApi(host_->port(), kCenter, 2, "handle_apikey_error", J(R"({"apikey_error":"expired"})"));
             keys[c].insert(r.body["data"]["auth_key"].asString());
             break;
           case 2:  // the host's own API
-            r = Entry(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
+            r = CallWebApi(host_->port(), "TALV.Remote.Credential.Verifier", 1, "create");
             challenges[c].insert(r.body["data"]["challenge"].asString());
             break;
           default:  // a refusal
-            r = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"x@example.com","password":"123456"})"));
+            r = CallWebApi(host_->port(), kCenter, 2, "login", J(R"({"account":"x@example.com","password":"123456"})"));
             if (r.body["error"]["code"] != 3010) ++wrong[c];
         }
         if (r.status != 200 || (n % 4 != 3 && !r.body["success"].asBool())) ++wrong[c];
@@ -588,7 +589,7 @@ TEST_F(ServeTest, MalformedRequestsAreRefused) {
     EXPECT_NE(host_->Log().find(raw.logged), std::string::npos) << host_->Log();
   }
   // The host is still serving.
-  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+  EXPECT_EQ(CallWebApi(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
 }
 
 // The administration page comes from its folder with the types a browser
@@ -630,7 +631,7 @@ TEST_F(ServeTest, AdministrationPageIsServedFromItsFolderOnly) {
   }
   EXPECT_NE(host_->Log().find("GET /nothing.js: 404 (no file "), std::string::npos) << host_->Log();
   // The page and the web API side by side on one origin.
-  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+  EXPECT_EQ(CallWebApi(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
 }
 
 TEST_F(ServeTest, FieldsKeepTheirTypes) {
@@ -694,7 +695,7 @@ TEST_F(ServeTest, StartUpErrorsEndAtOnceWithAMessage) {
     EXPECT_EQ(out, "");
   }
   // The host that holds its folder serves on, its device untouched.
-  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+  EXPECT_EQ(CallWebApi(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
 }
 
 // Ctrl-C and SIGTERM end the host at every stage: while it starts, while it
@@ -752,7 +753,8 @@ TEST_F(ServeTest, SignalsEndItAtEveryStage) {
                     .status,
                 201);
       signIn = std::thread([&] {
-        answer = Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
+        answer =
+            CallWebApi(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"));
       });
       for (const auto end = std::chrono::steady_clock::now() + std::chrono::seconds(10);
            host_->Log().find("bit TALV.Core.PellixCenter 2 login") == std::string::npos &&
@@ -813,8 +815,8 @@ TEST_F(ServeTest, ConcurrentSignInsBindOneAccount) {
       Json::Value second = c.params;
       if (std::string(c.method) == "register") second["account"] = "carol" + std::to_string(round) + "@example.com";
       Reply first, other;
-      std::thread a([&] { first = Entry(host_->port(), kCenter, 2, "login", ada); });
-      std::thread b([&] { other = Entry(host_->port(), kCenter, 2, c.method, second); });
+      std::thread a([&] { first = CallWebApi(host_->port(), kCenter, 2, "login", ada); });
+      std::thread b([&] { other = CallWebApi(host_->port(), kCenter, 2, c.method, second); });
       a.join();
       b.join();
       const bool adaWon = first.body["success"].asBool();
@@ -823,8 +825,8 @@ TEST_F(ServeTest, ConcurrentSignInsBindOneAccount) {
       ASSERT_TRUE(won.body["success"].asBool()) << won.text;
       EXPECT_EQ(lost.body["error"]["code"], 3010) << lost.text;
       EXPECT_EQ(lost.body["error"]["details"]["account"],
-                Entry(host_->port(), kCenter, 2, "query").body["data"]["account"]);
-      ASSERT_TRUE(Entry(host_->port(), kCenter, 2, "logout", J(R"({"force":true})")).body["success"].asBool());
+                CallWebApi(host_->port(), kCenter, 2, "query").body["data"]["account"]);
+      ASSERT_TRUE(CallWebApi(host_->port(), kCenter, 2, "logout", J(R"({"force":true})")).body["success"].asBool());
     }
   }
 }
@@ -853,7 +855,7 @@ TEST_F(ServeTest, ASecondHostOnItsPortIsRefused) {
 TEST_F(ServeTest, OnlyItsOwnPagesAndLocalProgramsReachIt) {
   ASSERT_NO_FATAL_FAILURE(Start());
   Register("ada@example.com", "secret1");
-  ASSERT_TRUE(Entry(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"))
+  ASSERT_TRUE(CallWebApi(host_->port(), kCenter, 2, "login", J(R"({"account":"ada@example.com","password":"secret1"})"))
                   .body["success"]
                   .asBool());
   const std::string port = std::to_string(host_->port()), own = "127.0.0.1:" + port;
@@ -1100,7 +1102,7 @@ TEST_F(ServeTest, QueryAnswersPromptlyBesideIdleConnections) {
   ASSERT_NO_FATAL_FAILURE(Start());
   webapihost::IdleConnections idle(host_->port(), 64);
   const auto start = std::chrono::steady_clock::now();
-  EXPECT_EQ(Entry(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
+  EXPECT_EQ(CallWebApi(host_->port(), kCenter, 2, "query").body, J(kSignedOut));
   EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
 }
 
