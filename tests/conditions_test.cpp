@@ -15,7 +15,7 @@
 namespace pellixtest {
 namespace {
 
-using webapihost::Entry;
+using webapihost::CallWebApi;
 using webapihost::Reply;
 using webapihost::Send;
 using webapihost::ServeProcess;

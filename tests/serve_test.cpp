@@ -26,7 +26,7 @@
 namespace pellixtest {
 namespace {
 
-using webapihost::Entry;
+using webapihost::CallWebApi;
 using webapihost::PostForm;
 using webapihost::Compact;
 using webapihost::Reply;
