@@ -33,6 +33,9 @@ esac
 
 missing=()
 for p in "${packages[@]}"; do
+  # A Node.js of another source (one that brings its own npm) serves as well,
+  # and Debian's npm cannot be installed beside it.
+  [[ $p == npm ]] && command -v npm >/dev/null && continue
   status=$(dpkg-query -W -f='${Status}' "$p" 2>/dev/null || true)
   [[ "$status" == "install ok installed" ]] || missing+=("$p")
 done
