@@ -73,7 +73,7 @@ else()
   add_executable(webapi-host-installed ${PROJECT_SOURCE_DIR}/host/webapi_host.cpp)
   foreach(property LINK_LIBRARIES LINK_OPTIONS COMPILE_DEFINITIONS INSTALL_RPATH)
     get_target_property(value webapi-host ${property})
-    list(FILTER value EXCLUDE REGEX "^WEBAPI_HOST_PAGES=")
+    list(FILTER value EXCLUDE REGEX "^WEBAPI_HOST_(PAGES|SCHEMA|FIXTURES)=")
     set_property(TARGET webapi-host-installed PROPERTY ${property} "${value}")
   endforeach()
   set_target_properties(webapi-host-installed PROPERTIES OUTPUT_NAME webapi-host

@@ -311,13 +311,17 @@ void DevHost::Handle(const Route& route, const httplib::Request& req, const http
   x.journal = &note;
   const std::string origin = ParseOrigin(req.get_header_value("Origin"), nullptr);
   const std::string cross = CrossOrigin(req);
-  if (cross.empty() && admitted_.Trusted(origin)) {
+  const bool preflight =
+      req.method == "OPTIONS" && req.has_header("Access-Control-Request-Method") && !origin.empty() && OwnHost(req);
+  // The preflight's answer carries its own Access-Control-Allow-Origin: one
+  // header, not two, or the browser takes neither.
+  if (!preflight && cross.empty() && admitted_.Trusted(origin)) {
     res.set_header("Access-Control-Allow-Origin", origin);
     res.set_header("Vary", "Origin");
   }
   // A preflight changes nothing: one from an origin not trusted is let
   // through so that its page reads why the request itself is refused.
-  if (req.method == "OPTIONS" && req.has_header("Access-Control-Request-Method") && !origin.empty() && OwnHost(req)) {
+  if (preflight) {
     Preflight(route, x);
   } else if (!cross.empty()) {
     Foreign(x, cross);

@@ -18,6 +18,8 @@ bool Readable(const std::string& path) {
   return stat(path.c_str(), &file) == 0 && S_ISREG(file.st_mode);
 }
 
+std::string gSourceFixtures;  // SetSourceFixtures
+
 // Where the project's fixtures are: beside an installed program's share/,
 // else in the source tree the program was built from.
 std::string Fixture(const std::string& name) {
@@ -28,9 +30,8 @@ std::string Fixture(const std::string& name) {
   if (slash != std::string::npos) bin.resize(slash);
   std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/fixtures/" + name + ".json";
   if (Readable(installed)) return installed;
-#ifdef WEBAPI_HOST_FIXTURES
-  if (Readable(WEBAPI_HOST_FIXTURES "/" + name + ".json")) return WEBAPI_HOST_FIXTURES "/" + name + ".json";
-#endif
+  const std::string source = gSourceFixtures + "/" + name + ".json";
+  if (!gSourceFixtures.empty() && Readable(source)) return source;
   return "";
 }
 
@@ -108,6 +109,8 @@ Json::Value FreshDocument(const std::string& serial) {
   d["service"]["conditions"] = Json::Value(Json::arrayValue);
   return d;
 }
+
+void SetSourceFixtures(std::string folder) { gSourceFixtures = std::move(folder); }
 
 bool ReadDocument(const std::string& pathOrName, Json::Value* document, std::string* error) {
   std::string path = pathOrName;

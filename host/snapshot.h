@@ -41,6 +41,9 @@ Imported ImportState(StateFolder* state, pellixsim::Simulation& sim, const Json:
 // refused, no condition.
 Json::Value FreshDocument(const std::string& serial);
 
+// The source tree's dev/fixtures, for a program run from its build tree; an
+// installed one finds them beside it. Call before ReadDocument.
+void SetSourceFixtures(std::string folder);
 // Reads a state document from `path`, or from a fixture of the project by
 // NAME (dev/fixtures/NAME.json); false with *error.
 bool ReadDocument(const std::string& pathOrName, Json::Value* document, std::string* error);

@@ -225,6 +225,9 @@ bool ParseInt(const std::string& text, int* version) {
 }  // namespace
 
 int main(int argc, char** argv) {
+#ifdef WEBAPI_HOST_FIXTURES
+  webapihost::SetSourceFixtures(WEBAPI_HOST_FIXTURES);
+#endif
   // Options and their values first, wherever they stand; what is left is the
   // command and its arguments. Nothing a command takes begins with "--".
   std::map<std::string, std::string> options;
