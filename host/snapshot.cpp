@@ -30,7 +30,7 @@ std::string Fixture(const std::string& name) {
   if (slash != std::string::npos) bin.resize(slash);
   std::string installed = bin.substr(0, bin.rfind('/') + 1) + "share/webapi-host/fixtures/" + name + ".json";
   if (Readable(installed)) return installed;
-  const std::string source = gSourceFixtures + "/" + name + ".json";
+  std::string source = gSourceFixtures + "/" + name + ".json";
   if (!gSourceFixtures.empty() && Readable(source)) return source;
   return "";
 }
