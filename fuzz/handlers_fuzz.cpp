@@ -9,7 +9,9 @@
 // exactly one answer or an exception the host catches, and a registration
 // answered by the service in a code of the module's own keyword table; no
 // form may outgrow its 2048 bytes; no hash or list may be left alive or freed
-// twice; the process ids must be back as they were.
+// twice; the process ids must be back as they were; and, where the platform
+// keeps its contracts, every answer must be one the description of the web
+// API (docs/webapi.schema.json) allows.
 #include <dlfcn.h>
 #include <fuzzer/FuzzedDataProvider.h>
 #include <sys/prctl.h>
@@ -23,6 +25,7 @@
 #include <string>
 #include <vector>
 
+#include "answer_check.h"
 #include "core/accounting.h"
 #include "feasibility/checker.h"
 #include "fuzz_check.h"
@@ -38,6 +41,11 @@
 namespace {
 
 FuzzedDataProvider* gData = nullptr;  // the current input, for the scripted platform
+// Whether the platform keeps the contracts of its seams for the current input
+// (members of the types they name, printable texts, nothing written on a
+// failure): the module's answers are then held to the description too.
+bool gKept = false;
+webapihost::AnswerCheck* gCheck = nullptr;
 
 // Names the handlers read, so that the fuzzer finds them quickly.
 // clang-format off
@@ -72,19 +80,37 @@ Json::Value Value(FuzzedDataProvider& d, int depth) {
   }
 }
 
+// A text the platform hands over: any bytes, or printable ones where it keeps
+// its contracts.
+std::string Text(FuzzedDataProvider& d) {
+  std::string text = d.ConsumeRandomLengthString(32);
+  if (gKept)
+    for (char& c : text) c = static_cast<char>(' ' + static_cast<unsigned char>(c) % 95);
+  return text;
+}
+
 // What the library fills in: mostly a plausible account, sometimes anything.
+// Keeping its contracts, every member any operation names, of its type.
 Json::Value Filled(FuzzedDataProvider& d) {
-  if (d.ConsumeBool()) return Value(d, 0);
+  if (!gKept && d.ConsumeBool()) return Value(d, 0);
   Json::Value info(Json::objectValue);
-  info["email"] = d.ConsumeBool() ? Json::Value(d.ConsumeRandomLengthString(32)) : Value(d, 1);
-  info["auth_key"] = d.ConsumeBool() ? Json::Value(d.ConsumeRandomLengthString(32)) : Value(d, 1);
-  info["activated"] = Value(d, 1);
+  for (const char* text :
+       {"email", "auth_key", "url", "critical_version_domain", "full_name", "country", "notify_language",
+        "critical_version_list", "language", "authorize_endpoint", "client_id", "redirect_uri", "token_endpoint"})
+    info[text] = gKept || d.ConsumeBool() ? Json::Value(Text(d)) : Value(d, 1);
+  for (const char* flag :
+       {"activated", "is_logged_in", "signed_out", "enews", "critical_release", "enews_local_promotion"})
+    info[flag] = gKept || d.ConsumeBool() ? Json::Value(d.ConsumeBool()) : Value(d, 1);
+  info["total"] = d.ConsumeIntegral<int32_t>();
   return info;
 }
 
+// Keeping its contract, a plain operation sets an error number on a failure
+// and 0 on a success.
 talvpellix::Outcome Result(FuzzedDataProvider& d) {
-  return {d.ConsumeIntegralInRange(-2, 2),
-          d.ConsumeBool() ? d.ConsumeIntegralInRange<uint32_t>(0, 27) : d.ConsumeIntegral<uint32_t>()};
+  const int result = d.ConsumeIntegralInRange(-2, 2);
+  if (gKept) return {result, result < 0 ? d.ConsumeIntegralInRange<uint32_t>(1, 27) : 0};
+  return {result, d.ConsumeBool() ? d.ConsumeIntegralInRange<uint32_t>(0, 27) : d.ConsumeIntegral<uint32_t>()};
 }
 
 // The PKCE service's way of failing: nothing, its exception, another
@@ -117,7 +143,7 @@ class FuzzedBackend : public talvpellix::Backend {
   }
   talvpellix::Outcome PurchaseList(const char*, const char*, const char*, Json::Value& apps, Json::Value&, Json::Value&,
                                    Json::Value&, Json::Value& result) override {
-    apps = Value(*gData, 1);
+    apps = gKept ? Json::Value(Json::arrayValue) : Value(*gData, 1);
     return Fill(result);
   }
   void PkceOpen() override { MaybeThrow(*gData); }
@@ -128,8 +154,9 @@ class FuzzedBackend : public talvpellix::Backend {
 
  private:
   talvpellix::Outcome Fill(Json::Value& object) {
-    if (gData->ConsumeBool()) object = Filled(*gData);
-    return Result(*gData);
+    const talvpellix::Outcome outcome = Result(*gData);
+    if (gKept ? outcome.result >= 0 : gData->ConsumeBool()) object = Filled(*gData);
+    return outcome;
   }
   Json::Value Pkce() {
     MaybeThrow(*gData);
@@ -140,7 +167,7 @@ class FuzzedBackend : public talvpellix::Backend {
 talvwebapi::ScriptedRunner gVerifier([](const Json::Value&) {
   Json::Value result = gData->ConsumeBool() ? Value(*gData, 0) : Json::Value(Json::objectValue);
   if (gData->ConsumeBool()) result["success"] = Value(*gData, 2);
-  if (gData->ConsumeBool()) result["data"]["verifier"] = gData->ConsumeRandomLengthString(32);
+  if (gData->ConsumeBool()) result["data"]["verifier"] = Text(*gData);
   return result;
 });
 
@@ -149,8 +176,7 @@ class FuzzedChecker : public talvfeasibility::Checker {
   talvfeasibility::Verdict Check(int, int) override {
     talvfeasibility::Verdict v;
     v.result = gData->ConsumeIntegralInRange(-2, 2);
-    for (int n = gData->ConsumeIntegralInRange(0, 3); n > 0; --n)
-      v.reasons.push_back(gData->ConsumeRandomLengthString(16));
+    for (int n = gData->ConsumeIntegralInRange(0, 3); n > 0; --n) v.reasons.push_back(Text(*gData));
     v.replaceList = gData->ConsumeBool();
     v.error = gData->ConsumeIntegral<uint16_t>();
     return v;
@@ -185,6 +211,11 @@ extern "C" int LLVMFuzzerInitialize(int*, char***) {
     gKeywordCodes.insert(row->iCode);
   }
   gKeywordCodes.insert(row->iCode);  // the terminator's: a keyword of no row
+  gCheck = webapihost::AnswerCheck::Load(PELLIX_SCHEMA, &error).release();
+  if (!gCheck) {
+    std::fprintf(stderr, "cannot load %s: %s\n", PELLIX_SCHEMA, error.c_str());
+    std::abort();
+  }
   talvpellix::SetBackend(&gBackend);
   talvwebapi::SetRunner(&gVerifier);
   talvfeasibility::SetChecker(&gChecker);
@@ -224,6 +255,7 @@ void PostForm(FuzzedDataProvider& d) {
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
   FuzzedDataProvider data(bytes, size);
   gData = &data;
+  gKept = data.ConsumeBool();
   // The account service's answer to a form: often a keyword of the table
   // and whatever may follow it.
   std::string answer =
@@ -260,6 +292,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     FUZZ_CHECK(a.found);
     FUZZ_CHECK(a.answers == (a.threw ? 0 : 1));
     if (registerV1 && !a.threw) FUZZ_CHECK(a.success || gKeywordCodes.count(a.code));
+    if (gKept && !a.threw) {
+      const std::string method = std::string(row.szAPI) + " " + std::to_string(row.iVersion) + " " + row.szMethod;
+      const std::string mismatch = gCheck->Mismatch(method, a);
+      if (!mismatch.empty())
+        std::fprintf(stderr, "%s: %s %s\n", method.c_str(), mismatch.c_str(), webapihost::Envelope(a).c_str());
+      FUZZ_CHECK(mismatch.empty());
+    }
   }
   FUZZ_CHECK(pellixtest::PostedForm().size() < 2048);
   FUZZ_CHECK(talvcore::LiveHashes() == 0 && talvcore::LiveLists() == 0 && talvcore::BadFrees().empty());
