@@ -20,12 +20,6 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::Return;
-using ::testing::SetArgReferee;
-using talvpellix::Outcome;
-
 // What each row may answer when a platform call fails (the stand-ins' fault
 // code 5 is the account error that translates to 3003): 0 where the handler
 // goes on without what failed; 100, the host's, where the exception passes.

@@ -7,14 +7,6 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::Return;
-using ::testing::SetArgReferee;
-using ::testing::Throw;
-using syslogcapture::Line;
-using talvpellix::Outcome;
-
 constexpr char kHostile[] = "%n%s%x\n<1>forged %d";
 
 TEST_F(ModuleTest, LoggedTextIsWrittenLiterally) {

@@ -9,10 +9,7 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::Return;
-using syslogcapture::Line;
 using talvfeasibility::Verdict;
-using talvpellix::Outcome;
 
 constexpr int kHard = FEASIBILITY_CHECK_HARD;
 constexpr int kSoft = FEASIBILITY_CHECK_SOFT;

@@ -15,11 +15,6 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::_;
-using ::testing::Invoke;
-using ::testing::Return;
-using syslogcapture::Line;
-
 constexpr uid_t kNobody = 65534;
 constexpr uid_t kOther = 12345;
 

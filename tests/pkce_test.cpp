@@ -11,12 +11,6 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::_;
-using ::testing::Return;
-using ::testing::Throw;
-using syslogcapture::Line;
-using talvpellix::PellixException;
-
 const char kKnown[] = R"({"success": true, "data": {"verifier": "v-123"}})";
 const char kLoginParams[] = R"({"code_challenge": "ch-1", "grant_code": "g-1", "client_id": "c-1",
   "token_endpoint": "https://acct.example/token", "redirect_uri": "https://nas.example/cb"})";

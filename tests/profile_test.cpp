@@ -6,11 +6,6 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::_;
-using ::testing::Invoke;
-using syslogcapture::Line;
-using talvpellix::Outcome;
-
 // A library text argument as the test sees it: JSON null for a null pointer.
 Json::Value TextArg(const char* text) { return text ? Json::Value(text) : Json::Value(); }
 

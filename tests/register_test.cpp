@@ -6,13 +6,6 @@
 namespace pellixtest {
 namespace {
 
-using syslogcapture::Line;
-using talvpellix::Outcome;
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::Return;
-using ::testing::SetArgReferee;
-
 const char kSignedIn[] = R"({"email": "bound@example.com", "auth_key": "k-1", "activated": true})";
 
 Line InvalidParameter(const char* function) { return LogLine(function, "Invalid parameter"); }

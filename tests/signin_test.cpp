@@ -8,14 +8,6 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::Invoke;
-using ::testing::Return;
-using ::testing::SetArgReferee;
-using syslogcapture::Line;
-using talvpellix::Outcome;
-
 // What the library fills in on a sign-in, and the account already bound when
 // the guard refuses. The bound key holds a NUL: passed through a C string it
 // ends there.

@@ -5,13 +5,6 @@
 namespace pellixtest {
 namespace {
 
-using ::testing::_;
-using ::testing::DoAll;
-using ::testing::Return;
-using ::testing::SetArgReferee;
-using syslogcapture::Line;
-using talvpellix::Outcome;
-
 constexpr uint32_t kAllBits = 0xFFFFFFFFu;
 
 const char kSignedIn[] = R"({"email": "Ada@Example.com", "auth_key": "k-123", "activated": true,

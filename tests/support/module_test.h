@@ -16,6 +16,17 @@
 
 namespace pellixtest {
 
+// What the module's tests script the platform with.
+using ::testing::_;
+using ::testing::DoAll;
+using ::testing::Invoke;
+using ::testing::Return;
+using ::testing::SetArgReferee;
+using ::testing::Throw;
+using syslogcapture::Line;
+using talvpellix::Outcome;
+using talvpellix::PellixException;
+
 // Parses a JSON text; fails the test on a syntax error.
 Json::Value J(const std::string& text);
 
