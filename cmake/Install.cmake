@@ -81,8 +81,10 @@ else()
   install(TARGETS webapi-host-installed RUNTIME DESTINATION ${CMAKE_INSTALL_BINDIR} COMPONENT devkit)
 endif()
 # webapi-host looks for its administration page in ../share/webapi-host/web
-# from its own folder before the source tree's web/.
-install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit)
+# from its own folder before the source tree's web/; web/types/ is the page's
+# type check (tsconfig.json, the pinned TypeScript), not a part of it.
+install(DIRECTORY web/ DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host/web COMPONENT devkit
+        PATTERN types EXCLUDE)
 # The description of the web API, which serve answers at /webapi/schema.json.
 install(FILES docs/webapi.schema.json DESTINATION ${CMAKE_INSTALL_DATADIR}/webapi-host COMPONENT devkit)
 # The named state documents of `serve --seed NAME`, found the same way.

@@ -12,6 +12,8 @@ cd "$(dirname "$0")/.."
 bash scripts/install-deps.sh --all
 # The Vite dev server of a browser test, at the version its lock file pins.
 npm ci --prefix tests/browser/vite --no-audit --no-fund >/dev/null
+# TypeScript, at the version its lock file pins, for the page's type check (page.types).
+npm ci --prefix web/types --no-audit --no-fund >/dev/null
 jobs=$(nproc)
 
 cmake --preset asan >/dev/null

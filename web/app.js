@@ -15,9 +15,23 @@ const KEY_STORE = 'pellix.lastSignIn';
 const $ = (selector, root = document) => root.querySelector(selector);
 const $$ = (selector, root = document) => Array.from(root.querySelectorAll(selector));
 
+/** @import { Params, Key, Answer } from '../docs/webapi' */
+/** @typedef {{ success: false, error: { code: 0, details: string } }} NoAnswer */
+
 // One request; always an envelope, so that a host that is down or answers
-// something else is reported like any other failure (code 0).
-async function call(api, version, method, params = {}) {
+// something else is reported like any other failure (code 0). Its types are
+// those of docs/webapi.d.ts, for the API, version and method it is given.
+/**
+ * @template {string} A
+ * @template {number} V
+ * @template {string} M
+ * @param {A} api
+ * @param {V} version
+ * @param {M} method
+ * @param {Params<Key<A, V, M>>} params
+ * @returns {Promise<Answer<Key<A, V, M>> | NoAnswer>}
+ */
+async function call(api, version, method, params) {
   let text = '';
   try {
     const res = await fetch(ENTRY, {
@@ -39,6 +53,12 @@ async function call(api, version, method, params = {}) {
 // stays on its own origin. The answer is made an envelope like the web
 // API's: a refusal of the host as it is, another error as `otherwise` makes
 // it, or else as a device that did not answer.
+/**
+ * @param {string} url
+ * @param {string} method
+ * @param {object} [body]
+ * @param {(answer: any) => object | null} [otherwise] given the parsed body of a refusal
+ */
 async function atHost(url, method, body, otherwise = () => null) {
   let text = '';
   try {
@@ -231,7 +251,7 @@ async function refreshStatus(expected) {
   const asked = ++statusAsked;
   // What the device answers may have used up a condition of the service.
   if (simPanel.open) listConditions();
-  const answer = await call(CENTER, 2, 'query');
+  const answer = await call(CENTER, 2, 'query', {});
   if (asked !== statusAsked) return;
   if (!answer.success) {
     const code = answer.error ? answer.error.code : 0;
@@ -276,6 +296,7 @@ function showKey(text) {
   cell.replaceChildren(show);
 }
 
+/** @param {{ data: { account: string } }} answer a sign-in's success */
 async function signedInNow(answer) {
   report($('#status'), 'ok', `Signed in as ${answer.data.account}.`);
   $$('#signin input[type=password]').forEach((i) => { i.value = ''; });
@@ -342,10 +363,17 @@ onSubmit($('#f-token'), async (form) => {
 onSubmit($('#f-pkce'), async (form) => {
   const section = $('#signin');
   if (refuseFaults(form)) return;
-  const config = await call(LOGIN, 1, 'pkce_config_get');
+  const config = await call(LOGIN, 1, 'pkce_config_get', {});
   if (!config.success) return failed(section, config);
   const login = config.data.login || {};
-  const verifier = await call(VERIFIER, 1, 'create');
+  // Settings that a sign-in needs and the device lacks are told, not sent
+  // as nothing.
+  const { client_id, redirect_uri, token_endpoint } = login;
+  if (!client_id || !redirect_uri || !token_endpoint) {
+    const lacking = Object.entries({ client_id, redirect_uri, token_endpoint }).filter(([, v]) => !v).map(([k]) => k);
+    return report(section, 'error', Messages.pkceSettings(lacking), undefined, config);
+  }
+  const verifier = await call(VERIFIER, 1, 'create', {});
   if (!verifier.success) return failed(section, verifier);
   const challenge = verifier.data.challenge;
   const grant = await authorizeAtService(login.authorize_endpoint || '/sim/authorize', {
@@ -353,16 +381,16 @@ onSubmit($('#f-pkce'), async (form) => {
     password: field(form, 'password').value,
     code_challenge: challenge,
     code_challenge_method: 'S256',
-    client_id: login.client_id,
-    redirect_uri: login.redirect_uri,
+    client_id,
+    redirect_uri,
   });
   if (!grant.success) return failed(section, grant, 'pkce');
   const answer = await call(LOGIN, 1, 'pkce_login', {
     code_challenge: challenge,
     grant_code: grant.data.grant_code,
-    client_id: login.client_id,
-    token_endpoint: login.token_endpoint,
-    redirect_uri: login.redirect_uri,
+    client_id,
+    token_endpoint,
+    redirect_uri,
   });
   if (answer.success) await signedInNow(answer);
   else failed(section, answer);
@@ -415,13 +443,13 @@ function profileReady(ready) {
 async function loadProfile() {
   const section = $('#profile');
   const form = $('#f-profile');
-  const answer = await call(ACCOUNT, 1, 'get');
+  const answer = await call(ACCOUNT, 1, 'get', {});
   if (!answer.success) {
     profile = null;
     profileReady(false);
     return failed(section, answer);
   }
-  if (answer.data.is_logged_in === false) return refreshStatus();
+  if ('is_logged_in' in answer.data) return refreshStatus();
   profile = answer.data;
   for (const name of TEXT_FIELDS) field(form, name).value = profile[name] == null ? '' : String(profile[name]);
   for (const name of FLAGS) field(form, name).checked = profile[name] === true;
@@ -627,7 +655,7 @@ async function changeConditions(method, path, body, done) {
 $('#sim-error').replaceChildren(...SIGN_IN_ERRORS.map((number) => {
   const code = Messages.codeOfAccountError(number);
   const option = document.createElement('option');
-  option.value = number;
+  option.value = String(number);
   option.textContent = `${number}${number === 2 ? ' (or any other)' : ''} → code ${code}: ${Messages.of(code)[0]}`;
   return option;
 }));
@@ -754,7 +782,9 @@ $('#refresh').addEventListener('click', () => busy($('#status'), async () => {
   if (signedIn && !profile) await busy($('#profile'), loadProfile);
 }));
 // A field marked wrong is unmarked as soon as it is edited.
-document.addEventListener('input', (event) => event.target.removeAttribute('aria-invalid'));
+document.addEventListener('input', (event) => {
+  if (event.target instanceof Element) event.target.removeAttribute('aria-invalid');
+});
 // A reload may restore the choices of the radio buttons.
 chooseSignInWay($('input[name=signin-way]:checked').value);
 $('#f-register .v2-only').hidden = registerVersion() !== 2;

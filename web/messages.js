@@ -78,6 +78,11 @@ const Messages = (() => {
     needs: (name, other) => [`${name}: needed together with "${other}".`, `Fill in "${name}", or clear "${other}".`],
   };
 
+  // Settings of pkce_config_get's login that a PKCE sign-in needs and the device does not give.
+  const pkceSettings = (names) => [
+    `The device's PKCE settings lack ${new Intl.ListFormat('en').format(names)}, which this sign-in needs.`,
+    'Sign in another way, or complete the PKCE settings of the device and try again.'];
+
   return {
     // [what went wrong, what to do]
     of(code, context) {
@@ -89,6 +94,7 @@ const Messages = (() => {
       return accountError[number] || 3000;
     },
     field,
+    pkceSettings,
     // For the page's tests: every code the table holds, and every pair.
     codes: () => Object.keys(byCode).map(Number),
     all() {

@@ -252,6 +252,13 @@ class AdminPageTest(unittest.TestCase):
         self.type_into("#pk-email", EMAIL)
         self.type_into("#pk-password", "not hers", enter=True)
         self.wait_text("#signin .outcome", "code 3004")
+        # PKCE settings of the device without a client_id, once: told, not sent as nothing.
+        self.driver.execute_script("const real = window.fetch; window.fetch = async (url, init) => {"
+                                   "  const res = await real(url, init); window.fetch = real;"
+                                   "  const answer = await res.json(); delete answer.data.login.client_id;"
+                                   "  return new Response(JSON.stringify(answer)); };")
+        self.type_into("#pk-password", PASSWORD, enter=True)
+        self.wait_text("#signin .outcome", "The device's PKCE settings lack client_id, which this sign-in needs.")
         self.type_into("#pk-password", PASSWORD, enter=True)
         self.wait_text("#st-account", "Signed in as " + EMAIL)
         self.find("#st-key button").click()
