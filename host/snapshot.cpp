@@ -81,18 +81,22 @@ Imported ImportState(StateFolder* state, pellixsim::Simulation& sim, const Json:
   if (error->empty()) *error = pellixsim::Simulation::Check(service, account);
   if (!error->empty()) return Imported::kRefused;
 
-  std::vector<std::pair<std::string, std::string>> staged;
-  if (!StageDevice(*state, device, &staged, error)) return Imported::kFailed;
+  // The device's files and the service change together (state.h
+  // StageDevice): the service's commit decides for both.
+  std::string generation;
+  if (!StageDevice(*state, device, &generation, error)) return Imported::kFailed;
   pellixsim::DeviceFacts facts = Facts(*state);
   if (device.isMember("serial")) facts.serial = device["serial"].asString();
   if (device.isMember("language")) facts.language = device["language"].asString();
   if (device.isMember("timezone")) facts.timezone = device["timezone"].asString();
-  if (sim.Import(service, account, facts) != pellixsim::kOk) {
-    RemoveFiles(staged);
+  if (sim.Import(service, account, facts, generation) != pellixsim::kOk) {
+    DropStaged(*state);
     *error = "the account service's storage failed, and nothing was changed: " + sim.LastFailure();
     return Imported::kFailed;
   }
-  return CommitFiles(state, staged, device, error) ? Imported::kDone : Imported::kFailed;
+  if (CommitFiles(state, device, error)) return Imported::kDone;
+  *error += "; the service is replaced, and the device's files will be when the folder is next opened or replaced";
+  return Imported::kFailed;
 }
 
 Json::Value FreshDocument(const std::string& serial) {

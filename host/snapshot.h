@@ -33,8 +33,10 @@ enum class Imported { kDone, kRefused, kFailed };
 // Replaces the whole state with `document`: checked first (kRefused, with
 // *error naming the member at fault by its JSON pointer, nothing changed),
 // then the device's files staged, the service replaced in one transaction and
-// the files renamed into place. kFailed with *error when a file or the
-// storage fails (the service as it was when its transaction failed).
+// the files renamed into place; the service's commit decides for both, and a
+// process killed midway leaves the folder to open as the old state or the
+// new (state.h StageDevice). kFailed with *error when a file or the storage
+// fails (the old state when the service's transaction failed).
 Imported ImportState(StateFolder* state, pellixsim::Simulation& sim, const Json::Value& document, std::string* error);
 
 // A fresh device with no account: the factory's facts, `serial`, nothing

@@ -10,9 +10,12 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <set>
+#include <vector>
 
 #include "device_files.h"
 #include "seam/seam.h"
+#include "store.h"
 #include "talv/sdk.h"
 #include "talv/tlibc.h"
 
@@ -105,6 +108,97 @@ bool Lock(StateFolder* state, std::string* error) {
   return false;
 }
 
+// Forces a file, or the names in a folder, to disk.
+bool Sync(const std::string& path, std::string* error) {
+  const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+  const bool synced = fd >= 0 && fsync(fd) == 0;
+  if (!synced) *error = "cannot write " + path + " to disk: " + std::strerror(errno);
+  if (fd >= 0) close(fd);
+  return synced;
+}
+
+// Writes `content` to `path` and forces it to disk.
+bool WriteSynced(const std::string& path, const std::string& content, std::string* error) {
+  {
+    std::ofstream out(path, std::ios::trunc);
+    out << content;
+    out.flush();
+    if (!out) {
+      *error = "cannot write " + path + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  return Sync(path, error);
+}
+
+// The device's files that a replacement of the state writes (StageDevice).
+std::vector<std::string> Replaced(const StateFolder& state) {
+  return {state.device + "/etc.defaults/talvinfo.conf", state.device + "/etc.defaults/VERSION",
+          state.device + "/etc/talvinfo.conf", state.ReasonsFile()};
+}
+
+// The folders of those files: their names (PATH.new, or PATH after a rename)
+// on disk.
+bool SyncFolders(const StateFolder& state, std::string* error) {
+  std::set<std::string> folders;
+  for (const std::string& place : Replaced(state)) folders.insert(fs::path(place).parent_path().string());
+  return std::all_of(folders.begin(), folders.end(), [&](const std::string& f) { return Sync(f, error); });
+}
+
+// A replacement's name in its marker and in the service's database: random,
+// so that no other replacement's, nor a marker cut short, is ever taken for it.
+std::string NewGeneration() {
+  unsigned char bytes[16];
+  if (RAND_bytes(bytes, sizeof(bytes)) != 1) std::abort();
+  std::string id;
+  for (unsigned char b : bytes) {
+    id += "0123456789abcdef"[b >> 4];
+    id += "0123456789abcdef"[b & 15];
+  }
+  return id;
+}
+
+// Ends a replacement of the device's files (StageDevice), whatever became of
+// the process that began it: each staged file is renamed to its place
+// (`forward`) or removed, then the marker goes. Done again after a kill
+// midway, it ends the same: a file already renamed has no PATH.new left.
+bool Settle(const StateFolder& state, bool forward, std::string* error) {
+  bool moved = false;
+  for (const std::string& place : Replaced(state)) {
+    const std::string staged = place + ".new";
+    if ((forward ? std::rename(staged.c_str(), place.c_str()) : std::remove(staged.c_str())) == 0) {
+      moved = true;
+    } else if (errno != ENOENT) {
+      *error = (forward ? "cannot write " + place : "cannot remove " + staged) + ": " + std::strerror(errno);
+      return false;
+    }
+  }
+  // The renames reach the disk before the marker goes: without it, nothing
+  // would make them again. And the marker's removal reaches it before the
+  // next replacement stages files, which this marker, back after a power
+  // cut, would take for its own.
+  if (forward && moved && !SyncFolders(state, error)) return false;
+  if (std::remove(state.Pending().c_str()) == 0) return Sync(state.root, error);
+  if (errno == ENOENT) return true;
+  *error = "cannot remove " + state.Pending() + ": " + std::strerror(errno);
+  return false;
+}
+
+// Ends a replacement of the state left unfinished, by a killed process or a
+// rename that failed: with the marker, the staged files are the state's when
+// the service's database committed the marker's generation, and never were
+// when it did not; without it, they are from before the marker was written.
+bool Recover(const StateFolder& state, std::string* error) {
+  std::string marked, committed;
+  std::ifstream marker(state.Pending());
+  std::getline(marker, marked);
+  if ((marked.empty() || pellixsim::Store::ReadGeneration(state.Database(), &committed, error)) &&
+      Settle(state, !marked.empty() && marked == committed, error))
+    return true;
+  *error = "cannot end the replacement of the state left unfinished: " + *error;
+  return false;
+}
+
 }  // namespace
 
 // A new device's serial number: the model's prefix and seven random digits.
@@ -176,47 +270,37 @@ std::string CheckDevice(const Json::Value& device) {
   return "";
 }
 
-bool StageDevice(const StateFolder& state, const Json::Value& device,
-                 std::vector<std::pair<std::string, std::string>>* staged, std::string* error) {
+bool StageDevice(const StateFolder& state, const Json::Value& device, std::string* generation, std::string* error) {
   auto fact = [&](const char* name, const std::string& now) {
     return device.isMember(name) ? device[name].asString() : now;
   };
   std::string reasons = kReasonsHeader;
   for (const Json::Value& r : device["logout_reasons"])
     reasons += r["grade"].asString() + " = " + r["reason"].asString() + "\n";
-  const std::string d = state.device;
-  const std::pair<std::string, std::string> files[] = {
-      {d + "/etc.defaults/talvinfo.conf",
-       "# Factory settings of the simulated device\nupnpmodelname=" + fact("model", state.model) +
-           "\nserial=" + fact("serial", state.serial) + "\n"},
-      {d + "/etc.defaults/VERSION",
-       "majorversion=\"5\"\nminorversion=\"2\"\nbuildnumber=\"" + fact("build", state.build) + "\"\n"},
-      {d + "/etc/talvinfo.conf", "# Settings of the simulated device\nlanguage=" + fact("language", state.language) +
-                                     "\ntimezone=" + fact("timezone", state.timezone) + "\n"},
-      {state.ReasonsFile(), reasons}};
-  for (const auto& file : files) {
-    const std::string temporary = file.first + ".new";
-    std::ofstream out(temporary, std::ios::trunc);
-    out << file.second;
-    out.flush();
-    if (!out) {
-      *error = "cannot write " + temporary + ": " + std::strerror(errno);
-      RemoveFiles(*staged);
-      (void)std::remove(temporary.c_str());
-      return false;
-    }
-    staged->emplace_back(temporary, file.first);
-  }
-  return true;
+  // A marker that a failed rename left would otherwise be taken for these
+  // files' own.
+  if (!Recover(state, error)) return false;
+  const std::vector<std::string> places = Replaced(state);
+  const std::string texts[] = {
+      "# Factory settings of the simulated device\nupnpmodelname=" + fact("model", state.model) +
+          "\nserial=" + fact("serial", state.serial) + "\n",
+      "majorversion=\"5\"\nminorversion=\"2\"\nbuildnumber=\"" + fact("build", state.build) + "\"\n",
+      "# Settings of the simulated device\nlanguage=" + fact("language", state.language) +
+          "\ntimezone=" + fact("timezone", state.timezone) + "\n",
+      reasons};
+  bool staged = true;
+  for (size_t i = 0; i < places.size() && staged; ++i) staged = WriteSynced(places[i] + ".new", texts[i], error);
+  // The marker last, once the files it stands for are on disk.
+  *generation = NewGeneration();
+  if (staged && SyncFolders(state, error) && WriteSynced(state.Pending(), *generation + "\n", error) &&
+      Sync(state.root, error))
+    return true;
+  DropStaged(state);
+  return false;
 }
 
-bool CommitFiles(StateFolder* state, const std::vector<std::pair<std::string, std::string>>& staged,
-                 const Json::Value& device, std::string* error) {
-  for (const auto& file : staged)
-    if (std::rename(file.first.c_str(), file.second.c_str()) != 0) {
-      *error = "cannot write " + file.second + ": " + std::strerror(errno);
-      return false;
-    }
+bool CommitFiles(StateFolder* state, const Json::Value& device, std::string* error) {
+  if (!Settle(*state, true, error)) return false;
   auto fact = [&](const char* name, std::string* now) {
     if (device.isMember(name)) *now = device[name].asString();
   };
@@ -228,8 +312,9 @@ bool CommitFiles(StateFolder* state, const std::vector<std::pair<std::string, st
   return true;
 }
 
-void RemoveFiles(const std::vector<std::pair<std::string, std::string>>& staged) {
-  for (const auto& file : staged) (void)std::remove(file.first.c_str());
+void DropStaged(const StateFolder& state) {
+  std::string ignored;
+  (void)Settle(state, false, &ignored);
 }
 
 StateFolder::~StateFolder() {
@@ -264,6 +349,7 @@ bool OpenState(const std::string& root, StateFolder* state, std::string* error) 
     *error = "cannot create " + state->service + ": " + ec.message();
     return false;
   }
+  if (!Recover(*state, error)) return false;
   // A fresh device: the development device's files (dev/sysroot) with a
   // serial number of its own; no account and nothing refused.
   const std::string d = state->device;

@@ -2,6 +2,8 @@
 // simulated account service's data, side by side.
 //
 //   STATE/lock              held by the one host that uses the folder
+//   STATE/device.pending    while the state is replaced: the generation of
+//                           the device's files staged (StageDevice)
 //   STATE/device/           the device's root for fixed paths (TALV_SYSROOT):
 //     etc/talvinfo.conf             language, time zone
 //     etc.defaults/talvinfo.conf    model name, serial number
@@ -17,8 +19,6 @@
 #include <json/value.h>
 
 #include <string>
-#include <utility>
-#include <vector>
 
 namespace webapihost {
 
@@ -39,6 +39,7 @@ struct StateFolder {
   std::string timezone;
 
   std::string Database() const { return service + "/account.db"; }
+  std::string Pending() const { return root + "/device.pending"; }
   std::string ReasonsFile() const { return device + "/logout-reasons.conf"; }
   std::string RelayConf() const { return device + "/usr/talv/etc/talvrelayd/talvrelayd.conf"; }
 
@@ -50,7 +51,8 @@ struct StateFolder {
 std::string DefaultStateDir();
 
 // Creates the folder, takes it for this process (two hosts on one folder
-// would each rewrite the device's files under the other), creates whatever
+// would each rewrite the device's files under the other), ends a replacement
+// of the state that a killed process left (StageDevice), creates whatever
 // of the device's files is missing (a fresh device: a new serial number, no
 // account), makes it the platform's root for fixed paths, and reads the
 // device's facts back through the platform. False with *error when the folder
@@ -69,16 +71,29 @@ Json::Value DeviceDocument(const StateFolder& state);
 // begins with the JSON pointer of the member at fault; "" when it can. A fact
 // left out stays as it is.
 std::string CheckDevice(const Json::Value& device);
-// The device's files for a checked `device`, each written whole beside its
-// place (PATH.new): (temporary, place) pairs for CommitFiles, or false with
-// *error, nothing left behind.
-bool StageDevice(const StateFolder& state, const Json::Value& device,
-                 std::vector<std::pair<std::string, std::string>>* staged, std::string* error);
-// Renames each staged file to its place (each rename is whole), and reads the
-// device's facts back into *state; RemoveFiles drops staged files unused.
-bool CommitFiles(StateFolder* state, const std::vector<std::pair<std::string, std::string>>& staged,
-                 const Json::Value& device, std::string* error);
-void RemoveFiles(const std::vector<std::pair<std::string, std::string>>& staged);
+// A replacement of the whole state (snapshot.h ImportState) leaves, however
+// it ends (an error, a kill, a power cut), the old state or the new one, never
+// the service of one with the device's files of the other. The service's
+// database decides which:
+//   1. StageDevice writes each of the device's files for a checked `device`
+//      whole beside its place (PATH.new) and then, last, the marker
+//      STATE/device.pending naming a new generation, each synced to disk;
+//   2. the service's import records that generation in the transaction that
+//      replaces its tables, synced too (pellixsim::ImportService): from its
+//      commit on, the staged files are the state's;
+//   3. CommitFiles renames them into place, syncs, and removes the marker;
+//      DropStaged removes them instead when the import failed.
+// Cut short between 1 and 3, the files are settled when the folder is next
+// opened (OpenState), or at the next replacement: renamed when the database
+// holds the marker's generation, removed when it does not or when there is
+// no marker. StageDevice gives the generation, or false with *error, nothing
+// left.
+bool StageDevice(const StateFolder& state, const Json::Value& device, std::string* generation, std::string* error);
+// Renames the staged files into place, and reads the device's facts back
+// into *state. False with *error, the marker kept, when a rename fails: the
+// next OpenState or StageDevice renames the rest.
+bool CommitFiles(StateFolder* state, const Json::Value& device, std::string* error);
+void DropStaged(const StateFolder& state);
 
 // Points the relay daemon's configuration at the account service's host.
 bool WriteRelayHost(const StateFolder& state, const std::string& host, std::string* error);

@@ -86,8 +86,9 @@ std::string Simulation::Check(const Json::Value& service, const Json::Value& sig
   return "";
 }
 
-uint32_t Simulation::Import(const Json::Value& service, const Json::Value& signedIn, DeviceFacts device) {
-  const uint32_t written = ImportService(*store_, service_.options(), service, signedIn, device.serial);
+uint32_t Simulation::Import(const Json::Value& service, const Json::Value& signedIn, DeviceFacts device,
+                            const std::string& generation) {
+  const uint32_t written = ImportService(*store_, service_.options(), service, signedIn, device.serial, generation);
   if (written != kOk) return written;
   backend_.SetDevice(std::move(device));
   conditions_.ClearAll();

@@ -59,8 +59,10 @@ class Simulation {
   static std::string Check(const Json::Value& service, const Json::Value& signedIn);
   // Replaces the service's state with a checked one, for the device `device`
   // (whose facts the service takes from here on), and the conditions in force
-  // with the document's. kSystem, and nothing changed, on a storage failure.
-  uint32_t Import(const Json::Value& service, const Json::Value& signedIn, DeviceFacts device);
+  // with the document's; the database records `generation` as the import's
+  // (ImportService). kSystem, and nothing changed, on a storage failure.
+  uint32_t Import(const Json::Value& service, const Json::Value& signedIn, DeviceFacts device,
+                  const std::string& generation);
   // The store's last storage failure.
   std::string LastFailure() const { return store_->LastFailure(); }
   // Cuts account.php's connections still open.

@@ -230,7 +230,7 @@ std::string CheckService(const Json::Value& service, const Json::Value& signedIn
 }
 
 uint32_t ImportService(Store& store, const Options& options, const Json::Value& service, const Json::Value& signedIn,
-                       const std::string& serial) {
+                       const std::string& serial, const std::string& generation) {
   const Json::Value& accounts = service["accounts"];
   std::vector<PasswordHash> hashes;
   for (const Json::Value& a : accounts) {
@@ -242,9 +242,11 @@ uint32_t ImportService(Store& store, const Options& options, const Json::Value& 
     }
   }
   const int64_t now = options.now ? options.now() : static_cast<int64_t>(std::time(nullptr));
-  return store.Transaction(kSystem, [&](Connection& db) -> uint32_t {
-    for (const char* table : {"grants", "access_tokens", "bindings", "auth_keys", "purchases", "accounts", "limits"})
+  return store.DurableTransaction(kSystem, [&](Connection& db) -> uint32_t {
+    for (const char* table :
+         {"grants", "access_tokens", "bindings", "auth_keys", "purchases", "accounts", "limits", "generation"})
       Statement(db, (std::string("DELETE FROM ") + table).c_str()).Run();
+    Statement(db, "INSERT INTO generation(id) VALUES(?)").Bind(generation).Run();
     if (service["limits"].isMember("accounts_per_device"))
       Statement(db, "INSERT INTO limits(name, value) VALUES('accounts_per_device', ?)")
           .Bind(service["limits"]["accounts_per_device"].asInt64())

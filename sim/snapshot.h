@@ -33,10 +33,13 @@ uint32_t ExportService(Store& store, const Options& options, const std::string& 
 // device's (`serial`).
 std::string CheckService(const Json::Value& service, const Json::Value& signedIn);
 
-// Replaces every table of the service with what CheckService accepted, in
-// one write transaction: all of it or, on a storage failure (kSystem),
-// nothing. Passwords in clear are hashed first, outside the store's lock.
+// Replaces every table of the service with what CheckService accepted, and
+// records `generation` as the import's (Store::ReadGeneration), in one write
+// transaction on disk when this returns: all of it or, on a storage failure
+// (kSystem), nothing. The host's device files staged for the same
+// replacement follow this commit (host/state.h). Passwords in clear are
+// hashed first, outside the store's lock.
 uint32_t ImportService(Store& store, const Options& options, const Json::Value& service, const Json::Value& signedIn,
-                       const std::string& serial);
+                       const std::string& serial, const std::string& generation);
 
 }  // namespace pellixsim

@@ -1,12 +1,15 @@
 #include "store.h"
 
+#include <unistd.h>
+
 #include <map>
 #include <vector>
 
 namespace pellixsim {
 namespace {
 
-constexpr int kSchemaVersion = 1;
+// 2: the table `generation`.
+constexpr int kSchemaVersion = 2;
 
 // E-mail addresses are unique regardless of letter case (`email_key` is the
 // lower-case form); the address is kept as it was registered.
@@ -63,6 +66,10 @@ CREATE TABLE IF NOT EXISTS purchases(
 CREATE TABLE IF NOT EXISTS limits(
   name TEXT PRIMARY KEY,
   value INTEGER NOT NULL);
+-- The generation of the host's whole state that the last import of the
+-- service made (snapshot.h ImportService): one row, none before the first.
+CREATE TABLE IF NOT EXISTS generation(
+  id TEXT NOT NULL);
 )sql";
 
 std::string Failure(sqlite3* db, const std::string& what) { return what + ": " + sqlite3_errmsg(db); }
@@ -267,6 +274,31 @@ std::unique_ptr<Store> Store::Open(const std::string& path, std::string* error) 
     }
   }
   return store;
+}
+
+bool Store::ReadGeneration(const std::string& path, std::string* generation, std::string* error) {
+  generation->clear();
+  if (access(path.c_str(), F_OK) != 0) return true;  // no database, no import
+  sqlite3* db = nullptr;
+  // Read-write, as Open: the first connection after a killed process
+  // recovers the log's index.
+  const int rc = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE | SQLITE_OPEN_NOMUTEX, nullptr);
+  try {
+    if (rc != SQLITE_OK) throw StoreError(db ? sqlite3_errmsg(db) : sqlite3_errstr(rc));
+    sqlite3_busy_timeout(db, 5000);
+    // A database older than the table has had no import that staged files.
+    Statement known(db, "SELECT COUNT(*) FROM sqlite_schema WHERE type = 'table' AND name = 'generation'");
+    if (known.Step() && known.Int(0) > 0) {
+      Statement id(db, "SELECT id FROM generation");
+      if (id.Step()) *generation = id.Text(0);
+    }
+  } catch (const StoreError& e) {
+    *error = path + ": cannot read: " + e.what();
+    sqlite3_close_v2(db);
+    return false;
+  }
+  sqlite3_close_v2(db);
+  return true;
 }
 
 Store::~Store() = default;

@@ -95,6 +95,12 @@ class Store {
   // not a database, fails its integrity check, has a newer schema, or holds
   // a table that is not the service's or not as the service makes it.
   static std::unique_ptr<Store> Open(const std::string& path, std::string* error);
+  // The generation that the last ImportService recorded in the database at
+  // `path`, read without opening a Store: "" when none, or no database. The
+  // host asks it to settle the device files it finds staged for an import
+  // (host/state.h). False with *error when the file cannot be read as a
+  // database.
+  static bool ReadGeneration(const std::string& path, std::string* generation, std::string* error);
   ~Store();
   Store(const Store&) = delete;
   Store& operator=(const Store&) = delete;
@@ -107,6 +113,18 @@ class Store {
   uint32_t Transaction(uint32_t storageError, Body body) {
     std::lock_guard<std::mutex> lock(writing_);
     return Run(*writer_, "BEGIN IMMEDIATE", storageError, body);
+  }
+  // As Transaction, and the commit is on disk when it returns (synchronous
+  // FULL for this one transaction): what the host renames after the commit
+  // must not outlive it in a power cut. Every commit survives a killed
+  // process anyway.
+  template <typename Body>
+  uint32_t DurableTransaction(uint32_t storageError, Body body) {
+    std::lock_guard<std::mutex> lock(writing_);
+    if (!Exec(*writer_, "PRAGMA synchronous=FULL")) return storageError;
+    const uint32_t result = Run(*writer_, "BEGIN IMMEDIATE", storageError, body);
+    Exec(*writer_, "PRAGMA synchronous=NORMAL");
+    return result;
   }
   // Runs body(connection) as one read transaction, at the same time as other
   // reads and the writer, on one of kReaders read-only connections (waiting

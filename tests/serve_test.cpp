@@ -12,6 +12,7 @@
 #include <fstream>
 #include <functional>
 #include <map>
+#include <random>
 #include <regex>
 #include <set>
 #include <thread>
@@ -64,6 +65,13 @@ class ServeTest : public ::testing::Test {
   }
   void Hammer(const std::function<bool(int)>& more, bool soak = false);
   void Reasons(const std::string& text) { std::ofstream(dir_.path() + "/state/device/logout-reasons.conf") << text; }
+  void FailAccountInserts() {  // as a full disk would
+    sqlite3* db = nullptr;
+    ASSERT_EQ(sqlite3_open((dir_.path() + "/state/service/account.db").c_str(), &db), SQLITE_OK);
+    const char* full = "CREATE TRIGGER full BEFORE INSERT ON accounts BEGIN SELECT RAISE(FAIL, 'disk is full'); END";
+    ASSERT_EQ(sqlite3_exec(db, full, nullptr, nullptr, nullptr), SQLITE_OK);
+    sqlite3_close(db);
+  }
 
   struct Step {
     const char* what;
@@ -362,6 +370,48 @@ TEST_F(ServeTest, StateSurvivesRestartAndKill) {
   const int kept = std::stoi(get.body["data"]["critical_version_list"].asString());
   EXPECT_GE(kept, last);
   EXPECT_LE(kept, last + 1);  // the one under way when killed may have committed
+}
+
+// Killed amid PUT /sim/state or POST /sim/reset, the host starts again on the
+// old state or the new, whole (the device's serial with the service's binding
+// to it), and no staged file is left, nor by an offline import that fails.
+TEST_F(ServeTest, StateReplacementKilledLeavesOneWholeState) {
+  ASSERT_NO_FATAL_FAILURE(Start({"--seed", "signed-in"}));
+  const auto state = [this] { return Send(host_->port(), "GET", "/sim/state").body; };
+  std::string out, err;
+  const auto clean = [&] {
+    return RunCommand("find '" + vars_["state"] + "' -name '*.new' -o -name '*.pending' | grep .", &out) != 0;
+  };
+  Json::Value a = state();
+  a["device"]["language"] = "ger";  // unlike a fresh device's
+  Json::Value b = a;
+  b["device"]["serial"] = "Q26CA0000002";
+  b["device"]["account"]["email"] = b["service"]["accounts"][0]["email"] = "bob@example.com";
+  const std::pair<std::string, std::string> steps[] = {
+      {"/sim/state", Compact(b)}, {"/sim/reset", ""}, {"/sim/state", Compact(a)}, {"/sim/reset", ""}};
+  std::vector<Json::Value> whole{state()};  // the states a round may leave: each step's, whole
+  const auto start = std::chrono::steady_clock::now();
+  for (const auto& step : steps) {
+    ASSERT_EQ(Send(host_->port(), step.second.empty() ? "POST" : "PUT", step.first, step.second).status, 200);
+    whole.push_back(state());
+  }
+  const auto took = (std::chrono::steady_clock::now() - start) / 4;
+  std::mt19937 random(std::random_device{}());
+  for (int round = 0; round < 40; ++round) {
+    std::thread request([&, port = host_->port(), step = steps[round % 4]] {
+      Send(port, step.second.empty() ? "POST" : "PUT", step.first, step.second);
+    });
+    std::this_thread::sleep_for(took * (random() % 100) / 100);
+    EXPECT_EQ(host_->Stop(SIGKILL), -SIGKILL);
+    request.join();
+    ASSERT_NO_FATAL_FAILURE(Start());
+    const Json::Value now = state();
+    EXPECT_TRUE(std::find(whole.begin(), whole.end(), now) != whole.end() && clean()) << Compact(now) << out;
+  }
+  EXPECT_EQ(host_->Stop(SIGTERM), 0);
+  ASSERT_NO_FATAL_FAILURE(FailAccountInserts());
+  EXPECT_EQ(RunCommand("'" WEBAPI_HOST "' state import signed-in --state " + vars_["state"], &out, &err), 1);
+  EXPECT_TRUE(err.find("disk is full") != std::string::npos && clean()) << err << out;
 }
 
 // The descriptors of process `pid` once a closed client's socket has had time
@@ -782,18 +832,12 @@ TEST_F(ServeTest, SignalsEndItAtEveryStage) {
 // is in the host's log.
 TEST_F(ServeTest, StorageFailureIsLoggedWithItsCause) {
   ASSERT_NO_FATAL_FAILURE(Start());
-  sqlite3* db = nullptr;
-  ASSERT_EQ(sqlite3_open((dir_.path() + "/state/service/account.db").c_str(), &db), SQLITE_OK);
-  ASSERT_EQ(sqlite3_exec(
-                db, "CREATE TRIGGER full BEFORE INSERT ON accounts BEGIN SELECT RAISE(FAIL, 'the disk is full'); END",
-                nullptr, nullptr, nullptr),
-            SQLITE_OK);
-  sqlite3_close(db);
+  ASSERT_NO_FATAL_FAILURE(FailAccountInserts());
   Run({{"registration", kCenter, 2, "register",
         R"({"account":"ada@example.com","password":"secret1","fullname":"Ada Lovelace","critical_release":true})",
         Refused(3003, "{}")}});
   EXPECT_NE(host_->Log().find("account service: storage failed: "), std::string::npos) << host_->Log();
-  EXPECT_NE(host_->Log().find("the disk is full"), std::string::npos) << host_->Log();
+  EXPECT_NE(host_->Log().find("disk is full"), std::string::npos) << host_->Log();
 }
 
 // Two sign-ins of different accounts sent at once: one binds the device, the

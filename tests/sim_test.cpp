@@ -131,8 +131,10 @@ TEST_F(ServiceTest, StateRoundTripsThroughExportAndImport) {
                         "iterations":1}}]})");
   const Json::Value bound = Parsed(R"({"email":"ada@EXAMPLE.com"})");
   ASSERT_EQ(CheckService(service, bound), "");
-  ASSERT_EQ(ImportService(*store_, service_->options(), service, bound, kSerial), kOk);
+  ASSERT_EQ(ImportService(*store_, service_->options(), service, bound, kSerial, "g1"), kOk);
   Json::Value info, exported, signedIn;
+  std::string generation, error;
+  EXPECT_TRUE(Store::ReadGeneration(dir_ + "/account.db", &generation, &error) && generation == "g1") << error;
   ASSERT_EQ(service_->Query(kSerial, &info), kOk);
   EXPECT_EQ(info["email"], "Ada@example.com");
   EXPECT_EQ(service_->Register(kSerial, Account("carol@example.com")), kSerialLimit);
@@ -145,7 +147,7 @@ TEST_F(ServiceTest, StateRoundTripsThroughExportAndImport) {
   EXPECT_EQ(ada["purchases"][0]["serial"], kSerial);
   EXPECT_EQ(exported["accounts"][1]["keys"][0]["serial"], "OTHER");
   // Exported, imported and exported again: the same document.
-  ASSERT_EQ(ImportService(*store_, service_->options(), exported, signedIn, kSerial), kOk);
+  ASSERT_EQ(ImportService(*store_, service_->options(), exported, signedIn, kSerial, "g2"), kOk);
   Json::Value again, boundAgain;
   ASSERT_EQ(ExportService(*store_, service_->options(), kSerial, &again, &boundAgain), kOk);
   EXPECT_EQ(again, exported);
