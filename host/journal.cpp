@@ -1,7 +1,9 @@
 #include "journal.h"
 
 #include <httplib.h>
+#include <json/reader.h>
 
+#include <memory>
 #include <set>
 
 #include "text.h"
@@ -136,21 +138,47 @@ void NoteCall(const ApiCall* call, const Answer& answer, const std::vector<std::
 void Journal::Add(Json::Value entry) {
   std::lock_guard<std::mutex> lock(mu_);
   entry["id"] = static_cast<Json::UInt64>(++last_);
+  std::string text = Compact(entry);
   if (file_) {
-    const std::string line = Compact(entry) + "\n";
-    (void)std::fwrite(line.data(), 1, line.size(), file_);
+    text += '\n';
+    (void)std::fwrite(text.data(), 1, text.size(), file_);
     (void)std::fflush(file_);
+    text.pop_back();
   }
-  entries_.push_back(std::move(entry));
+  entries_.push_back(Entry{last_, std::move(text)});
   while (entries_.size() > size_) entries_.pop_front();
 }
 
+std::string Journal::AfterText(uint64_t since) const {
+  std::string answer = "{\"entries\":[";
+  std::lock_guard<std::mutex> lock(mu_);
+  bool first = true;
+  for (const Entry& e : entries_)
+    if (e.id > since) {
+      if (!first) answer += ',';
+      answer += e.text;
+      first = false;
+    }
+  return answer + "],\"last\":" + std::to_string(last_) + "}";
+}
+
 Json::Value Journal::After(uint64_t since) const {
+  // An entry is as deep as what a client sent (at most the strict parser's
+  // 1000 levels) and the few levels of the entry around it.
+  thread_local const std::unique_ptr<Json::CharReader> reader = [] {
+    Json::CharReaderBuilder builder;
+    builder["stackLimit"] = 1100;
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }();
   Json::Value answer(Json::objectValue);
   answer["entries"] = Json::Value(Json::arrayValue);
   std::lock_guard<std::mutex> lock(mu_);
-  for (const Json::Value& e : entries_)
-    if (e["id"].asUInt64() > since) answer["entries"].append(e);
+  for (const Entry& e : entries_)
+    if (e.id > since) {
+      Json::Value entry;
+      reader->parse(e.text.data(), e.text.data() + e.text.size(), &entry, nullptr);
+      answer["entries"].append(std::move(entry));
+    }
   answer["last"] = static_cast<Json::UInt64>(last_);
   return answer;
 }

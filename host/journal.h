@@ -46,6 +46,8 @@ class Journal {
   // {"entries": [...], "last": ID}: the entries after `since`, oldest first;
   // "last" is the id of the newest entry made, to poll from.
   Json::Value After(uint64_t since) const;
+  // The same as Compact writes it.
+  std::string AfterText(uint64_t since) const;
   // Drops every entry; the ids go on.
   void Clear();
   // The entries as an HTTP Archive, for a host at `base` (http://HOST:PORT).
@@ -54,9 +56,15 @@ class Journal {
  private:
   const size_t size_;
   FILE* file_;
+  // An entry is kept as its text: a tree of values took a few dozen
+  // allocations to keep and as many to drop, on every request.
+  struct Entry {
+    uint64_t id;
+    std::string text;  // Compact's
+  };
   mutable std::mutex mu_;
-  std::deque<Json::Value> entries_;  // under mu_
-  uint64_t last_ = 0;                // under mu_
+  std::deque<Entry> entries_;  // under mu_
+  uint64_t last_ = 0;          // under mu_
 };
 
 }  // namespace webapihost

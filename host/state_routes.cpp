@@ -107,7 +107,7 @@ void DevHost::Journaled(const Exchange& x) {
     if (!since.empty() && (*end || errno || since[0] == '-'))
       return x.Refuse(400, kErrBadRequest,
                       "\"since\" is \"" + Cut(since) + "\": give the id of an entry, as \"last\" of an answer");
-    x.Json(200, Compact(journal_->After(after)));
+    x.Json(200, journal_->AfterText(after));
   }
   x.Log(x.req.method + " " + x.req.path + ": 200");
 }
