@@ -41,18 +41,18 @@ pellixsim::DeviceFacts Facts(const StateFolder& state) {
 
 }  // namespace
 
-bool ExportState(const StateFolder& state, pellixsim::Simulation& sim, Json::Value* document, std::string* error) {
-  Json::Value service, account;
+bool ExportState(const StateFolder& state, pellixsim::Simulation& sim, std::string* document, std::string* error) {
+  std::string service;
+  Json::Value account;
   if (sim.Export(&service, &account) != pellixsim::kOk) {
     *error = "the account service's storage failed: " + sim.LastFailure();
     return false;
   }
-  Json::Value& d = *document;
-  d = Json::Value(Json::objectValue);
-  d["version"] = kStateVersion;
-  d["device"] = DeviceDocument(state);
-  d["device"]["account"] = account;
-  d["service"] = service;
+  Json::Value device = DeviceDocument(state);
+  device["account"] = account;
+  // Members by name, as Compact orders them.
+  JsonText d(document);
+  d.Open('{').Key("device").Value(device).Key("service").Raw(service).Key("version").Int(kStateVersion).Close('}');
   return true;
 }
 
@@ -154,11 +154,13 @@ int StateCommand(const std::string& action, const std::string& file, const std::
     return 1;
   }
   if (action == "export") {
-    if (!ExportState(state, *sim, &document, &error)) {
+    std::string text;
+    if (!ExportState(state, *sim, &text, &error)) {
       (void)std::fprintf(err, "webapi-host: %s\n", error.c_str());
       return 1;
     }
-    (void)std::fprintf(out, "%s\n", Compact(document).c_str());
+    text += '\n';
+    (void)std::fwrite(text.data(), 1, text.size(), out);
     return 0;
   }
   const Imported done = ImportState(&state, *sim, document, &error);

@@ -60,13 +60,12 @@ void DevHost::State(const Exchange& x) {
     answer["replaced"] = true;
     return Replace(x, document, answer);
   }
-  Json::Value document;
-  std::string error;
+  std::string document, error;
   std::unique_lock<std::mutex> lock(stateMu_);
   if (!ExportState(*state_, *simulation_, &document, &error)) return x.Refuse(500, kErrUnknown, error);
   lock.unlock();
   x.res.set_header("Cache-Control", "no-store");
-  x.Json(200, Compact(document));
+  x.Json(200, std::move(document));
   x.Log(x.req.method + " " + x.req.path + ": 200");
 }
 

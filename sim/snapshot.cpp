@@ -6,7 +6,11 @@
 #include <set>
 #include <vector>
 
+#include "text.h"
+
 namespace pellixsim {
+
+using webapihost::JsonText;
 namespace {
 
 std::string Lower(std::string text) {
@@ -126,52 +130,84 @@ std::string Text(const Json::Value& o, const char* name, const std::string& fall
 
 }  // namespace
 
-uint32_t ExportService(Store& store, const Options& options, const std::string& serial, Json::Value* service,
-                       Json::Value* signedIn) {
-  Json::Value accounts(Json::arrayValue);
-  std::map<int64_t, Json::ArrayIndex> index;  // account id: its place in `accounts`
-  Json::Value limits(Json::objectValue);
+uint32_t WriteService(Store& store, const Options& options, const std::string& serial, const Json::Value* conditions,
+                      std::string* text, Json::Value* signedIn) {
+  // The accounts, their keys and their purchases come from three statements,
+  // each in its own order: each key and purchase is written as it comes into
+  // a text of its account's, and the accounts around them at the end.
+  struct Account {
+    int64_t id, iterations, created;
+    std::string email, fullName, salt, hash, registeredFrom, texts[4];
+    bool flags[4];
+    std::string keys, purchases;  // their objects, with commas between
+  };
+  std::vector<Account> accounts;
+  int limit = 0;
   *signedIn = Json::Value();
+  // The account of `id` (ids ascend with their places), or nullptr.
+  auto of = [&accounts](int64_t id) -> Account* {
+    auto at = std::lower_bound(accounts.begin(), accounts.end(), id,
+                               [](const Account& a, int64_t wanted) { return a.id < wanted; });
+    return at != accounts.end() && at->id == id ? &*at : nullptr;
+  };
   const uint32_t read = store.Read(kSystem, [&](Connection& db) -> uint32_t {
-    limits["accounts_per_device"] = AccountsPerDevice(db, options);
+    limit = AccountsPerDevice(db, options);
     Statement a(db,
                 "SELECT id, email, full_name, salt, hash, iterations, country, notify_language, timezone, "
                 "critical_version_list, enews, critical_release, enews_local_promotion, activated, registered_from, "
                 "created FROM accounts ORDER BY id");
     while (a.Step()) {
-      Json::Value v(Json::objectValue);
-      v["email"] = a.Text(1);
-      v["full_name"] = a.Text(2);
-      v["password_hash"]["salt"] = a.Text(3);
-      v["password_hash"]["hash"] = a.Text(4);
-      v["password_hash"]["iterations"] = static_cast<Json::Int64>(a.Int(5));
-      for (int i = 0; i < 4; ++i) v[kTexts[i]] = a.Text(6 + i);
-      for (int i = 0; i < 4; ++i) v[kFlags[i]] = a.Int(10 + i) != 0;
-      v["registered_from"] = a.Text(14);
-      v["created"] = static_cast<Json::Int64>(a.Int(15));
-      v["keys"] = Json::Value(Json::arrayValue);
-      v["purchases"] = Json::Value(Json::arrayValue);
-      index[a.Int(0)] = accounts.size();
-      accounts.append(std::move(v));
+      Account account{a.Int(0),
+                      a.Int(5),
+                      a.Int(15),
+                      a.Text(1),
+                      a.Text(2),
+                      a.Text(3),
+                      a.Text(4),
+                      a.Text(14),
+                      {a.Text(6), a.Text(7), a.Text(8), a.Text(9)},
+                      {a.Int(10) != 0, a.Int(11) != 0, a.Int(12) != 0, a.Int(13) != 0},
+                      "",
+                      ""};
+      accounts.push_back(std::move(account));
     }
+    Account* last = nullptr;  // keys and purchases of one account mostly come together
+    auto owner = [&](int64_t id) { return last && last->id == id ? last : (last = of(id)); };
     Statement k(db, "SELECT account_id, auth_key, serial, issued FROM auth_keys ORDER BY issued, auth_key");
     while (k.Step()) {
-      auto at = index.find(k.Int(0));
-      if (at == index.end()) continue;
-      Json::Value key(Json::objectValue);
-      key["auth_key"] = k.Text(1);
-      key["serial"] = k.Text(2);
-      key["issued"] = static_cast<Json::Int64>(k.Int(3));
-      accounts[at->second]["keys"].append(std::move(key));
+      Account* at = owner(k.Int(0));
+      if (!at) continue;
+      if (!at->keys.empty()) at->keys += ',';
+      JsonText(&at->keys)
+          .Open('{')
+          .Key("auth_key")
+          .String(k.View(1))
+          .Key("issued")
+          .Int(k.Int(3))
+          .Key("serial")
+          .String(k.View(2))
+          .Close('}');
     }
     Statement p(db, "SELECT account_id, app, serial, price, currency, paypal, date FROM purchases ORDER BY id");
     while (p.Step()) {
-      auto at = index.find(p.Int(0));
-      if (at == index.end()) continue;
-      Json::Value item(Json::objectValue);
-      const char* names[] = {"app", "serial", "price", "currency", "paypal", "date"};
-      for (int i = 0; i < 6; ++i) item[names[i]] = p.Text(1 + i);
-      accounts[at->second]["purchases"].append(std::move(item));
+      Account* at = owner(p.Int(0));
+      if (!at) continue;
+      if (!at->purchases.empty()) at->purchases += ',';
+      JsonText(&at->purchases)
+          .Open('{')
+          .Key("app")
+          .String(p.View(1))
+          .Key("currency")
+          .String(p.View(4))
+          .Key("date")
+          .String(p.View(6))
+          .Key("paypal")
+          .String(p.View(5))
+          .Key("price")
+          .String(p.View(3))
+          .Key("serial")
+          .String(p.View(2))
+          .Close('}');
     }
     Statement b(db,
                 "SELECT a.email, b.auth_key FROM bindings AS b JOIN accounts AS a ON a.id = b.account_id "
@@ -184,9 +220,66 @@ uint32_t ExportService(Store& store, const Options& options, const std::string& 
     return kOk;
   });
   if (read != kOk) return read;
-  (*service)["limits"] = limits;
-  (*service)["accounts"] = std::move(accounts);
+  // Members by name, as Compact orders them.
+  JsonText j(text);
+  j.Open('{').Key("accounts").Open('[');
+  for (const Account& a : accounts)
+    j.Open('{')
+        .Key("activated")
+        .Bool(a.flags[3])
+        .Key("country")
+        .String(a.texts[0])
+        .Key("created")
+        .Int(a.created)
+        .Key("critical_release")
+        .Bool(a.flags[1])
+        .Key("critical_version_list")
+        .String(a.texts[3])
+        .Key("email")
+        .String(a.email)
+        .Key("enews")
+        .Bool(a.flags[0])
+        .Key("enews_local_promotion")
+        .Bool(a.flags[2])
+        .Key("full_name")
+        .String(a.fullName)
+        .Key("keys")
+        .Open('[')
+        .Raw(a.keys)
+        .Close(']')
+        .Key("notify_language")
+        .String(a.texts[1])
+        .Key("password_hash")
+        .Open('{')
+        .Key("hash")
+        .String(a.hash)
+        .Key("iterations")
+        .Int(a.iterations)
+        .Key("salt")
+        .String(a.salt)
+        .Close('}')
+        .Key("purchases")
+        .Open('[')
+        .Raw(a.purchases)
+        .Close(']')
+        .Key("registered_from")
+        .String(a.registeredFrom)
+        .Key("timezone")
+        .String(a.texts[2])
+        .Close('}');
+  j.Close(']');
+  if (conditions) j.Key("conditions").Value(*conditions);
+  j.Key("limits").Open('{').Key("accounts_per_device").Int(limit).Close('}').Close('}');
   return kOk;
+}
+
+uint32_t ExportService(Store& store, const Options& options, const std::string& serial, Json::Value* service,
+                       Json::Value* signedIn) {
+  std::string text;
+  const uint32_t read = WriteService(store, options, serial, nullptr, &text, signedIn);
+  std::string problem;
+  if (read == kOk) webapihost::ParseJson(text, service, &problem);
+  return read;
 }
 
 std::string CheckService(const Json::Value& service, const Json::Value& signedIn) {

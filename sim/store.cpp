@@ -177,6 +177,12 @@ std::string Statement::Text(int column) const {
   const unsigned char* text = sqlite3_column_text(stmt_, column);
   return text ? std::string(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt_, column)) : "";
 }
+std::string_view Statement::View(int column) const {
+  const unsigned char* text = sqlite3_column_text(stmt_, column);
+  return text ? std::string_view(reinterpret_cast<const char*>(text),
+                                 static_cast<size_t>(sqlite3_column_bytes(stmt_, column)))
+              : std::string_view();
+}
 int64_t Statement::Int(int column) const { return sqlite3_column_int64(stmt_, column); }
 bool Statement::IsNull(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }
 

@@ -73,6 +73,8 @@ class Statement {
   // Runs a statement that returns no row.
   void Run();
   std::string Text(int column) const;  // "" for NULL
+  // The same, without a copy: valid until the next Step.
+  std::string_view View(int column) const;
   int64_t Int(int column) const;
   bool IsNull(int column) const;
 
