@@ -4,8 +4,8 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <fstream>
-#include <iterator>
 
 #include "simulation.h"
 #include "text.h"
@@ -74,8 +74,10 @@ Imported ImportState(StateFolder* state, pellixsim::Simulation& sim, const Json:
                        std::to_string(kStateVersion) + " only";
     return Imported::kRefused;
   }
-  const Json::Value device = document.isMember("device") ? document["device"] : Json::Value(Json::objectValue);
-  const Json::Value service = document.isMember("service") ? document["service"] : Json::Value(Json::objectValue);
+  // By reference: a copy of the service's part cost as much as checking it.
+  static const Json::Value kNone(Json::objectValue);
+  const Json::Value& device = document.isMember("device") ? document["device"] : kNone;
+  const Json::Value& service = document.isMember("service") ? document["service"] : kNone;
   const Json::Value& account = device.isObject() ? device["account"] : Json::Value::null;
   *error = CheckDevice(device);
   if (error->empty()) *error = pellixsim::Simulation::Check(service, account);
@@ -121,8 +123,13 @@ bool ReadDocument(const std::string& pathOrName, Json::Value* document, std::str
              ": give a file, or the name of a fixture (fresh, signed-in, sign-out-refused, registration-limit)";
     return false;
   }
-  std::ifstream in(path, std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), std::istreambuf_iterator<char>());
+  // Read whole, at once: a character at a time took a tenth of a second for
+  // a state of 10,000 accounts.
+  std::ifstream in(path, std::ios::binary | std::ios::ate);
+  std::string text(static_cast<size_t>(std::max<std::streamoff>(in.tellg(), 0)), '\0');
+  in.seekg(0);
+  in.read(&text[0], static_cast<std::streamsize>(text.size()));
+  text.resize(static_cast<size_t>(in.gcount()));
   std::string problem;
   if (!ParseJson(text, document, &problem)) {
     *error = "the state document " + path + " is not JSON: " + problem;

@@ -161,6 +161,16 @@ Statement& Statement::Bind(int64_t value) {
   sqlite3_bind_int64(stmt_, next_++, value);
   return *this;
 }
+Statement& Statement::BindUnowned(std::string_view text) {
+  // An empty view may have no data, which SQLite would take for NULL.
+  sqlite3_bind_text(stmt_, next_++, text.data() ? text.data() : "", static_cast<int>(text.size()), SQLITE_STATIC);
+  return *this;
+}
+Statement& Statement::Again() {
+  sqlite3_reset(stmt_);
+  next_ = 1;
+  return *this;
+}
 
 bool Statement::Step() {
   int rc = sqlite3_step(stmt_);
