@@ -84,7 +84,8 @@ class Check {
   bool Whole(const Members& o, const char* name, const std::string& at, int64_t low, int64_t high) {
     const Json::Value* v = o.Find(name);
     if (!v) return true;
-    return (v->isIntegral() && v->asInt64() >= low && v->asInt64() <= high) ||
+    // isInt64, not isIntegral: asInt64 throws for a whole number beyond it.
+    return (v->isInt64() && v->asInt64() >= low && v->asInt64() <= high) ||
            Fail(at + "/" + name, "must be a whole number from " + std::to_string(low) + " to " + std::to_string(high));
   }
   // Only the members in `known`: a misspelt one would be dropped unseen.
