@@ -199,6 +199,9 @@ void Journal::Add(const std::function<std::string(uint64_t id)>& write) {
     (void)std::fflush(file_);
     text.pop_back();
   }
+  // Written as it grew, its buffer may be twice its size: what the
+  // journal keeps of N entries is their text alone.
+  text.shrink_to_fit();
   entries_.push_back(Entry{last_, std::move(text)});
   while (entries_.size() > size_) entries_.pop_front();
 }
