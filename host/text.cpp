@@ -17,8 +17,7 @@ namespace webapihost {
 
 namespace {
 
-// JsonCpp's own writer, as Compact wrote everything once: it now writes only
-// the texts beyond ASCII (Quoted).
+// JsonCpp's own writer, for the texts that Quoted leaves to it.
 std::string LibraryCompact(const Json::Value& value) {
   // Making a writer and a stream took longer than writing a whole answer:
   // each thread keeps one of each.
@@ -116,12 +115,14 @@ void AppendCompact(const Json::Value& value, std::string* out) {
     case Json::objectValue: {
       const bool object = value.isObject();
       out->push_back(object ? '{' : '[');
-      for (auto it = value.begin(); it != value.end(); ++it) {
-        if (it != value.begin()) out->push_back(',');
+      bool first = true;
+      for (auto it = value.begin(), end = value.end(); it != end; ++it) {
+        if (!first) out->push_back(',');
+        first = false;
         if (object) {
-          const char* end = nullptr;
-          const char* name = it.memberName(&end);
-          Quoted(std::string_view(name, static_cast<size_t>(end - name)), out);
+          const char* last = nullptr;
+          const char* name = it.memberName(&last);
+          Quoted(std::string_view(name, static_cast<size_t>(last - name)), out);
           out->push_back(':');
         }
         AppendCompact(*it, out);
