@@ -1,8 +1,13 @@
 #include "journal.h"
 
 #include <httplib.h>
+#include <json/reader.h>
 
+#include <algorithm>
+#include <cmath>
+#include <memory>
 #include <set>
+#include <string_view>
 
 #include "text.h"
 
@@ -15,8 +20,8 @@ constexpr size_t kBodyText = size_t{16} * 1024;
 // A body up to this is read to mask it; a larger one is kept by its size.
 constexpr size_t kMaskedMost = size_t{64} * 1024;
 
-bool Secret(const std::string& name) {
-  static const std::set<std::string> kSecrets = {
+bool Secret(std::string_view name) {
+  static const std::set<std::string, std::less<>> kSecrets = {
       "password",      "new_password", "current_password", "auth_key",      "access_token", "token",
       "grant_code",    "code",         "code_verifier",    "verifier",      "challenge",    "password_hash",
       "authorization", "cookie",       "refresh_token",    "client_secret", "apikey"};
@@ -80,8 +85,13 @@ void Mask(Json::Value* value) {
   if (value->isArray()) {
     for (Json::Value& item : *value) Mask(&item);
   } else if (value->isObject()) {
-    for (const std::string& name : value->getMemberNames()) {
-      Json::Value& member = (*value)[name];
+    // Each member where it is: a list of the names and a lookup of each cost
+    // a few allocations of every request.
+    for (auto it = value->begin(); it != value->end(); ++it) {
+      const char* end = nullptr;
+      const char* begin = it.memberName(&end);
+      const std::string_view name(begin, static_cast<size_t>(end - begin));
+      Json::Value& member = *it;
       // An error's "code" is a number; a grant code is a text.
       if (Secret(name) && !member.isNull() && (name != "code" || member.isString()))
         member = kMasked;
@@ -110,7 +120,28 @@ std::string MaskedBody(const std::string& text, const std::string& contentType) 
   return "(" + std::to_string(text.size()) + " bytes of " + (contentType.empty() ? "no type" : Cut(contentType)) + ")";
 }
 
-void NoteCall(const ApiCall* call, const Answer& answer, const std::vector<std::string>& bites, Json::Value* note) {
+namespace {
+
+// Whether `value`'s JSON text reads back as a value that masks and writes as
+// `value` does: no NaN or infinity (written as null and 1e+9999), member
+// names in ASCII (broken UTF-8 in one is written as U+FFFD, which may sort
+// elsewhere or meet another), within the strict parser's depth.
+bool ReadsBack(const Json::Value& value, int depth) {
+  if (depth > 900) return false;
+  if (value.isDouble()) return std::isfinite(value.asDouble());
+  for (auto it = value.begin(); it != value.end(); ++it) {
+    const char* end = nullptr;
+    const char* name = it.memberName(&end);
+    if (name && std::any_of(name, end, [](char c) { return static_cast<unsigned char>(c) >= 0x80; })) return false;
+    if (!ReadsBack(*it, depth + 1)) return false;
+  }
+  return true;
+}
+
+}  // namespace
+
+void NoteCall(const ApiCall* call, const Answer& answer, const std::vector<std::string>& bites, const std::string& body,
+              Json::Value* note) {
   Json::Value& n = *note;
   if (call) {
     n["call"]["api"] = call->api;
@@ -127,30 +158,84 @@ void NoteCall(const ApiCall* call, const Answer& answer, const std::vector<std::
     n["answer"]["details"] = answer.data;
   }
   Mask(&n["answer"]);
+  // The response is the answer's envelope (Envelope): masked, it is the
+  // answer masked above in the envelope's members, written here rather than
+  // parsed back from the response, which cost more than the rest of the
+  // entry. What would not read back the same is masked from the response.
+  const Json::Value& masked = n["answer"];
+  if (body.size() <= kMaskedMost && ReadsBack(answer.data, 0)) {
+    std::string text;
+    JsonText j(&text);
+    if (answer.success)
+      j.Value(masked);
+    else
+      j.Open('{')
+          .Key("error")
+          .Open('{')
+          .Key("code")
+          .Value(masked["code"])
+          .Key("details")
+          .Value(masked["details"])
+          .Close('}')
+          .Key("success")
+          .Bool(false)
+          .Close('}');
+    n["response_body"] = CutBody(std::move(text));
+  } else {
+    n["response_body"] = MaskedBody(body, "application/json");
+  }
   n["conditions"] = Json::Value(Json::arrayValue);
   for (const std::string& bite : bites) n["conditions"].append(bite);
   if (!answer.found) n["reason"] = answer.data["reason"];
   if (answer.threw) n["reason"] = "the handler threw: " + answer.exception;
 }
 
-void Journal::Add(Json::Value entry) {
+void Journal::Add(const std::function<std::string(uint64_t id)>& write) {
   std::lock_guard<std::mutex> lock(mu_);
-  entry["id"] = static_cast<Json::UInt64>(++last_);
+  std::string text = write(++last_);
   if (file_) {
-    const std::string line = Compact(entry) + "\n";
-    (void)std::fwrite(line.data(), 1, line.size(), file_);
+    text += '\n';
+    (void)std::fwrite(text.data(), 1, text.size(), file_);
     (void)std::fflush(file_);
+    text.pop_back();
   }
-  entries_.push_back(std::move(entry));
+  // Written as it grew, its buffer may be twice its size: what the
+  // journal keeps of N entries is their text alone.
+  text.shrink_to_fit();
+  entries_.push_back(Entry{last_, std::move(text)});
   while (entries_.size() > size_) entries_.pop_front();
 }
 
+std::string Journal::AfterText(uint64_t since) const {
+  std::string answer = "{\"entries\":[";
+  std::lock_guard<std::mutex> lock(mu_);
+  bool first = true;
+  for (const Entry& e : entries_)
+    if (e.id > since) {
+      if (!first) answer += ',';
+      answer += e.text;
+      first = false;
+    }
+  return answer + "],\"last\":" + std::to_string(last_) + "}";
+}
+
 Json::Value Journal::After(uint64_t since) const {
+  // An entry is as deep as what a client sent (at most the strict parser's
+  // 1000 levels) and the few levels of the entry around it.
+  thread_local const std::unique_ptr<Json::CharReader> reader = [] {
+    Json::CharReaderBuilder builder;
+    builder["stackLimit"] = 1100;
+    return std::unique_ptr<Json::CharReader>(builder.newCharReader());
+  }();
   Json::Value answer(Json::objectValue);
   answer["entries"] = Json::Value(Json::arrayValue);
   std::lock_guard<std::mutex> lock(mu_);
-  for (const Json::Value& e : entries_)
-    if (e["id"].asUInt64() > since) answer["entries"].append(e);
+  for (const Entry& e : entries_)
+    if (e.id > since) {
+      Json::Value entry;
+      reader->parse(e.text.data(), e.text.data() + e.text.size(), &entry, nullptr);
+      answer["entries"].append(std::move(entry));
+    }
   answer["last"] = static_cast<Json::UInt64>(last_);
   return answer;
 }

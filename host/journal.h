@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <deque>
+#include <functional>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -29,8 +30,11 @@ std::string MaskedBody(const std::string& text, const std::string& contentType);
 
 // What the journal keeps of a web API request beside its HTTP exchange: the
 // call (null when it could not be decoded), its answer, the bites of the
-// service's conditions, and the reason when the host refused it.
-void NoteCall(const ApiCall* call, const Answer& answer, const std::vector<std::string>& bites, Json::Value* note);
+// service's conditions, and the reason when the host refused it; and the
+// response's body, `body` (the answer's Envelope), masked as MaskedBody
+// masks it.
+void NoteCall(const ApiCall* call, const Answer& answer, const std::vector<std::string>& bites, const std::string& body,
+              Json::Value* note);
 
 class Journal {
  public:
@@ -40,12 +44,16 @@ class Journal {
   // `file` (not owned; nullptr: none) as one line.
   Journal(size_t size, FILE* file) : size_(size ? size : 1), file_(file) {}
 
-  // Keeps `entry`, numbered here ("id", from 1 up), and drops the oldest
-  // beyond the size.
-  void Add(Json::Value entry);
+  // Keeps the entry that `write` writes, as Compact would write it, for the
+  // number it is given ("id", from 1 up), and drops the oldest beyond the
+  // size. `write` is called under the journal's lock: entries are kept in
+  // the order of their numbers.
+  void Add(const std::function<std::string(uint64_t id)>& write);
   // {"entries": [...], "last": ID}: the entries after `since`, oldest first;
   // "last" is the id of the newest entry made, to poll from.
   Json::Value After(uint64_t since) const;
+  // The same as Compact writes it.
+  std::string AfterText(uint64_t since) const;
   // Drops every entry; the ids go on.
   void Clear();
   // The entries as an HTTP Archive, for a host at `base` (http://HOST:PORT).
@@ -54,9 +62,15 @@ class Journal {
  private:
   const size_t size_;
   FILE* file_;
+  // An entry is kept as its text: a tree of values took a few dozen
+  // allocations to keep and as many to drop, on every request.
+  struct Entry {
+    uint64_t id;
+    std::string text;  // Compact's
+  };
   mutable std::mutex mu_;
-  std::deque<Json::Value> entries_;  // under mu_
-  uint64_t last_ = 0;                // under mu_
+  std::deque<Entry> entries_;  // under mu_
+  uint64_t last_ = 0;          // under mu_
 };
 
 }  // namespace webapihost

@@ -42,7 +42,7 @@ class Exchange {
   // Answers the host's `code` with `reason` in the envelope, and logs it.
   void Refuse(int status, int code, const std::string& reason) const;
   // Answers JSON text.
-  void Json(int status, const std::string& json) const;
+  void Json(int status, std::string json) const;
   // Answers one of the host's HTML pages, which hold no script, load nothing
   // and post their forms only to this host (whose answer may send the
   // browser on to a trusted origin). Framed as the route's Origins say.

@@ -58,7 +58,7 @@ void DevHost::WebApi(const Exchange& x) {
   Answer answer = decoded ? Dispatch(call, &bites) : HostError(kErrBadRequest, problem);
   const int status = HttpStatus(answer);
   x.Json(status, Envelope(answer));
-  if (x.journal) NoteCall(decoded ? &call : nullptr, answer, bites, x.journal);
+  if (x.journal) NoteCall(decoded ? &call : nullptr, answer, bites, x.res.body, x.journal);
   const std::string outcome = answer.success ? "success" : "code " + std::to_string(answer.code);
   // A call by what it calls; one that cannot be decoded by its path.
   std::string text =

@@ -24,9 +24,9 @@ namespace webapihost {
 // another version is refused by name.
 constexpr int kStateVersion = 1;
 
-// The document of the state in `state` and `sim`; false with *error when
-// the service's storage fails.
-bool ExportState(const StateFolder& state, pellixsim::Simulation& sim, Json::Value* document, std::string* error);
+// The document of the state in `state` and `sim`, written onto *document as
+// Compact would write it; false with *error when the service's storage fails.
+bool ExportState(const StateFolder& state, pellixsim::Simulation& sim, std::string* document, std::string* error);
 
 // What ImportState did.
 enum class Imported { kDone, kRefused, kFailed };

@@ -3,8 +3,12 @@
 #include <cinttypes>
 #include <cmath>
 #include <cstdlib>
+#include <cstring>
 #include <ctime>
 #include <regex>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 #include "devhost.h"
 #include "simulation.h"
@@ -60,13 +64,12 @@ void DevHost::State(const Exchange& x) {
     answer["replaced"] = true;
     return Replace(x, document, answer);
   }
-  Json::Value document;
-  std::string error;
+  std::string document, error;
   std::unique_lock<std::mutex> lock(stateMu_);
   if (!ExportState(*state_, *simulation_, &document, &error)) return x.Refuse(500, kErrUnknown, error);
   lock.unlock();
   x.res.set_header("Cache-Control", "no-store");
-  x.Json(200, Compact(document));
+  x.Json(200, std::move(document));
   x.Log(x.req.method + " " + x.req.path + ": 200");
 }
 
@@ -107,7 +110,7 @@ void DevHost::Journaled(const Exchange& x) {
     if (!since.empty() && (*end || errno || since[0] == '-'))
       return x.Refuse(400, kErrBadRequest,
                       "\"since\" is \"" + Cut(since) + "\": give the id of an entry, as \"last\" of an answer");
-    x.Json(200, Compact(journal_->After(after)));
+    x.Json(200, journal_->AfterText(after));
   }
   x.Log(x.req.method + " " + x.req.path + ": 200");
 }
@@ -117,34 +120,67 @@ void DevHost::Record(const httplib::Request& req, const RequestBody& body, const
                      std::chrono::steady_clock::time_point start) {
   // Polling the journal would fill it with itself.
   if (!journal_ || req.path.rfind("/sim/journal", 0) == 0) return;
-  Json::Value& e = note;
-  e["time"] = Iso(started);
   const double ms = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
-  e["duration_ms"] = std::round(ms * 1000) / 1000;
-  e["method"] = HttpMethod(req.method) ? req.method : "-";
-  e["path"] = req.path.empty() ? "-" : req.path;
-  e["query"] = Json::Value(Json::objectValue);
-  for (const auto& p : req.params) e["query"][p.first] = p.second;
-  Mask(&e["query"]);
-  const std::string type = req.get_header_value("Content-Type");
-  e["request_type"] = type;
-  e["request_size"] = static_cast<Json::UInt64>(body.text.size());
-  if (!body.text.empty()) e["request_body"] = MaskedBody(body.text, type);
+  // The entry is written as text, members by name: a tree of values made,
+  // written and dropped on every request took more than answering a query.
+  // Its own members' values, each as JSON, by name ("id" is the journal's):
+  std::vector<std::pair<const char*, std::string>> own;
+  auto text = [&own](const char* name, std::string_view value) {
+    std::string quoted;
+    JsonText(&quoted).String(value);
+    own.emplace_back(name, std::move(quoted));
+  };
+  own.emplace_back("duration_ms", Compact(Json::Value(std::round(ms * 1000) / 1000)));
+  own.emplace_back("id", "");  // the journal's number, below
+  if (res.has_header("Location"))
+    text("location", std::regex_replace(res.get_header_value("Location"), std::regex("([?&]code=)[^&]*"),
+                                        std::string("$1") + kMasked));
+  text("method", HttpMethod(req.method) ? req.method : "-");
+  text("path", req.path.empty() ? "-" : req.path);
+  Json::Value query(Json::objectValue);
+  for (const auto& p : req.params) query[p.first] = p.second;
+  Mask(&query);
+  own.emplace_back("query", Compact(query));
+  std::string type = req.get_header_value("Content-Type");
   if (!body.parts.empty()) {
     Json::Value parts(Json::objectValue);
     for (const auto& p : body.parts) parts[p.first] = p.second.content;
     Mask(&parts);
-    e["request_type"] = "application/json";
-    e["request_body"] = Compact(parts);
+    text("request_body", Compact(parts));
+    type = "application/json";
+  } else if (!body.text.empty()) {
+    text("request_body", MaskedBody(body.text, type));
   }
-  e["status"] = res.status;
-  e["response_type"] = res.get_header_value("Content-Type");
-  e["response_size"] = static_cast<Json::UInt64>(res.body.size());
-  e["response_body"] = MaskedBody(res.body, e["response_type"].asString());
-  if (res.has_header("Location"))
-    e["location"] = std::regex_replace(res.get_header_value("Location"), std::regex("([?&]code=)[^&]*"),
-                                       std::string("$1") + kMasked);
-  journal_->Add(std::move(e));
+  own.emplace_back("request_size", std::to_string(body.text.size()));
+  text("request_type", type);
+  const std::string responseType = res.get_header_value("Content-Type");
+  // A web API answer's route noted it already (NoteCall).
+  if (!note.isMember("response_body")) text("response_body", MaskedBody(res.body, responseType));
+  own.emplace_back("response_size", std::to_string(res.body.size()));
+  text("response_type", responseType);
+  own.emplace_back("status", std::to_string(res.status));
+  text("time", Iso(started));
+  journal_->Add([&](uint64_t id) {
+    // The route's notes among them, in one order; one of the same name is
+    // the entry's own.
+    std::string entry;
+    JsonText j(&entry);
+    j.Open('{');
+    auto noted = note.begin();
+    auto name = [&noted] {
+      const char* end = nullptr;
+      const char* begin = noted.memberName(&end);
+      return std::string_view(begin, static_cast<size_t>(end - begin));
+    };
+    for (const auto& member : own) {
+      for (; noted != note.end() && name() <= member.first; ++noted)
+        if (name() != member.first) j.Key(name()).Value(*noted);
+      j.Key(member.first).Raw(std::strcmp(member.first, "id") == 0 ? std::to_string(id) : member.second);
+    }
+    for (; noted != note.end(); ++noted) j.Key(name()).Value(*noted);
+    j.Close('}');
+    return entry;
+  });
 }
 
 }  // namespace webapihost

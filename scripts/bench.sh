@@ -5,18 +5,21 @@
 # ratio, and the TLS handshake alone; then the development host's `query`
 # requests per second from 8 clients, and the latency of a `query` on a new
 # connection beside 64 idle ones; last, the host beside a bare server of the
-# same HTTP library under wrk (see wrk_figures below).
+# same HTTP library under wrk (see wrk_figures below); and the whole state of
+# 10,000 accounts exported, imported and reset, offline and through the host
+# (see state_figures).
 #
 #   bench.sh          all of it, a few minutes
-#   bench.sh --wrk    the last part alone, under a minute
+#   bench.sh --wrk    the host beside the bare server alone, under a minute
+#   bench.sh --state  the whole state alone, under a minute
 #
 # WEBAPI_HOST in the environment measures another build's host.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 case "${1:-}" in
-  "" | --wrk) ;;
+  "" | --wrk | --state) ;;
   *)
-    echo "usage: $0 [--wrk]" >&2
+    echo "usage: $0 [--wrk | --state]" >&2
     exit 2
     ;;
 esac
@@ -105,8 +108,35 @@ print(f"{'mean':<8}{sum(bare) / len(bare):>12,.0f}{sum(host) / len(host):>12,.0f
 PY
 }
 
+# The whole state (bench/state_bench.cpp): the median of three runs of each,
+# its wall-clock time as a user waits for it, the CPU time and the peak
+# resident size of the process that did the work.
+state_figures() {
+  build/default/state_bench --benchmark_format=json --benchmark_report_aggregates_only=true >"$work/state.json"
+  python3 - "$work/state.json" <<'PY'
+import json, sys
+runs = json.load(open(sys.argv[1]))
+load = ", ".join(f"{l:.2f}" for l in runs["context"].get("load_avg", []))
+median = {b["run_name"].split("/")[0]: b for b in runs["benchmarks"] if b.get("aggregate_name") == "median"}
+print(f"The whole state, 10,000 accounts with 10 purchases and a key each (median of 3; load average {load} at the start):")
+print(f"{'':<34}{'wall ms':>10}{'CPU s':>8}{'peak RSS MiB':>14}")
+for name, what in [("OfflineImport", "webapi-host state import"), ("OfflineExport", "webapi-host state export"),
+                   ("HostPut", "PUT /sim/state"), ("HostGet", "GET /sim/state"),
+                   ("HostReset", "POST /sim/reset from that state")]:
+    b = median.get(name)
+    if b is None:
+        print(f"{what:<34}{'failed':>10}")
+        continue
+    print(f"{what:<34}{b['real_time']:>10.0f}{b['cpu_s']:>8.2f}{b['peak_rss_mib']:>14.0f}")
+PY
+}
+
 if [[ "${1:-}" == --wrk ]]; then
   wrk_figures
+  exit 0
+fi
+if [[ "${1:-}" == --state ]]; then
+  state_figures
   exit 0
 fi
 
@@ -155,3 +185,5 @@ print(f"webapi-host serve, query on a new connection beside 64 idle ones (median
 PY
 echo
 wrk_figures
+echo
+state_figures

@@ -12,7 +12,7 @@ set -euo pipefail
 packages=(
   cmake ninja-build g++ pkg-config
   libjsoncpp-dev libcurl4-openssl-dev libssl-dev libsqlite3-dev libcpp-httplib-dev curl
-  libvalijson-dev
+  libvalijson-dev rapidjson-dev
 )
 case "${1:-}" in
   "") ;;

@@ -60,8 +60,7 @@ Simulation::~Simulation() { accountPhp_.Stop(); }
 
 int Simulation::StartAccountPhp(std::string* error) { return accountPhp_.Start(folder_, error); }
 
-uint32_t Simulation::Export(Json::Value* service, Json::Value* signedIn) {
-  const uint32_t read = ExportService(*store_, service_.options(), backend_.Device().serial, service, signedIn);
+uint32_t Simulation::Export(std::string* service, Json::Value* signedIn) {
   Json::Value conditions(Json::arrayValue);
   const Json::Value inForce = conditions_.List();
   for (Json::Value c : inForce["conditions"]) {
@@ -70,8 +69,7 @@ uint32_t Simulation::Export(Json::Value* service, Json::Value* signedIn) {
     c.removeMember("id");
     conditions.append(c);
   }
-  (*service)["conditions"] = conditions;
-  return read;
+  return WriteService(*store_, service_.options(), backend_.Device().serial, &conditions, service, signedIn);
 }
 
 std::string Simulation::Check(const Json::Value& service, const Json::Value& signedIn) {

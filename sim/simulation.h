@@ -49,11 +49,11 @@ class Simulation {
   // Serves account.php on a free port of 127.0.0.1: the port, or -1 with
   // *error.
   int StartAccountPhp(std::string* error);
-  // The service's part of the host's state document (snapshot.h), the
-  // conditions in force among it ("conditions": each as it was set, "times"
-  // what is left of it), and the device's binding in *signedIn. kSystem on a
-  // storage failure.
-  uint32_t Export(Json::Value* service, Json::Value* signedIn);
+  // The service's part of the host's state document (snapshot.h) written
+  // onto *service, the conditions in force among it ("conditions": each as
+  // it was set, "times" what is left of it), and the device's binding in
+  // *signedIn. kSystem on a storage failure.
+  uint32_t Export(std::string* service, Json::Value* signedIn);
   // Why the service's part of a document cannot be imported ("" when it
   // can): a sentence beginning with the JSON pointer of the member at fault.
   static std::string Check(const Json::Value& service, const Json::Value& signedIn);

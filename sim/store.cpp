@@ -168,6 +168,16 @@ Statement& Statement::Bind(int64_t value) {
   sqlite3_bind_int64(stmt_, next_++, value);
   return *this;
 }
+Statement& Statement::BindUnowned(std::string_view text) {
+  // An empty view may have no data, which SQLite would take for NULL.
+  sqlite3_bind_text(stmt_, next_++, text.data() ? text.data() : "", static_cast<int>(text.size()), SQLITE_STATIC);
+  return *this;
+}
+Statement& Statement::Again() {
+  sqlite3_reset(stmt_);
+  next_ = 1;
+  return *this;
+}
 
 bool Statement::Step() {
   int rc = sqlite3_step(stmt_);
@@ -183,6 +193,12 @@ void Statement::Run() {
 std::string Statement::Text(int column) const {
   const unsigned char* text = sqlite3_column_text(stmt_, column);
   return text ? std::string(reinterpret_cast<const char*>(text), sqlite3_column_bytes(stmt_, column)) : "";
+}
+std::string_view Statement::View(int column) const {
+  const unsigned char* text = sqlite3_column_text(stmt_, column);
+  return text ? std::string_view(reinterpret_cast<const char*>(text),
+                                 static_cast<size_t>(sqlite3_column_bytes(stmt_, column)))
+              : std::string_view();
 }
 int64_t Statement::Int(int column) const { return sqlite3_column_int64(stmt_, column); }
 bool Statement::IsNull(int column) const { return sqlite3_column_type(stmt_, column) == SQLITE_NULL; }

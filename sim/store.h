@@ -68,11 +68,18 @@ class Statement {
   Statement& Bind(const std::string& text);
   Statement& Bind(const char* text);  // null binds SQL NULL
   Statement& Bind(int64_t value);
+  // Binds `text` without a copy: it must stay as it is until the statement
+  // has run. For rows by the thousand.
+  Statement& BindUnowned(std::string_view text);
+  // Makes the statement ready to be bound and run again.
+  Statement& Again();
   // Next row: true while there is one. Throws StoreError on a failure.
   bool Step();
   // Runs a statement that returns no row.
   void Run();
   std::string Text(int column) const;  // "" for NULL
+  // The same, without a copy: valid until the next Step.
+  std::string_view View(int column) const;
   int64_t Int(int column) const;
   bool IsNull(int column) const;
 
